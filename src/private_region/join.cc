@@ -48,11 +48,6 @@ void mark_sector(priv_info* priv, voff_t sector, voff_t nbits) {
   if (chunk >= 0 && chunk < nbits) bmap_set(priv->pri_alloc_map, static_cast<int>(chunk));
 }
 
-void clear_sector(bitmap_t* map, const priv_header_info* hdr, voff_t sector, voff_t nbits) {
-  const voff_t chunk = priv_sector_to_chunk(hdr, sector);
-  if (chunk >= 0 && chunk < nbits) bmap_clear(map, static_cast<int>(chunk));
-}
-
 // Appends one block's positions to both sector arrays.
 int append_toc_sector(priv_info* priv, voff_t toc, voff_t alt) {
   const std::size_t n = priv->pri_toc_len + 1;
@@ -188,12 +183,10 @@ voff_t priv_len_chunks(const priv_header_info* hdr) {
   return priv_sector_to_chunk(hdr, hdr->phi_priv_len);
 }
 
-priv_info* priv_alloc() { return new (std::nothrow) priv_info{}; }
-
 void priv_free(priv_info* priv) {
   if (priv == nullptr) return;
   priv_reset(priv);
-  delete priv;
+  std::free(priv);
 }
 
 int priv_join(priv_info* priv) {

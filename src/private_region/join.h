@@ -7,7 +7,7 @@
 // Ownership: everything hung on the handle is heap memory owned by it.
 // priv_unjoin frees the join products; priv_reset (locate.h) additionally
 // frees the header and the tag-id list; priv_free does priv_reset and frees
-// a handle allocated with priv_alloc.
+// the handle.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +16,8 @@
 
 namespace pd {
 
-// A zeroed handle (new), or null.
-priv_info* priv_alloc();
+// priv_reset, then frees a handle that priv_alloc (the driver's allocator,
+// calloc) gave.
 void priv_free(priv_info* priv);
 
 int priv_join(priv_info* priv);

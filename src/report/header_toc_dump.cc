@@ -43,14 +43,15 @@ void dump_diskset(session& s, const priv_info* priv) {
 
 // The region line's format keeps the zero flag of the report's text; with
 // %s it has no effect and the fill is spaces.
-const char* const region_line_format = " %-8s %-4s %06s-%06s[%06s]";
-
 void dump_region_line(session& s, const disk_region& r) {
   const voff_text first(r.dkr_offset);
   const voff_text last(r.dkr_offset + r.dkr_len - 1);
   const voff_text len(r.dkr_len);
-  std::fprintf(s.out, region_line_format, r.dkr_type, (r.dkr_flags & DKR_PUBLIC) ? "pub" : "priv",
-               first.buf, last.buf, len.buf);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+  std::fprintf(s.out, " %-8s %-4s %06s-%06s[%06s]", r.dkr_type,
+               (r.dkr_flags & DKR_PUBLIC) ? "pub" : "priv", first.buf, last.buf, len.buf);
+#pragma GCC diagnostic pop
   if (r.dkr_flags & DKR_NEW) std::fputs(" new", s.out);
   if (r.dkr_flags & DKR_DELETE) std::fputs(" delete", s.out);
   std::fputs(":", s.out);
