@@ -40,19 +40,13 @@ void usage(session& s) {
   std::fputc('\n', s.out);
 }
 
-[[noreturn]] void usage_exit(session& s, const char* what) {
-  std::fprintf(s.err, "%s: %s\n", s.progname, what);
+[[noreturn]] void usage_exit(session& s, const char* fmt) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  std::fprintf(s.err, fmt, s.progname);
+#pragma GCC diagnostic pop
   usage(s);
   throw fatal_exit{1};
-}
-
-// The image's length in bytes: the position of its end. A stream that
-// cannot tell its position counts as empty.
-std::uint64_t dump_file_size(FILE* f) {
-  (void)fseeko(f, 0, SEEK_END);
-  off_t end = ftello(f);
-  (void)fseeko(f, 0, SEEK_SET);
-  return end > 0 ? static_cast<std::uint64_t>(end) : 0;
 }
 
 int privdiag_run(session& s, int argc, char** argv) {
@@ -68,9 +62,9 @@ int privdiag_run(session& s, int argc, char** argv) {
     sector_size = std::atoi(argv[1]);
     s.devicename = argv[2];
   } else {
-    usage_exit(s, "Incorrect usage");
+    usage_exit(s, "%s: Incorrect usage\n");
   }
-  if (sector_size != 512 && sector_size != 4096) usage_exit(s, "Incorrect sector size");
+  if (sector_size != 512 && sector_size != 4096) usage_exit(s, "%s: Incorrect sector size\n");
 
   priv_handle priv(priv_alloc());
   if (!priv) {
@@ -81,11 +75,7 @@ int privdiag_run(session& s, int argc, char** argv) {
   priv->pri_read = privutil_read;
   priv->pri_write = privutil_write;
 
-  s.priv_fd = std::fopen(s.devicename.c_str(), "rb");
-  if (s.priv_fd == nullptr) {
-    std::fprintf(s.err, "Cannot open dump file %s.\n", s.devicename.c_str());
-    throw fatal_exit{1};
-  }
+  open_dump_file(s, s.devicename.c_str());
   disk_attrs dattrs = derive_disk_attrs(dump_file_size(s.priv_fd), sector_size);
   priv->pri_flags |= PRI_NOUPDATE;
 
@@ -115,6 +105,21 @@ int privdiag_run(session& s, int argc, char** argv) {
 }
 
 }  // namespace
+
+void open_dump_file(session& s, const char* path) {
+  s.priv_fd = std::fopen(path, "rb");
+  if (s.priv_fd == nullptr) {
+    std::fprintf(s.err, "Cannot open dump file %s.\n", path);
+    throw fatal_exit{1};
+  }
+}
+
+std::uint64_t dump_file_size(FILE* f) {
+  (void)fseeko(f, 0, SEEK_END);
+  off_t end = ftello(f);
+  (void)fseeko(f, 0, SEEK_SET);
+  return end > 0 ? static_cast<std::uint64_t>(end) : 0;
+}
 
 disk_attrs derive_disk_attrs(std::uint64_t fsize, int sector_size) {
   disk_attrs d;
