@@ -256,8 +256,13 @@ bool read_tocblock(const desc_statement& st, image_spec* spec, std::string* erro
   }
   if (const std::string* d = a.get("damage")) t.damage = split_list(*d);
   if (const std::string* w = a.get("write")) t.write = *w;
+  if (const std::string* w = a.get("damage-copy")) t.damage_copy = *w;
   if (t.write != "both" && t.write != "primary" && t.write != "alternate" && t.write != "none") {
     *error = at_line(st.line, "write= is both, primary, alternate or none");
+    return false;
+  }
+  if (t.damage_copy != "both" && t.damage_copy != "primary" && t.damage_copy != "alternate") {
+    *error = at_line(st.line, "damage-copy= is both, primary or alternate");
     return false;
   }
   if (!check_damage(t.damage, st.line, error)) return false;

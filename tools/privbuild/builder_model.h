@@ -53,6 +53,7 @@ struct tocblock_spec {
   std::optional<voff_t> next, alt_next;
   std::optional<volseqno_t> seqno;
   std::vector<std::string> damage;
+  std::string damage_copy = "both";  // which copies the damage hits
   std::string write = "both";  // both, primary, alternate, none
 };
 

@@ -169,8 +169,13 @@ bool write_toc_auto(const image_spec& spec, priv_header_info* hdr, image* img,
   return true;
 }
 
-// Sets the patched fields of a block, re-sums it, then damages it.
-void patch_block(std::uint8_t* block, std::size_t chunk, const tocblock_spec& t) {
+bool damages(const tocblock_spec& t, int copy) {
+  return t.damage_copy == "both" || t.damage_copy == (copy == 0 ? "primary" : "alternate");
+}
+
+// Sets the patched fields of a block, re-sums it, then damages copy `copy`
+// (0 primary, 1 alternate) when the statement asks for it.
+void patch_block(std::uint8_t* block, std::size_t chunk, const tocblock_spec& t, int copy) {
   if (t.next) put_be64(block + TOC_NEXT_OFFSET, static_cast<std::uint64_t>(*t.next));
   if (t.alt_next) put_be64(block + TOC_ALT_NEXT_OFFSET, static_cast<std::uint64_t>(*t.alt_next));
   if (t.seqno) {
@@ -178,7 +183,7 @@ void patch_block(std::uint8_t* block, std::size_t chunk, const tocblock_spec& t)
     put_be32(block + TOC_SEQNO_LO_OFFSET, t.seqno->seqno_lo);
   }
   put_be32(block + 8, static_cast<std::uint32_t>(priv_toc_checksum(block, chunk)));
-  apply_damage(block, t.damage);
+  if (damages(t, copy)) apply_damage(block, t.damage);
 }
 
 bool patch_auto_blocks(const image_spec& spec, image* img, const build_layout& layout,
@@ -198,7 +203,7 @@ bool patch_auto_blocks(const image_spec& spec, image* img, const build_layout& l
       std::uint8_t* block = img->sector(pos[c], chunk);
       if (block == nullptr) continue;
       if (keep[c]) {
-        patch_block(block, chunk, t);
+        patch_block(block, chunk, t, c);
       } else {
         std::memset(block, spec.fill, chunk);
       }
@@ -267,7 +272,6 @@ bool write_toc_explicit(const image_spec& spec, priv_header_info* hdr, image* im
       priv_free_toc_entry(e);
     }
     std::memcpy(buf.data(), toc_magic, 8);
-    patch_block(buf.data(), chunk, t);
     const voff_t pos[2] = {*t.at, *t.alt};
     const bool keep[2] = {t.write == "both" || t.write == "primary",
                           t.write == "both" || t.write == "alternate"};
@@ -279,6 +283,7 @@ bool write_toc_explicit(const image_spec& spec, priv_header_info* hdr, image* im
         return false;
       }
       std::memcpy(dst, buf.data(), chunk);
+      patch_block(dst, chunk, t, c);
     }
     layout->toc_sectors.push_back(*t.at);
     layout->alt_toc_sectors.push_back(*t.alt);
