@@ -47,7 +47,7 @@ enum dbf_type : std::int32_t {
 };
 
 struct db_field {
-  dbf_type dbf_type;
+  ::pd::dbf_type dbf_type;
   std::size_t dbf_tagsize;    // width of the member in memory
   std::size_t dbf_storesize;  // stored bytes of fixed-width types, else 0
   std::size_t dbf_offset;     // position of the member in the structure
