@@ -39,7 +39,7 @@ std::string captured_session::err() {
 
 namespace {
 
-std::string slurp_fd(int fd) {
+[[maybe_unused]] std::string slurp_fd(int fd) {
   std::string s;
   char buf[65536];
   for (;;) {

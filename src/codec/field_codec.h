@@ -84,10 +84,20 @@ std::uint8_t* dbf_fmt_tbl(const db_field* ftbl, std::size_t nflds, const void* s
 
 // Reads the stored form at [buf, lim) into `sp`; returns the position after
 // the last byte consumed, or nullptr on failure. Never reads at or beyond
-// `lim`. AWSTRING and VBYTE members receive heap strings (malloc) that
-// dbf_free_tbl releases.
+// `lim`. AWSTRING members (wchar_t*, 32-bit characters) and VBYTE members
+// (std::uint8_t*, the self-sized string, prefix included) receive heap
+// strings (malloc) that dbf_free_tbl releases; a decode overwrites such a
+// pointer without freeing what it held.
 const std::uint8_t* dbf_unfmt_tbl(const db_field* ftbl, std::size_t nflds, void* sp,
                                   const std::uint8_t* buf, const std::uint8_t* lim);
+
+// The length prefix of a self-sized byte string at `p`: base-128 digits,
+// least significant first, the digit with bit 7 set being the last; digit i
+// is shifted left by 7*i mod 32 in 32-bit arithmetic. Stores the number of
+// prefix bytes and the length. With a non-null `lim` the prefix must end
+// before `lim` (else false); a null `lim` trusts an in-memory string.
+bool dbf_vbyte_length(const std::uint8_t* p, const std::uint8_t* lim, std::size_t* prefix,
+                      std::uint32_t* len);
 
 // Frees (and nulls) the heap strings that dbf_unfmt_tbl attached to `sp`
 // through this table's AWSTRING and VBYTE members.

@@ -4,10 +4,19 @@
 // fatal_exit.
 #pragma once
 
+#include <cstdint>
+
 #include "base/session.h"
+#include "private_region/priv_info.h"
 
 namespace pd {
 
 int privdiag_main(session& s, int argc, char** argv);
+
+// What the image's length tells of the disk: the region starts at sector 0
+// and spans every whole sector; the primary header is the last 512-byte
+// header sector, the alternate lies 96 KiB before the end (192 sectors of
+// 512 bytes, 24 of 4096). A trailing partial sector is dropped.
+disk_attrs derive_disk_attrs(std::uint64_t fsize, int sector_size);
 
 }  // namespace pd

@@ -1,0 +1,161 @@
+// Width-generic integer accessors, the byte-sum checksum, the per-thread I/O
+// buffer, the 512-aligned sector buffer and the strict number parser.
+//
+// Widths 1, 2 and 8 are themselves; any other width is a 4-byte member. The
+// accessors copy through memcpy so that members need no alignment.
+#include "codec/integers.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "base/errors.h"
+#include "driver/dump_device.h"
+#include "driver/messages.h"
+
+namespace pd {
+
+namespace {
+
+template <typename T>
+T load(const void* fp) {
+  T v;
+  std::memcpy(&v, fp, sizeof v);
+  return v;
+}
+
+template <typename T>
+void store(void* fp, T v) {
+  std::memcpy(fp, &v, sizeof v);
+}
+
+// The tool runs one thread; its identifier, and that of the main thread,
+// stay 0.
+constexpr unsigned vold_self_thread = 0;
+constexpr unsigned vold_main_thread = 0;
+constexpr std::size_t default_page_size = 4096;
+
+}  // namespace
+
+std::uint64_t fgetunsigned(std::size_t tagsize, const void* fp) {
+  switch (tagsize) {
+    case 1: return load<std::uint8_t>(fp);
+    case 2: return load<std::uint16_t>(fp);
+    case 8: return load<std::uint64_t>(fp);
+    default: return load<std::uint32_t>(fp);
+  }
+}
+
+std::uint64_t fgetulonglong(std::size_t tagsize, const void* fp) {
+  return fgetunsigned(tagsize, fp);
+}
+
+std::int64_t fgetsigned(std::size_t tagsize, const void* fp) {
+  switch (tagsize) {
+    case 1: return load<std::int8_t>(fp);
+    case 2: return load<std::int16_t>(fp);
+    case 8: return load<std::int64_t>(fp);
+    default: return load<std::int32_t>(fp);
+  }
+}
+
+void fputunsigned(std::uint64_t value, std::size_t tagsize, void* fp) {
+  switch (tagsize) {
+    case 1: store(fp, static_cast<std::uint8_t>(value)); break;
+    case 2: store(fp, static_cast<std::uint16_t>(value)); break;
+    case 8: store(fp, value); break;
+    default: store(fp, static_cast<std::uint32_t>(value)); break;
+  }
+}
+
+void fputulonglong(std::uint64_t value, std::size_t tagsize, void* fp) {
+  fputunsigned(value, tagsize, fp);
+}
+
+void fputsigned(std::int64_t xsigned, std::size_t tagsize, void* fp) {
+  fputunsigned(static_cast<std::uint64_t>(xsigned), tagsize, fp);
+}
+
+std::uint64_t checksum(const std::uint8_t* buf, std::size_t len) {
+  std::uint64_t sum = 0;
+  for (std::size_t i = 0; i < len; ++i) sum += buf[i];
+  return sum;
+}
+
+std::uint64_t region_checksum(const std::uint8_t* buf, std::size_t len) {
+  // Bytes 8..11 hold the stored checksum and are left out. The modulus is
+  // 2^32 - 1, not 2^32.
+  return (checksum(buf, 8) + checksum(buf + 12, len - 12)) % 4294967295ULL;
+}
+
+std::uint8_t* buf_get(session& s, std::size_t nbytes) {
+  io_buffers& b = s.bufs;
+  vold_buffer* rec = b.vold_buffers.get();
+  while (rec != nullptr && rec->buf_thread != vold_self_thread) rec = rec->buf_next.get();
+  if (rec == nullptr) {
+    std::unique_ptr<vold_buffer> fresh(new (std::nothrow) vold_buffer());
+    if (!fresh) return nullptr;
+    fresh->buf_thread = vold_self_thread;
+    fresh->buf_next = std::move(b.vold_buffers);
+    b.vold_buffers = std::move(fresh);
+    rec = b.vold_buffers.get();
+  }
+  // A request of 0 never reuses: it always yields a fresh zeroed page.
+  if (nbytes != 0 && nbytes <= rec->buf_size) return rec->buf_pointer;
+
+  if (b.alignment_quantum == static_cast<std::size_t>(-1)) {
+    if (b.system_page_size == 0) b.system_page_size = default_page_size;
+    b.alignment_quantum = b.system_page_size;
+  }
+  std::size_t q = b.alignment_quantum;
+  if (nbytes > static_cast<std::size_t>(-1) - q) return nullptr;  // cannot be rounded
+  std::size_t size = nbytes / q * q + (nbytes % q != 0 ? q : 0);
+  if (size == 0) {
+    if (b.system_page_size == 0) b.system_page_size = default_page_size;
+    size = b.system_page_size;
+  }
+  // An exhausted heap is not caught here: the record then holds a null
+  // buffer of the new size, and null is returned.
+  std::unique_ptr<std::uint8_t[]> data(new (std::nothrow) std::uint8_t[size]());
+  rec->buf_handle = std::move(data);
+  rec->buf_pointer = rec->buf_handle.get();
+  rec->buf_size = size;
+  return rec->buf_pointer;
+}
+
+void buf_release(session& s) {
+  // The main thread keeps its buffer for reuse; in this tool every caller is
+  // the main thread, so nothing is ever freed here.
+  if (vold_self_thread == vold_main_thread) return;
+  std::unique_ptr<vold_buffer>* link = &s.bufs.vold_buffers;
+  while (*link && (*link)->buf_thread != vold_self_thread) link = &(*link)->buf_next;
+  if (*link) *link = std::move((*link)->buf_next);
+}
+
+std::uint8_t* get_aligned_buf(session& s, std::size_t size) {
+  io_buffers& b = s.bufs;
+  if (size > b.lastsize) {
+    b.lastfreeptr.reset();
+    b.lastbuf = nullptr;
+    b.lastsize = 0;
+    if (size > static_cast<std::size_t>(-1) - 511) nt_alloc_failed(s, size);
+    b.lastfreeptr.reset(new (std::nothrow) std::uint8_t[size + 511]);
+    if (!b.lastfreeptr) nt_alloc_failed(s, size + 511);
+    auto raw = reinterpret_cast<std::uintptr_t>(b.lastfreeptr.get());
+    b.lastbuf = b.lastfreeptr.get() + ((512 - raw % 512) % 512);
+    b.lastsize = size;
+  }
+  return b.lastbuf;
+}
+
+unsigned long getdword(session& s, const char* arg, const char* name) {
+  char* end = nullptr;
+  unsigned long value = std::strtoul(arg, &end, 0);
+  if (end == arg || *end != '\0') {
+    volpfmt(s, s.err, 1, ":331:%s: Invalid %s\n", arg, name);
+    throw fatal_exit{1};
+  }
+  return value;
+}
+
+}  // namespace pd

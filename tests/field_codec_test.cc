@@ -1,0 +1,570 @@
+#include "codec/field_codec.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <memory>
+#include <vector>
+
+#include "base/types.h"
+
+namespace pd {
+namespace {
+
+using bytes = std::vector<std::uint8_t>;
+
+// One member of every kind the codec handles.
+struct rec {
+  std::uint32_t uc;
+  std::uint16_t us;
+  std::uint64_t u;  // a 64-bit member stored in 4 bytes
+  std::uint64_t ull;
+  std::int32_t sc;
+  std::int16_t ss;
+  std::int64_t si;  // wider than its 4 stored bytes
+  voff_t voff512;
+  voff_t voff;
+  volseqno_t seqno;
+  volrid_t rid;
+  char str[9];
+  std::uint64_t vu;
+  std::int32_t vs;
+  voff_t vvoff512;
+  voff_t vvoff;
+  volrid_t vrid;
+  PORTINFO pi;
+  PORTINFO6 pi6;
+  char vstr[32];
+  wchar_t* aw;
+  char gms[65];
+  voldguid_t gss;
+  voldguid_t g;
+  voldguid_t vg;
+  std::uint8_t* vb;
+  char longstr[377];
+};
+
+#define F(type, m, store) DBF(type, rec, m, store)
+const db_field f_uc = F(DBF_TYPE_UCHAR, uc, 1);
+const db_field f_us = F(DBF_TYPE_USHORT, us, 2);
+const db_field f_u = F(DBF_TYPE_UNSIGNED, u, 4);
+const db_field f_ull = F(DBF_TYPE_ULONGLONG, ull, 8);
+const db_field f_sc = F(DBF_TYPE_SCHAR, sc, 1);
+const db_field f_ss = F(DBF_TYPE_SSHORT, ss, 2);
+const db_field f_si = F(DBF_TYPE_SIGNED, si, 4);
+const db_field f_voff512 = F(DBF_TYPE_VOFF_512, voff512, 8);
+const db_field f_voff = F(DBF_TYPE_VOFF, voff, 8);
+const db_field f_seqno = F(DBF_TYPE_SEQNO, seqno, 8);
+const db_field f_rid = F(DBF_TYPE_RID, rid, 8);
+const db_field f_str = F(DBF_TYPE_STRING, str, 8);
+const db_field f_vu = F(DBF_TYPE_VUNSIGNED, vu, 0);
+const db_field f_vs = F(DBF_TYPE_VSIGNED, vs, 0);
+const db_field f_vvoff512 = F(DBF_TYPE_VVOFF_512, vvoff512, 0);
+const db_field f_vvoff = F(DBF_TYPE_VVOFF, vvoff, 0);
+const db_field f_vrid = F(DBF_TYPE_VRID, vrid, 0);
+const db_field f_pi = F(DBF_TYPE_PORTINFO, pi, 16);
+const db_field f_pi6 = F(DBF_TYPE_PORTINFO6, pi6, 48);
+const db_field f_vstr = F(DBF_TYPE_VSTRING, vstr, 0);
+const db_field f_aw = db_field{DBF_TYPE_AWSTRING, 0, 0, offsetof(rec, aw)};
+const db_field f_gms = F(DBF_TYPE_GUIDMEMSTRING, gms, 16);
+const db_field f_gss = F(DBF_TYPE_GUIDSTORESTRING, gss, 64);
+const db_field f_g = F(DBF_TYPE_GUID, g, 16);
+const db_field f_vg = F(DBF_TYPE_VGUID, vg, 0);
+const db_field f_vb = F(DBF_TYPE_VBYTE, vb, 0);
+const db_field f_longstr = F(DBF_TYPE_VSTRING, longstr, 0);
+#undef F
+
+const db_field all_fields[] = {f_uc,  f_us,    f_u,   f_ull,      f_sc,    f_ss,   f_si,
+                               f_voff512, f_voff, f_seqno, f_rid, f_str,   f_vu,   f_vs,
+                               f_vvoff512, f_vvoff, f_vrid, f_pi, f_pi6,   f_vstr, f_aw,
+                               f_gms, f_gss,   f_g,   f_vg,       f_vb};
+const std::size_t n_all_fields = sizeof all_fields / sizeof all_fields[0];
+static_assert(sizeof all_fields / sizeof all_fields[0] == 26, "one field per encoding");
+
+// A zeroed record that frees its heap strings.
+struct zrec : rec {
+  zrec() : rec() {}
+  ~zrec() { dbf_free_tbl(all_fields, n_all_fields, this); }
+  zrec(const zrec&) = delete;
+  zrec& operator=(const zrec&) = delete;
+};
+
+// Encodes one field; checks that the size agrees with what was written.
+bytes enc(const db_field& f, const rec& r) {
+  std::size_t n = dbf_tblsize(&f, 1, &r);
+  bytes out(n + 8, 0xEE);
+  std::uint8_t* end = dbf_fmt_tbl(&f, 1, &r, out.data());
+  EXPECT_EQ(static_cast<std::size_t>(end - out.data()), n) << "field type " << f.dbf_type;
+  for (std::size_t i = n; i < out.size(); ++i) EXPECT_EQ(out[i], 0xEE) << "wrote past its size";
+  out.resize(n);
+  return out;
+}
+
+// Decodes `in` (copied to an exactly sized heap block, so any read past the
+// limit is caught) into `r`; returns the bytes consumed, or -1 on failure.
+long dec(const db_field* f, std::size_t n, rec& r, const bytes& in) {
+  std::unique_ptr<std::uint8_t[]> block(new std::uint8_t[in.size()]);
+  if (!in.empty()) std::memcpy(block.get(), in.data(), in.size());
+  const std::uint8_t* end = dbf_unfmt_tbl(f, n, &r, block.get(), block.get() + in.size());
+  return end == nullptr ? -1 : end - block.get();
+}
+long dec(const db_field& f, rec& r, const bytes& in) { return dec(&f, 1, r, in); }
+
+TEST(FieldCodecTest, FixedIntegers) {
+  zrec r;
+  r.uc = 0x1234;
+  r.us = 0xBEEF;
+  r.u = 0x123456789ULL;
+  r.ull = 0x0102030405060708ULL;
+  r.sc = -1;
+  r.ss = -2;
+  r.si = -3;
+  EXPECT_EQ(enc(f_uc, r), (bytes{0x34}));
+  EXPECT_EQ(enc(f_us, r), (bytes{0xBE, 0xEF}));
+  EXPECT_EQ(enc(f_u, r), (bytes{0x23, 0x45, 0x67, 0x89}));
+  EXPECT_EQ(enc(f_ull, r), (bytes{1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(enc(f_sc, r), (bytes{0xFF}));
+  EXPECT_EQ(enc(f_ss, r), (bytes{0xFF, 0xFE}));
+  EXPECT_EQ(enc(f_si, r), (bytes{0xFF, 0xFF, 0xFF, 0xFD}));
+
+  zrec d;
+  EXPECT_EQ(dec(f_uc, d, {0xF0}), 1);
+  EXPECT_EQ(d.uc, 0xF0u);
+  EXPECT_EQ(dec(f_u, d, {0xFF, 0xFF, 0xFF, 0xFE}), 4);
+  EXPECT_EQ(d.u, 0xFFFFFFFEu);
+  EXPECT_EQ(dec(f_ull, d, {1, 2, 3, 4, 5, 6, 7, 8}), 8);
+  EXPECT_EQ(d.ull, 0x0102030405060708ULL);
+  EXPECT_EQ(dec(f_sc, d, {0x80}), 1);
+  EXPECT_EQ(d.sc, -128);
+  EXPECT_EQ(dec(f_ss, d, {0xFF, 0xFE}), 2);
+  EXPECT_EQ(d.ss, -2);
+  // SIGNED is not sign-extended past 32 bits into a wider member.
+  EXPECT_EQ(dec(f_si, d, {0xFF, 0xFF, 0xFF, 0xFD}), 4);
+  EXPECT_EQ(d.si, 0xFFFFFFFDLL);
+}
+
+TEST(FieldCodecTest, OffsetsAndSequenceNumbers) {
+  zrec r;
+  r.voff = -2;
+  r.voff512 = 0x0102030405060708LL;
+  r.seqno.seqno_hi = 1;
+  r.seqno.seqno_lo = 2;
+  r.rid.seqno_hi = 0xAABBCCDD;
+  EXPECT_EQ(enc(f_voff, r), (bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}));
+  EXPECT_EQ(enc(f_voff512, r), (bytes{1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(enc(f_seqno, r), (bytes{0, 0, 0, 1, 0, 0, 0, 2}));
+  EXPECT_EQ(enc(f_rid, r), (bytes{0xAA, 0xBB, 0xCC, 0xDD, 0, 0, 0, 0}));
+  zrec d;
+  EXPECT_EQ(dec(f_seqno, d, {0, 0, 0, 7, 0, 0, 0, 9}), 8);
+  EXPECT_EQ(d.seqno.seqno_hi, 7u);
+  EXPECT_EQ(d.seqno.seqno_lo, 9u);
+  EXPECT_EQ(dec(f_voff, d, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}), 8);
+  EXPECT_EQ(d.voff, -2);
+}
+
+TEST(FieldCodecTest, FixedStringsArePaddedAndCutWithoutTerminator) {
+  zrec r;
+  std::strcpy(r.str, "abc");
+  EXPECT_EQ(enc(f_str, r), (bytes{'a', 'b', 'c', 0, 0, 0, 0, 0}));
+  std::strcpy(r.str, "abcdefgh");
+  EXPECT_EQ(enc(f_str, r), (bytes{'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'}));
+  zrec d;
+  std::memset(d.str, 'Q', sizeof d.str);
+  EXPECT_EQ(dec(f_str, d, {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'}), 8);
+  EXPECT_STREQ(d.str, "abcdefgh");  // terminated by the cleared member
+}
+
+TEST(FieldCodecTest, VariableIntegersUseMinimalWidths) {
+  zrec r;
+  struct {
+    std::uint64_t v;
+    bytes want;
+  } vu[] = {{0, {0x00}},
+            {0xFF, {0x01, 0xFF}},
+            {0x100, {0x02, 0x01, 0x00}},
+            {0xFFFFFF, {0x03, 0xFF, 0xFF, 0xFF}},
+            {0x1000000, {0x04, 0x01, 0x00, 0x00, 0x00}},
+            {0x100000001ULL, {0x04, 0x00, 0x00, 0x00, 0x01}}};  // low 32 bits
+  for (const auto& c : vu) {
+    r.vu = c.v;
+    EXPECT_EQ(enc(f_vu, r), c.want) << c.v;
+  }
+  r.vs = -1;
+  EXPECT_EQ(enc(f_vs, r), (bytes{0x81, 0x01}));
+  r.vs = -256;
+  EXPECT_EQ(enc(f_vs, r), (bytes{0x82, 0x01, 0x00}));
+  r.vs = 5;
+  EXPECT_EQ(enc(f_vs, r), (bytes{0x01, 0x05}));
+  r.vvoff = 1LL << 32;
+  EXPECT_EQ(enc(f_vvoff, r), (bytes{0x08, 0, 0, 0, 1, 0, 0, 0, 0}));
+  r.vvoff = 0xFFFFFFFF;
+  EXPECT_EQ(enc(f_vvoff, r), (bytes{0x04, 0xFF, 0xFF, 0xFF, 0xFF}));
+  r.vvoff512 = -0x10000;
+  EXPECT_EQ(enc(f_vvoff512, r), (bytes{0x83, 0x01, 0x00, 0x00}));
+  r.vvoff = INT64_MIN;
+  EXPECT_EQ(enc(f_vvoff, r), (bytes{0x88, 0x80, 0, 0, 0, 0, 0, 0, 0}));
+
+  zrec d;
+  EXPECT_EQ(dec(f_vu, d, {0x02, 0x01, 0x00}), 3);
+  EXPECT_EQ(d.vu, 0x100u);
+  EXPECT_EQ(dec(f_vs, d, {0x81, 0x01}), 2);
+  EXPECT_EQ(d.vs, -1);
+  EXPECT_EQ(dec(f_vs, d, {0x80}), 1);  // a negative zero is zero
+  EXPECT_EQ(d.vs, 0);
+  EXPECT_EQ(dec(f_vvoff, d, {0x05, 1, 2, 3, 4, 5}), 6);  // 5-byte form is read
+  EXPECT_EQ(d.vvoff, 0x0102030405LL);
+  EXPECT_EQ(dec(f_vvoff, d, {0x88, 0x80, 0, 0, 0, 0, 0, 0, 0}), 9);
+  EXPECT_EQ(d.vvoff, INT64_MIN);
+  EXPECT_EQ(dec(f_vvoff512, d, {0x81, 0x07}), 2);
+  EXPECT_EQ(d.vvoff512, -7);
+}
+
+TEST(FieldCodecTest, VariableIntegerLengthFailures) {
+  zrec d;
+  EXPECT_EQ(dec(f_vu, d, {0x05, 1, 2, 3, 4, 5}), -1);  // above 4
+  EXPECT_EQ(dec(f_vu, d, {0x81, 0x01}), -1);          // no sign in VUNSIGNED
+  EXPECT_EQ(dec(f_vu, d, {0x02, 0x01}), -1);          // fewer than announced
+  EXPECT_EQ(dec(f_vs, d, {0x85, 1, 2, 3, 4, 5}), -1);
+  EXPECT_EQ(dec(f_vs, d, {0x84, 1, 2, 3}), -1);
+  EXPECT_EQ(dec(f_vvoff, d, {0x09, 1, 2, 3, 4, 5, 6, 7, 8, 9}), -1);
+  EXPECT_EQ(dec(f_vvoff512, d, {0x88, 1, 2, 3, 4, 5, 6, 7}), -1);
+  EXPECT_EQ(dec(f_vrid, d, {0x09, 1, 2, 3, 4, 5, 6, 7, 8, 9}), -1);
+  EXPECT_EQ(dec(f_vrid, d, {0x06, 1, 2, 3, 4, 5}), -1);
+}
+
+TEST(FieldCodecTest, RecordIdsAreCompressed) {
+  zrec r;
+  r.vrid.seqno_hi = 1;
+  r.vrid.seqno_lo = 5;
+  EXPECT_EQ(enc(f_vrid, r), (bytes{0x05, 0x01, 0x00, 0x00, 0x00, 0x05}));
+  r.vrid.seqno_hi = 0;
+  r.vrid.seqno_lo = 0;
+  EXPECT_EQ(enc(f_vrid, r), (bytes{0x00}));
+  r.vrid.seqno_lo = 0x1234;
+  EXPECT_EQ(enc(f_vrid, r), (bytes{0x02, 0x12, 0x34}));
+  r.vrid.seqno_hi = 0x01000000;
+  EXPECT_EQ(enc(f_vrid, r), (bytes{0x08, 0x01, 0, 0, 0, 0, 0, 0x12, 0x34}));
+
+  zrec d;
+  EXPECT_EQ(dec(f_vrid, d, {0x06, 0x01, 0x02, 0, 0, 0, 5}), 7);
+  EXPECT_EQ(d.vrid.seqno_hi, 0x0102u);
+  EXPECT_EQ(d.vrid.seqno_lo, 5u);
+  d.vrid.seqno_hi = 99;
+  EXPECT_EQ(dec(f_vrid, d, {0x03, 0x01, 0x02, 0x03}), 4);
+  EXPECT_EQ(d.vrid.seqno_hi, 0u);
+  EXPECT_EQ(d.vrid.seqno_lo, 0x010203u);
+}
+
+TEST(FieldCodecTest, PortInfoIsTheMemoryImage) {
+  zrec r;
+  r.pi.portno = 0x1234;
+  r.pi.ipaddress = 0x0A000001;
+  bytes want{16};
+  const auto* img = reinterpret_cast<const std::uint8_t*>(&r.pi);
+  want.insert(want.end(), img, img + 16);
+  EXPECT_EQ(enc(f_pi, r), want);
+  r.pi6.portno = 7;
+  r.pi6.ipaddress.family = 10;
+  bytes b6 = enc(f_pi6, r);
+  ASSERT_EQ(b6.size(), 49u);
+  EXPECT_EQ(b6[0], 48);
+  EXPECT_EQ(std::memcmp(b6.data() + 1, &r.pi6, 48), 0);
+
+  zrec d;
+  EXPECT_EQ(dec(f_pi, d, want), 17);
+  EXPECT_EQ(d.pi.portno, 0x1234);
+  EXPECT_EQ(d.pi.ipaddress, 0x0A000001u);
+  EXPECT_EQ(dec(f_pi6, d, b6), 49);
+  EXPECT_EQ(d.pi6.ipaddress.family, 10u);
+
+  // A short length clears the rest of the member.
+  bytes shortform(17, 0);
+  shortform[0] = 2;
+  shortform[1] = 0xAB;
+  shortform[2] = 0xCD;
+  EXPECT_EQ(dec(f_pi, d, shortform), 3);
+  EXPECT_EQ(d.pi.ipaddress, 0u);
+  bytes toolong(18, 0);
+  toolong[0] = 17;  // more than the member
+  EXPECT_EQ(dec(f_pi, d, toolong), -1);
+  // 48 bytes pass the size check, but the form needs its length byte too.
+  b6.pop_back();
+  EXPECT_EQ(dec(f_pi6, d, b6), -1);
+}
+
+TEST(FieldCodecTest, VariableStrings) {
+  zrec r;
+  std::strcpy(r.vstr, "hello");
+  EXPECT_EQ(enc(f_vstr, r), (bytes{5, 'h', 'e', 'l', 'l', 'o'}));
+  r.vstr[0] = 0;
+  EXPECT_EQ(enc(f_vstr, r), (bytes{0}));
+  // Longer than 255: written whole behind the low 8 bits of its length.
+  std::memset(r.longstr, 'x', 300);
+  bytes lb = enc(f_longstr, r);
+  ASSERT_EQ(lb.size(), 301u);
+  EXPECT_EQ(lb[0], 300 & 0xFF);
+
+  zrec d;
+  bytes b31(32, 'y');
+  b31[0] = 31;  // the most that leaves room for the terminator
+  EXPECT_EQ(dec(f_vstr, d, b31), 32);
+  EXPECT_EQ(std::strlen(d.vstr), 31u);
+  bytes b32(33, 'y');
+  b32[0] = 32;
+  EXPECT_EQ(dec(f_vstr, d, b32), -1);
+  EXPECT_EQ(dec(f_vstr, d, {3, 'a', 'b'}), -1);
+}
+
+TEST(FieldCodecTest, WideStringsChooseTheirForm) {
+  zrec r;
+  EXPECT_EQ(enc(f_aw, r), (bytes{0}));  // null
+  wchar_t empty[] = L"";
+  r.aw = empty;
+  EXPECT_EQ(enc(f_aw, r), (bytes{0}));
+  wchar_t ab[] = L"ab";
+  r.aw = ab;
+  EXPECT_EQ(enc(f_aw, r), (bytes{2, 'a', 'b'}));
+  wchar_t wide[] = {L'a', 0x1234, 0x12345, 0};  // the third keeps its low 16 bits
+  r.aw = wide;
+  EXPECT_EQ(enc(f_aw, r), (bytes{0xFF, 3, 0x00, 'a', 0x12, 0x34, 0x23, 0x45}));
+  std::vector<wchar_t> w255(256, L'z');
+  w255[255] = 0;
+  r.aw = w255.data();
+  bytes b = enc(f_aw, r);  // 255 narrow characters still take the wide form
+  ASSERT_EQ(b.size(), 512u);
+  EXPECT_EQ(b[0], 0xFF);
+  EXPECT_EQ(b[1], 0xFF);
+  EXPECT_EQ(b[2], 0);
+  EXPECT_EQ(b[3], 'z');
+  std::vector<wchar_t> w254(255, L'z');
+  w254[254] = 0;
+  r.aw = w254.data();
+  EXPECT_EQ(enc(f_aw, r).size(), 255u);
+  r.aw = nullptr;
+
+  zrec d;
+  EXPECT_EQ(dec(f_aw, d, {2, 'h', 'i'}), 3);
+  ASSERT_NE(d.aw, nullptr);
+  EXPECT_EQ(std::wcscmp(d.aw, L"hi"), 0);
+  dbf_free_tbl(&f_aw, 1, &d);
+  EXPECT_EQ(d.aw, nullptr);
+  EXPECT_EQ(dec(f_aw, d, {0xFF, 2, 0x12, 0x34, 0x00, 'q'}), 6);
+  ASSERT_NE(d.aw, nullptr);
+  EXPECT_EQ(d.aw[0], 0x1234);
+  EXPECT_EQ(d.aw[1], L'q');
+  EXPECT_EQ(d.aw[2], 0);
+  dbf_free_tbl(&f_aw, 1, &d);
+  EXPECT_EQ(dec(f_aw, d, {0xFF, 0}), 2);
+  EXPECT_EQ(d.aw, nullptr);
+  EXPECT_EQ(dec(f_aw, d, {0xFF}), -1);
+  EXPECT_EQ(dec(f_aw, d, {3, 'a', 'b'}), -1);
+  EXPECT_EQ(dec(f_aw, d, {0xFF, 2, 0, 'a', 0}), -1);
+  EXPECT_EQ(d.aw, nullptr);
+}
+
+const char guid_text[] = "01234567-89ab-cdef-0123-456789abcdef";
+const bytes guid_bytes{0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
+                       0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef};
+
+voldguid_t parsed_guid() {
+  voldguid_t g;
+  g.Data1 = 0x01234567;
+  g.Data2 = 0x89ab;
+  g.Data3 = 0xcdef;
+  std::memcpy(g.Data4, guid_bytes.data() + 8, 8);
+  return g;
+}
+
+TEST(FieldCodecTest, GuidsInTheirFourForms) {
+  zrec r;
+  EXPECT_EQ(enc(f_gms, r), bytes(16, 0));  // empty text: the zero GUID
+  std::strcpy(r.gms, guid_text);
+  EXPECT_EQ(enc(f_gms, r), guid_bytes);
+  EXPECT_EQ(enc(f_gss, r), bytes(64, 0));  // zero GUID: all zero
+  r.gss = parsed_guid();
+  bytes gs = enc(f_gss, r);
+  bytes want(guid_text, guid_text + 36);
+  want.resize(64, 0);
+  EXPECT_EQ(gs, want);
+  r.g = parsed_guid();
+  EXPECT_EQ(enc(f_g, r), guid_bytes);
+  r.vg = parsed_guid();
+  bytes vg{16};
+  vg.insert(vg.end(), guid_bytes.begin(), guid_bytes.end());
+  EXPECT_EQ(enc(f_vg, r), vg);
+
+  zrec d;
+  std::memset(d.gms, 'Q', sizeof d.gms);
+  EXPECT_EQ(dec(f_gms, d, guid_bytes), 16);
+  EXPECT_STREQ(d.gms, guid_text);
+  std::memset(d.gms, 'Q', sizeof d.gms);
+  EXPECT_EQ(dec(f_gms, d, bytes(16, 0)), 16);  // only the stored width is cleared
+  EXPECT_EQ(d.gms[15], 0);
+  EXPECT_EQ(d.gms[16], 'Q');
+  EXPECT_EQ(dec(f_gss, d, want), 64);
+  EXPECT_TRUE(guid_equal(d.gss, parsed_guid()));
+  EXPECT_EQ(dec(f_gss, d, bytes(64, 0)), 64);
+  EXPECT_TRUE(guid_equal(d.gss, zeroguid));
+  bytes upper = want;
+  upper[10] = 'B';
+  EXPECT_EQ(dec(f_gss, d, upper), -1);
+  EXPECT_EQ(dec(f_g, d, guid_bytes), 16);
+  EXPECT_TRUE(guid_equal(d.g, parsed_guid()));
+  // VGUID reads its 16 bytes whatever the length byte says.
+  bytes lenient = vg;
+  lenient[0] = 0x40;
+  EXPECT_EQ(dec(f_vg, d, lenient), 17);
+  EXPECT_TRUE(guid_equal(d.vg, parsed_guid()));
+  lenient.pop_back();
+  EXPECT_EQ(dec(f_vg, d, lenient), -1);
+}
+
+// A self-sized byte string: length digits, last digit marked by bit 7.
+TEST(FieldCodecTest, SelfSizedByteStrings) {
+  zrec r;
+  EXPECT_EQ(enc(f_vb, r), (bytes{0}));
+  std::uint8_t three[] = {0x83, 'a', 'b', 'c'};
+  r.vb = three;
+  EXPECT_EQ(enc(f_vb, r), (bytes{0x83, 'a', 'b', 'c'}));
+  bytes big{0x01, 0x81};  // 1 + 1 * 128 = 129 data bytes
+  big.resize(2 + 129, 0x5A);
+  r.vb = big.data();
+  EXPECT_EQ(enc(f_vb, r), big);
+  r.vb = nullptr;
+
+  zrec d;
+  EXPECT_EQ(dec(f_vb, d, {0x83, 'a', 'b', 'c', 'z'}), 4);
+  ASSERT_NE(d.vb, nullptr);
+  EXPECT_EQ(bytes(d.vb, d.vb + 4), (bytes{0x83, 'a', 'b', 'c'}));
+  dbf_free_tbl(&f_vb, 1, &d);
+  EXPECT_EQ(d.vb, nullptr);
+  EXPECT_EQ(dec(f_vb, d, big), 131);
+  dbf_free_tbl(&f_vb, 1, &d);
+  EXPECT_EQ(dec(f_vb, d, {0x83, 'a', 'b'}), -1);  // data short
+  EXPECT_EQ(dec(f_vb, d, {0x01, 0x02}), -1);      // prefix never ends
+  // A null member's single 0 byte is no complete prefix: the next bytes are
+  // taken as further length digits.
+  EXPECT_EQ(dec(f_vb, d, {0x00, 0x81, 'a'}), -1);  // length 128
+  // Digit i is shifted by 7*i mod 32: the sixth digit by 3.
+  bytes shifted{0, 0, 0, 0, 0, 0x81};
+  shifted.resize(6 + 8, 1);
+  EXPECT_EQ(dec(f_vb, d, shifted), 14);
+  dbf_free_tbl(&f_vb, 1, &d);
+  std::size_t prefix = 0;
+  std::uint32_t len = 0;
+  ASSERT_TRUE(dbf_vbyte_length(shifted.data(), shifted.data() + shifted.size(), &prefix, &len));
+  EXPECT_EQ(prefix, 6u);
+  EXPECT_EQ(len, 8u);
+}
+
+TEST(FieldCodecTest, CodesAboveTheLastAndEmptyInput) {
+  zrec r;
+  const db_field odd{static_cast<dbf_type>(26), 4, 3, offsetof(rec, uc)};
+  EXPECT_EQ(dbf_tblsize(&odd, 1, &r), 3u);
+  std::uint8_t out[4] = {9, 9, 9, 9};
+  EXPECT_EQ(dbf_fmt_tbl(&odd, 1, &r, out), out);  // writes nothing
+  EXPECT_EQ(dec(odd, r, {1, 2, 3}), 0);           // checked, nothing consumed
+  EXPECT_EQ(dec(odd, r, {1, 2}), -1);
+
+  EXPECT_EQ(dec(f_vu, r, {}), -1);  // storesize 0 still needs a byte
+  EXPECT_EQ(dec(nullptr, 0, r, {}), 0);
+  EXPECT_EQ(dec(nullptr, 0, r, {1, 2}), 0);
+  // The storesize check alone is not trusted: a fixed type with a table
+  // storesize of 0 still cannot read past the limit.
+  const db_field lying{DBF_TYPE_ULONGLONG, 8, 0, offsetof(rec, ull)};
+  EXPECT_EQ(dec(lying, r, {1, 2, 3}), -1);
+}
+
+// A record with every member set to something that shows.
+void fill(zrec& r, std::vector<wchar_t>& aw, bytes& vb) {
+  r.uc = 0x7F;
+  r.us = 0x1234;
+  r.u = 0xDEADBEEF;
+  r.ull = 0xFEDCBA9876543210ULL;
+  r.sc = -5;
+  r.ss = -300;
+  r.si = 0x7FFFFFFF;
+  r.voff512 = 1LL << 40;
+  r.voff = -77;
+  r.seqno.seqno_hi = 3;
+  r.seqno.seqno_lo = 4;
+  r.rid.seqno_lo = 99;
+  std::strcpy(r.str, "name");
+  r.vu = 0x10000;
+  r.vs = -70000;
+  r.vvoff512 = 0x123456789LL;
+  r.vvoff = -1;
+  r.vrid.seqno_hi = 2;
+  r.vrid.seqno_lo = 0xFFFFFFFF;
+  r.pi.portno = 80;
+  r.pi.ipaddress = 0x7F000001;
+  r.pi6.portno = 443;
+  r.pi6.ipaddress.family = 23;
+  r.pi6.ipaddress.addr.words[3] = 1;
+  std::strcpy(r.vstr, "volume01");
+  aw = {L'd', 0x4E2D, L'k', 0};
+  r.aw = aw.data();
+  std::strcpy(r.gms, guid_text);
+  r.gss = parsed_guid();
+  r.g = parsed_guid();
+  r.vg = parsed_guid();
+  r.vg.Data1 = 0xFFFFFFFF;
+  vb = {0x82, 'o', 'k'};
+  r.vb = vb.data();
+}
+
+TEST(FieldCodecTest, WholeTableRoundTripsAndEveryTruncationFails) {
+  zrec r;
+  std::vector<wchar_t> aw;
+  bytes vb;
+  fill(r, aw, vb);
+  std::size_t n = dbf_tblsize(all_fields, n_all_fields, &r);
+  bytes stored(n);
+  ASSERT_EQ(dbf_fmt_tbl(all_fields, n_all_fields, &r, stored.data()), stored.data() + n);
+
+  zrec d;
+  ASSERT_EQ(dec(all_fields, n_all_fields, d, stored), static_cast<long>(n));
+  EXPECT_EQ(d.uc, r.uc);
+  EXPECT_EQ(d.us, r.us);
+  EXPECT_EQ(d.u, r.u);
+  EXPECT_EQ(d.ull, r.ull);
+  EXPECT_EQ(d.sc, r.sc);
+  EXPECT_EQ(d.ss, r.ss);
+  EXPECT_EQ(d.si, r.si);
+  EXPECT_EQ(d.voff512, r.voff512);
+  EXPECT_EQ(d.voff, r.voff);
+  EXPECT_TRUE(seqno_equal(d.seqno, r.seqno));
+  EXPECT_TRUE(seqno_equal(d.rid, r.rid));
+  EXPECT_STREQ(d.str, r.str);
+  EXPECT_EQ(d.vu, r.vu);
+  EXPECT_EQ(d.vs, r.vs);
+  EXPECT_EQ(d.vvoff512, r.vvoff512);
+  EXPECT_EQ(d.vvoff, r.vvoff);
+  EXPECT_TRUE(seqno_equal(d.vrid, r.vrid));
+  EXPECT_EQ(std::memcmp(&d.pi, &r.pi, sizeof r.pi), 0);
+  EXPECT_EQ(std::memcmp(&d.pi6, &r.pi6, sizeof r.pi6), 0);
+  EXPECT_STREQ(d.vstr, r.vstr);
+  ASSERT_NE(d.aw, nullptr);
+  EXPECT_EQ(std::wcscmp(d.aw, r.aw), 0);
+  EXPECT_STREQ(d.gms, r.gms);
+  EXPECT_TRUE(guid_equal(d.gss, r.gss));
+  EXPECT_TRUE(guid_equal(d.g, r.g));
+  EXPECT_TRUE(guid_equal(d.vg, r.vg));
+  ASSERT_NE(d.vb, nullptr);
+  EXPECT_EQ(bytes(d.vb, d.vb + 3), vb);
+  r.aw = nullptr;
+  r.vb = nullptr;
+
+  // Every prefix fails, reading only what it holds (dec copies it into a
+  // block of exactly that size).
+  for (std::size_t k = 0; k < n; ++k) {
+    zrec t;
+    EXPECT_EQ(dec(all_fields, n_all_fields, t, bytes(stored.begin(), stored.begin() + k)), -1)
+        << "prefix of " << k << " bytes";
+  }
+}
+
+}  // namespace
+}  // namespace pd

@@ -1,0 +1,150 @@
+#include "codec/text_forms.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "base/errors.h"
+#include "test_support.h"
+
+namespace pd {
+namespace {
+
+TEST(TextFormsTest, Offsets) {
+  EXPECT_STREQ(vofftostr(0), "0");
+  EXPECT_STREQ(vofftostr(-1), "-1");
+  EXPECT_STREQ(vofftostr(1LL << 40), "1099511627776");
+  EXPECT_STREQ(vofftostr(INT64_MAX), "9223372036854775807");
+  char mine[24];
+  EXPECT_EQ(vofftostr(-42, mine), mine);
+  EXPECT_STREQ(mine, "-42");
+  const char* st = vofftostr(7);
+  vofftostr(8);
+  EXPECT_STREQ(st, "8");  // one static buffer
+}
+
+TEST(TextFormsTest, SequenceNumbersPrintHighHalfFirstUnsigned) {
+  volseqno_t s;
+  s.seqno_hi = 4294967295u;
+  EXPECT_STREQ(volseqnotostr(s), "4294967295.0");
+  volrid_t r;
+  r.seqno_lo = 1234;
+  const char* a = volridtostr(r);
+  EXPECT_STREQ(a, "0.1234");
+  s.seqno_lo = 4294967295u;
+  EXPECT_EQ(volseqnotostr(s), a);  // shared with volridtostr
+  EXPECT_STREQ(a, "4294967295.4294967295");
+}
+
+TEST(TextFormsTest, ParseSequenceNumbers) {
+  const char* end = nullptr;
+  const char* t = "12.34x";
+  volseqno_t s = strtovolseqno(t, &end);
+  EXPECT_EQ(s.seqno_hi, 12u);
+  EXPECT_EQ(s.seqno_lo, 34u);
+  EXPECT_EQ(end, t + 5);
+  t = "12";
+  s = strtovolseqno(t, &end);
+  EXPECT_EQ(seqno_value(s), 0u);
+  EXPECT_EQ(end, t);
+  t = ".5";
+  s = strtovolseqno(t, &end);
+  EXPECT_EQ(s.seqno_hi, 0u);
+  EXPECT_EQ(s.seqno_lo, 5u);
+  EXPECT_EQ(end, t + 2);
+  t = "4294967297.1";  // each half keeps its low 32 bits
+  s = strtovolrid(t, &end);
+  EXPECT_EQ(s.seqno_hi, 1u);
+}
+
+voldguid_t sample_guid() {
+  voldguid_t g;
+  g.Data1 = 0x12345678;
+  g.Data2 = 0x9abc;
+  g.Data3 = 0x0def;
+  const std::uint8_t d4[8] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef};
+  std::memcpy(g.Data4, d4, 8);
+  return g;
+}
+
+TEST(TextFormsTest, GuidTextForms) {
+  char out[37];
+  voldguid_to_string(out, &zeroguid);
+  EXPECT_STREQ(out, "00000000-0000-0000-0000-000000000000");
+  voldguid_t g = sample_guid();
+  voldguid_to_string(out, &g);
+  EXPECT_STREQ(out, "12345678-9abc-0def-0123-456789abcdef");
+  EXPECT_STREQ(volguidtostr(zeroguid), "{00000000-0000-0000-0000-000000000000}");
+  char mine[39];
+  std::memset(mine, 'Z', sizeof mine);
+  EXPECT_EQ(volguidtostr(g, mine), mine);
+  EXPECT_STREQ(mine, "{12345678-9abc-0def-0123-456789abcdef}");
+  EXPECT_EQ(mine[38], '\0');
+}
+
+TEST(TextFormsTest, GuidParsingAcceptsOnlyTheExactLowerCaseForm) {
+  voldguid_t g;
+  ASSERT_EQ(voldguid_from_string(&g, "12345678-9abc-0def-0123-456789abcdef"), 0);
+  voldguid_t want = sample_guid();
+  EXPECT_TRUE(guid_equal(g, want));
+  for (const char* bad : {
+           "12345678-9ABC-0def-0123-456789abcdef",   // upper case
+           "12345678-9abc-0def-0123-456789abcdef0",  // one more character
+           "12345678-9abc-0def-0123-456789abcde",    // last group one digit short
+           "1234567-89abc-0def-0123-456789abcdef",   // first group short
+           "12345678-9abc-0def-0123456789abcdef",    // missing separator
+           "12345678-9abc-0def-",                    // text ends inside
+           "",
+       }) {
+    voldguid_t h;
+    EXPECT_EQ(voldguid_from_string(&h, bad), VE_GUID_FORMAT) << bad;
+  }
+}
+
+TEST(TextFormsTest, GuidParsingStopsAtTheFaultKeepingEarlierFields) {
+  voldguid_t g;
+  g.Data3 = 0x7777;
+  g.Data4[7] = 0x55;
+  EXPECT_EQ(voldguid_from_string(&g, "aaaaaaaa-bbbb-XXXX-0123-456789abcdef"), VE_GUID_FORMAT);
+  EXPECT_EQ(g.Data1, 0xaaaaaaaau);
+  EXPECT_EQ(g.Data2, 0xbbbb);
+  EXPECT_EQ(g.Data3, 0x7777);
+  EXPECT_EQ(g.Data4[7], 0x55);
+  // The text ends inside a group: nothing is read behind the terminator
+  // (the heap copy is exactly as long as the text).
+  const char* text = "aaaaaaaa-bb";
+  std::unique_ptr<char[]> exact(new char[std::strlen(text) + 1]);
+  std::strcpy(exact.get(), text);
+  EXPECT_EQ(voldguid_from_string(&g, exact.get()), VE_GUID_FORMAT);
+}
+
+std::string hexdump(const std::uint8_t* b, long n) {
+  test::captured_session cs;
+  puthex(cs->out, b, n);
+  return cs.out();
+}
+
+TEST(TextFormsTest, HexDumpRowsLineUp) {
+  std::uint8_t b[40];
+  for (int i = 0; i < 40; ++i) b[i] = static_cast<std::uint8_t>(0x41 + i);
+  b[1] = 0x00;
+  b[2] = 0x7F;
+  b[3] = 0xC8;
+  const std::string row0 =
+      "   0000  41 00 7f c8 45 46 47 48  49 4a 4b 4c 4d 4e 4f 50  A...EFGHIJKLMNOP\n";
+  EXPECT_EQ(hexdump(b, 16), row0);
+  EXPECT_EQ(hexdump(b, 20), row0 + "   0010  51 52 53 54 " + std::string(1 + 12 * 3, ' ') +
+                                " QRST\n");
+  EXPECT_EQ(hexdump(b, 24),
+            row0 + "   0010  51 52 53 54 55 56 57 58  " + std::string(8 * 3, ' ') +
+                " QRSTUVWX\n");
+  EXPECT_EQ(hexdump(b, 25),
+            row0 + "   0010  51 52 53 54 55 56 57 58  59 " + std::string(7 * 3, ' ') +
+                " QRSTUVWXY\n");
+  EXPECT_EQ(hexdump(b, 0), "");
+  EXPECT_EQ(hexdump(b, -5), "");
+}
+
+}  // namespace
+}  // namespace pd
