@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/errors.h"
 #include "codec/integers.h"
 #include "codec/text_forms.h"
 #include "driver/messages.h"
