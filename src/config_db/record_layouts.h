@@ -90,18 +90,24 @@ voldguid_t voldbf_get_guid(std::uint32_t type, const void* sp);
 // Size of the decoded structure for the record's base kind (0 for kinds
 // without one, 0 and 15).
 std::size_t voldbsup_struct_size(std::uint32_t type);
+// Size of the structure an entry's tables describe (entries above 0xFF
+// describe the link-set, export and site structures).
+std::size_t rec2field_struct_size(const rec2field* r2f);
+// Frees the heap members of a decoded record of this type.
+void voldbsup_free_fields(std::uint32_t type, void* sp);
 
 // The prefix every record body starts with (after the extension).
+// The name may hold up to 255 characters.
 struct anyrec {
   volrid_t rid;
-  char name[REC_NAME_LEN];
+  char name[256];
 };
 
 // Database header. `len` bounds the buffer; at most 512 bytes are used.
 // format writes ddb_nblocks/blksize/hdrsize of `db` and the version of `vi`
 // after clearing min(len, ddb_hdrsize) bytes: 0, or 139 for an unknown major
-// or a header that does not fit. unformat: 0, 148 (magic), 139 (major, or
-// a header that runs past `len`); it sets ddb_nblocks/blksize/hdrsize and
+// or a header that does not fit. unformat: 0, 148 (magic), 139 (major),
+// 138 (a header that runs past `len`); it sets ddb_nblocks/blksize/hdrsize and
 // ddb_mvers_major/minor of `db`.
 int voldbsup_format_header(dbase* db, std::uint8_t* buf, std::size_t len, const voldb_info* vi);
 int voldbsup_unformat_header(dbase* db, const std::uint8_t* buf, std::size_t len,
@@ -109,7 +115,8 @@ int voldbsup_unformat_header(dbase* db, const std::uint8_t* buf, std::size_t len
 
 // The placement callback of voldbsup_unformat_record: returns 0 and in
 // *rawpp the structure to decode into (room for voldbsup_struct_size of the
-// type; never null), or an error that is returned unchanged.
+// type; never null), or an error that is returned unchanged. `rname` holds
+// up to 255 characters.
 using voldbsup_place_fn = int (*)(dbase* db, db_record* r, int ns, volrid_t rid,
                                   const char* rname, voldguid_t guid, void** rawpp);
 

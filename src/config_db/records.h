@@ -421,9 +421,7 @@ struct rvolrec {
   char rv_srl_name[REC_NAME_LEN];
   std::uint32_t rv_primary;         // 1 on the primary
   volseqno_t rv_checkpoint_seqno;
-  std::uint32_t rv_uid;
-  std::uint32_t rv_gid;
-  std::uint32_t rv_mode;
+  volseqno_t rv_detach_tid;
   volrid_t rv_logvol_rid;           // logvol_rid group
 };
 
@@ -456,6 +454,8 @@ struct reprec {
   std::uint32_t rp_packet_size;
   std::uint32_t rp_timeout;
   volseqno_t rp_checkpoint_seqno;
+  std::uint32_t rp_max_outstanding;
+  std::uint32_t rp_compression;
   PORTINFO rp_net_address;
   PORTINFO rp_local_address;
   std::uint64_t rp_bandwidth_limit;  // bandwidth group
@@ -545,6 +545,7 @@ struct cacherec {
   volseqno_t cache_detach_tid;
   std::uint32_t cache_iosize;
   std::uint32_t cache_mapsize;
+  voldguid_t cache_guid;
   volrid_t cache_svm_rid;           // svm group
   std::uint32_t cache_version;      // version group
   std::uint32_t cache_reserved1;
@@ -567,7 +568,6 @@ struct stpoolrec {
   std::uint32_t stp_selfsufficient;
   std::uint32_t stp_dm_num;
   std::uint32_t stp_vol_num;
-  voff_t stp_len;
   voldguid_t stp_guid;              // guid group
   std::uint32_t stp_reserved1;      // reserved1 group
 };
@@ -585,6 +585,7 @@ struct inforec {
   volseqno_t inf_update_tid;
   volrid_t inf_parent_rid;          // the record it describes
   std::uint32_t inf_kind;
+  std::uint32_t inf_version;
   std::uint8_t* inf_value;          // self-sized byte string
   voldguid_t inf_guid;              // guid group
   std::uint32_t inf_reserved1;
@@ -638,6 +639,8 @@ struct linksetrec {
   std::uint32_t ls_map_index;
   volseqno_t ls_sync_tid;
   voldguid_t ls_guid;
+  voldguid_t ls_src_volguid;
+  voldguid_t ls_dst_volguid;
   std::uint32_t ls_reserved1;
 };
 
@@ -651,6 +654,7 @@ struct exportrec {
   volseqno_t ex_update_tid;
   char ex_host[65];                 // host the object is exported to
   volrid_t ex_obj_rid;              // exported object
+  char ex_obj_name[REC_NAME_LEN];
   std::uint32_t ex_mode;
   std::uint32_t ex_reserved1;
 };
@@ -661,6 +665,7 @@ struct siterec {
   char site_tutil[3][REC_UTIL_LEN];
   std::uint32_t site_tflag;
   char site_comment[REC_COMMENT_LEN];
+  char site_putil[3][REC_UTIL_LEN];
   std::uint32_t site_pflag;
   volseqno_t site_update_tid;
   voldguid_t site_guid;

@@ -17,6 +17,7 @@
 #include "driver/dump_device.h"
 #include "driver/messages.h"
 #include "driver/pipeline.h"
+#include "private_region/join.h"
 
 namespace pd {
 
@@ -28,29 +29,24 @@ constexpr const char* usage_text =
 // Bytes of one header sector: the primary header is the last such sector.
 constexpr std::size_t header_iosize = 512;
 
-struct priv_free {
-  void operator()(priv_info* p) const { std::free(p); }
+// Releases the handle with everything the scan and the join hung on it.
+struct priv_release {
+  void operator()(priv_info* p) const { priv_free(p); }
 };
-using priv_handle = std::unique_ptr<priv_info, priv_free>;
+using priv_handle = std::unique_ptr<priv_info, priv_release>;
 
 void usage(session& s) {
   std::fputs(usage_text, s.out);
   std::fputc('\n', s.out);
 }
 
-[[noreturn]] void usage_exit(session& s, const char* what) {
-  std::fprintf(s.err, "%s: %s\n", s.progname, what);
+[[noreturn]] void usage_exit(session& s, const char* fmt) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  std::fprintf(s.err, fmt, s.progname);
+#pragma GCC diagnostic pop
   usage(s);
   throw fatal_exit{1};
-}
-
-// The image's length in bytes: the position of its end. A stream that
-// cannot tell its position counts as empty.
-std::uint64_t dump_file_size(FILE* f) {
-  (void)fseeko(f, 0, SEEK_END);
-  off_t end = ftello(f);
-  (void)fseeko(f, 0, SEEK_SET);
-  return end > 0 ? static_cast<std::uint64_t>(end) : 0;
 }
 
 int privdiag_run(session& s, int argc, char** argv) {
@@ -66,9 +62,9 @@ int privdiag_run(session& s, int argc, char** argv) {
     sector_size = std::atoi(argv[1]);
     s.devicename = argv[2];
   } else {
-    usage_exit(s, "Incorrect usage");
+    usage_exit(s, "%s: Incorrect usage\n");
   }
-  if (sector_size != 512 && sector_size != 4096) usage_exit(s, "Incorrect sector size");
+  if (sector_size != 512 && sector_size != 4096) usage_exit(s, "%s: Incorrect sector size\n");
 
   priv_handle priv(priv_alloc());
   if (!priv) {
@@ -79,24 +75,51 @@ int privdiag_run(session& s, int argc, char** argv) {
   priv->pri_read = privutil_read;
   priv->pri_write = privutil_write;
 
-  s.priv_fd = std::fopen(s.devicename.c_str(), "rb");
-  if (s.priv_fd == nullptr) {
-    std::fprintf(s.err, "Cannot open dump file %s.\n", s.devicename.c_str());
-    throw fatal_exit{1};
-  }
+  open_dump_file(s, s.devicename.c_str());
   disk_attrs dattrs = derive_disk_attrs(dump_file_size(s.priv_fd), sector_size);
   priv->pri_flags |= PRI_NOUPDATE;
 
-  // next: scan (step 12), then zero phi_priv_offset, join (steps 13-14),
-  // print the header with the stored offset restored, zero it again, print
-  // the TOC and two new lines (steps 15-17); whatever scan and join hang on
-  // the handle must be released before it is freed here.
+  int res = priv_scan(priv.get(), &dattrs);
+  if (res != 0) {
+    volpfmt(s, s.err, 1, ":1735:scan operation failed:\n\t%s\n", vol_strerror(res));
+    throw fatal_exit{1};
+  }
+  // The join and everything after it address the image directly: the
+  // region offset is zero except while the header is printed.
+  priv_header_info* hdr = priv->pri_header;
+  const voff_t save_offset = hdr->phi_priv_offset;
+  hdr->phi_priv_offset = 0;
+  res = priv_join(priv.get());
+  if (res != 0) {
+    volpfmt(s, s.err, 1, ":1650:join operation failed:\n\t%s\n", vol_strerror(res));
+    throw fatal_exit{1};
+  }
+  hdr->phi_priv_offset = save_offset;
+  priv_dump_header(s, priv.get());
+  hdr->phi_priv_offset = 0;
+  priv_dump_toc(s, priv.get());
+  std::fputs("\n\n", s.out);  // puts("\n")
+
   // next: the configuration report (step 18): priv_dump_config(s, priv, -1).
-  (void)dattrs;
   return 0;
 }
 
 }  // namespace
+
+void open_dump_file(session& s, const char* path) {
+  s.priv_fd = std::fopen(path, "rb");
+  if (s.priv_fd == nullptr) {
+    std::fprintf(s.err, "Cannot open dump file %s.\n", path);
+    throw fatal_exit{1};
+  }
+}
+
+std::uint64_t dump_file_size(FILE* f) {
+  (void)fseeko(f, 0, SEEK_END);
+  off_t end = ftello(f);
+  (void)fseeko(f, 0, SEEK_SET);
+  return end > 0 ? static_cast<std::uint64_t>(end) : 0;
+}
 
 disk_attrs derive_disk_attrs(std::uint64_t fsize, int sector_size) {
   disk_attrs d;

@@ -1,0 +1,604 @@
+// The block store: sparse block array, record hash and extraction.
+//
+// Layout and contracts in block_store.h. Extraction frames records only:
+// the owner's callbacks decode the header and the record bodies.
+#include "config_db/block_store.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "base/errors.h"
+#include "codec/integers.h"
+#include "config_db/records.h"
+
+namespace pd {
+
+// Block entries in pages of DBT_PAGE; a page exists once one of its blocks
+// is touched. Blocks in `write_ranges` (added by ddb_resize) start with
+// DBB_WRITE.
+struct db_block_table {
+  static constexpr std::size_t DBT_PAGE = 256;
+  std::map<std::size_t, std::unique_ptr<db_block[]>> pages;
+  std::vector<std::pair<std::size_t, std::size_t>> write_ranges;  // [from, to)
+};
+
+// (bucket, reference) -> record, in chain order within a bucket.
+struct db_record_index {
+  std::multimap<std::pair<std::size_t, unsigned long>, db_record*> recs;
+};
+
+namespace {
+
+constexpr db_block initial_block{DDB_NOBLOCK, nullptr, 0, 0, 0};
+constexpr db_block initial_write_block{DDB_NOBLOCK, nullptr, 0, 0, DBB_WRITE};
+
+std::size_t bucket_of(unsigned long ref) { return ref % DDB_NBUCKETS; }
+
+std::size_t header_blocks(const dbase* db) {
+  return db->ddb_blksize != 0 ? db->ddb_hdrsize / db->ddb_blksize : 0;
+}
+
+bool in_write_range(const db_block_table* t, std::size_t blkno) {
+  for (const auto& r : t->write_ranges) {
+    if (blkno >= r.first && blkno < r.second) return true;
+  }
+  return false;
+}
+
+// The entry of `blkno`, materialising its page; null when out of memory.
+db_block* block_at(dbase* db, std::size_t blkno) {
+  if (db->ddb_blocks == nullptr) {
+    db->ddb_blocks = new (std::nothrow) db_block_table;
+    if (db->ddb_blocks == nullptr) return nullptr;
+  }
+  db_block_table* t = db->ddb_blocks;
+  std::size_t page = blkno / db_block_table::DBT_PAGE;
+  auto it = t->pages.find(page);
+  if (it == t->pages.end()) {
+    std::unique_ptr<db_block[]> p(new (std::nothrow) db_block[db_block_table::DBT_PAGE]);
+    if (!p) return nullptr;
+    std::size_t first = page * db_block_table::DBT_PAGE;
+    for (std::size_t i = 0; i < db_block_table::DBT_PAGE; ++i) {
+      p[i] = in_write_range(t, first + i) ? initial_write_block : initial_block;
+    }
+    it = t->pages.emplace(page, std::move(p)).first;
+  }
+  return &it->second[blkno % db_block_table::DBT_PAGE];
+}
+
+db_record* new_record() {
+  auto* r = static_cast<db_record*>(std::calloc(1, sizeof(db_record)));
+  if (r != nullptr) {
+    r->dbr_first_blkno = DDB_NOBLOCK;
+    r->dbr_last_blkno = DDB_NOBLOCK;
+  }
+  return r;
+}
+
+// Records leave the hash but stay owned by the store until ddb_free, so
+// that an owner holding a pointer to one never sees it dangle.
+void retire_record(dbase* db, db_record* r) {
+  r->dbr_prev = nullptr;
+  r->dbr_next = db->ddb_unhashed;
+  db->ddb_unhashed = r;
+}
+
+void release_record(db_record* r) {
+  std::free(r->dbr_build);
+  std::free(r);
+}
+
+// Blocks a record of `size` body bytes occupies.
+std::size_t fragments_for(const dbase* db, std::size_t size) {
+  return (db->ddb_blksize + size - 9) / (db->ddb_blksize - DDB_BLKHDR_SIZE);
+}
+
+struct block_header {
+  bool magic_ok;
+  std::size_t blkno;
+  unsigned long ref;
+  std::size_t frag;
+  std::size_t nfrag;
+  const std::uint8_t* payload;
+};
+
+struct record_header {
+  std::uint16_t flag;
+  std::uint32_t type;
+  std::size_t size;
+  const std::uint8_t* body;
+};
+
+// REQUIRES: `p` holds a whole block (at least the minimum block size).
+block_header decode_block_header(const dbase* db, const std::uint8_t* p) {
+  block_header h{};
+  if (db->ddb_flag & DDB_COMPACT) {
+    h.magic_ok = p[0] == 'L' && p[1] == 'K';
+    h.blkno = p[2];
+    h.ref = p[3];
+    h.frag = p[4];
+    h.nfrag = p[5];
+    h.payload = p + DDB_C_BLKHDR_SIZE;
+  } else {
+    h.magic_ok = std::memcmp(p, "VBLK", 4) == 0;
+    h.blkno = get_be32(p + 4);
+    h.ref = get_be32(p + 8);
+    h.frag = get_be16(p + 12);
+    h.nfrag = get_be16(p + 14);
+    h.payload = p + DDB_BLKHDR_SIZE;
+  }
+  return h;
+}
+
+record_header decode_record_header(const dbase* db, const std::uint8_t* payload) {
+  record_header h{};
+  if (db->ddb_flag & DDB_COMPACT) {
+    h.flag = payload[0];
+    h.type = payload[1];
+    h.size = get_be16(payload + 2);
+    h.body = payload + DDB_C_RECHDR_SIZE;
+  } else {
+    h.flag = get_be16(payload);
+    h.type = get_be16(payload + 2);
+    h.size = get_be32(payload + 4);
+    h.body = payload + DDB_RECHDR_SIZE;
+  }
+  return h;
+}
+
+// Undo a fragment-0 record after its owner failed it.
+int drop_new_record(dbase* db, db_block* b, db_record* r, int err) {
+  b->dbb_record = nullptr;
+  b->dbb_flag |= DBB_BAD;
+  dbr_delete(db, r);
+  retire_record(db, r);
+  return err;
+}
+
+int extract_new_record(dbase* db, std::size_t blkno, db_block* b, const block_header& bh) {
+  if (db_record* old = dbr_find(db, bh.ref)) {
+    b->dbb_record = old;
+    old->dbr_gen_flag |= DBR_FORMAT_ERROR | DBR_DUPLICATE;
+    return VE_DB_FORMAT;
+  }
+  db_record* r = new_record();
+  if (r == nullptr) return VE_NOMEM;
+  record_header rh = decode_record_header(db, bh.payload);
+  r->dbr_ref = bh.ref;
+  r->dbr_flag = rh.flag;
+  r->dbr_type = rh.type;
+  r->dbr_size = rh.size;
+  if (bh.nfrag != fragments_for(db, rh.size)) {
+    release_record(r);
+    b->dbb_flag |= DBB_BAD;
+    return VE_DB_FORMAT;
+  }
+  b->dbb_frag_size = static_cast<std::uint16_t>(b->dbb_frag_size - DDB_RECHDR_SIZE);
+  r->dbr_first_blkno = blkno;
+  r->dbr_last_blkno = blkno;
+  b->dbb_record = r;
+  dbr_add(db, r);
+  if (b->dbb_frag_size >= r->dbr_size) {
+    b->dbb_frag_size = static_cast<std::uint16_t>(r->dbr_size);
+    r->dbr_gen_flag |= DBR_COMPLETE;
+  }
+  int err = db->ddb_ops && db->ddb_ops->dop_init_record ? db->ddb_ops->dop_init_record(db, r) : 0;
+  if (err != 0) return drop_new_record(db, b, r, err);
+  if (!(r->dbr_gen_flag & DBR_REFUSED) && r->dbr_ops && r->dbr_ops->rop_unformat) {
+    err = r->dbr_ops->rop_unformat(db, r, rh.body, 0, b->dbb_frag_size);
+    if (err != 0) return drop_new_record(db, b, r, err);
+  }
+  return 0;
+}
+
+int extract_more_record(dbase* db, db_record* r, std::size_t blkno, db_block* b,
+                        const std::uint8_t* payload) {
+  if (r->dbr_gen_flag & DBR_COMPLETE) {
+    b->dbb_flag |= DBB_BAD;
+    r->dbr_gen_flag |= DBR_FORMAT_ERROR;
+    return VE_DB_FORMAT;
+  }
+  if (r->dbr_gen_flag & (DBR_INCOMPLETE | DBR_REFUSED)) return 0;
+  db_block* last = block_at(db, r->dbr_last_blkno);
+  if (last == nullptr) return VE_NOMEM;
+  std::size_t end = last->dbb_offset + last->dbb_frag_size;
+  if (b->dbb_offset > end) {
+    r->dbr_gen_flag |= DBR_INCOMPLETE;
+    return 0;
+  }
+  if (b->dbb_offset < end) {
+    b->dbb_flag |= DBB_BAD;
+    r->dbr_gen_flag |= DBR_FORMAT_ERROR;
+    return VE_DB_FORMAT;
+  }
+  if (b->dbb_offset + b->dbb_frag_size >= r->dbr_size) {
+    b->dbb_frag_size = static_cast<std::uint16_t>(r->dbr_size - b->dbb_offset);
+    r->dbr_gen_flag |= DBR_COMPLETE;
+  }
+  last->dbb_next_blkno = blkno;
+  r->dbr_last_blkno = blkno;
+  if (r->dbr_ops && r->dbr_ops->rop_unformat) {
+    int err = r->dbr_ops->rop_unformat(db, r, payload, b->dbb_offset, b->dbb_frag_size);
+    if (err != 0) {
+      b->dbb_flag |= DBB_BAD;
+      r->dbr_gen_flag |= DBR_FORMAT_ERROR;
+      return err;
+    }
+  }
+  return 0;
+}
+
+int extract_continuation(dbase* db, std::size_t blkno, db_block* b, const block_header& bh) {
+  int err = 0;
+  db_record* r = dbr_find(db, bh.ref);
+  if (r != nullptr) {
+    if (bh.nfrag != fragments_for(db, r->dbr_size)) {
+      b->dbb_flag |= DBB_BAD;
+      r->dbr_gen_flag |= DBR_FORMAT_ERROR;
+      return VE_DB_FORMAT;
+    }
+    b->dbb_record = r;
+    err = extract_more_record(db, r, blkno, b, bh.payload);
+  } else {
+    // The record's first block was never seen: keep the fragment on an
+    // unhashed placeholder so that recovery can free the block.
+    r = new_record();
+    if (r == nullptr) return VE_NOMEM;
+    r->dbr_ref = bh.ref;
+    r->dbr_gen_flag = DBR_INCOMPLETE;
+    retire_record(db, r);
+    b->dbb_record = r;
+  }
+  if (r->dbr_gen_flag & DBR_INCOMPLETE) {
+    db->ddb_flag |= DDB_INCOMPLETE;
+    b->dbb_flag |= DBB_INCOMPLETE;
+    r->dbr_first_blkno = DDB_NOBLOCK;
+  }
+  return err;
+}
+
+int extract_block(dbase* db, std::size_t blkno, const std::uint8_t* p) {
+  db_block* b = block_at(db, blkno);
+  if (b == nullptr) return VE_NOMEM;
+  block_header bh = decode_block_header(db, p);
+  b->dbb_next_blkno = DDB_NOBLOCK;
+  b->dbb_record = nullptr;
+  b->dbb_flag = 0;
+  if (!bh.magic_ok) {
+    b->dbb_flag |= DBB_BAD;
+    return VE_BAD_MAGIC;
+  }
+  if (bh.blkno != blkno) {
+    b->dbb_flag |= DBB_BAD;
+    return VE_BAD_BLOCKNO;
+  }
+  if (bh.ref == 0) return 0;
+  std::size_t payload = db->ddb_blksize - DDB_BLKHDR_SIZE;
+  b->dbb_offset = bh.frag == 0 ? 0 : payload * bh.frag - DDB_RECHDR_SIZE;
+  b->dbb_frag_size = static_cast<std::uint16_t>(payload);
+  if (bh.frag == 0) return extract_new_record(db, blkno, b, bh);
+  return extract_continuation(db, blkno, b, bh);
+}
+
+// Block sizes the framing can carry: room for both headers and one body
+// byte, and a payload that fits dbb_frag_size.
+bool block_size_usable(const dbase* db) {
+  std::size_t min = DDB_BLKHDR_SIZE + DDB_RECHDR_SIZE + 1;
+  return db->ddb_blksize >= min && db->ddb_blksize - DDB_BLKHDR_SIZE <= 0xFFFF;
+}
+
+// Used data blocks among the materialised entries.
+std::size_t used_data_blocks(const dbase* db) {
+  std::size_t used = 0;
+  std::size_t first = header_blocks(db);
+  for (std::size_t i = ddb_block_next(db, first); i < db->ddb_nblocks;
+       i = ddb_block_next(db, i + 1)) {
+    if (ddb_block(db, i).dbb_record != nullptr) ++used;
+  }
+  return used;
+}
+
+// Replication links of groups older than version 60 carry only IPv4
+// addresses: mirror them into the IPv6 members.
+void fix_replication_links(dbase* db) {
+  const dbase_ops* ops = db->ddb_ops;
+  if (ops == nullptr || ops->dop_record_contents == nullptr) return;
+  const dgrec* dg = nullptr;
+  dbrec_iter it;
+  dbrlist_iter(&it, db);
+  while (db_record* r = dbrlist_next(&it)) {
+    void* p = nullptr;
+    if (ops->dop_record_contents(db, r, &p) == REC_TYPE_DG && p != nullptr) {
+      dg = static_cast<const dgrec*>(p);
+      break;
+    }
+  }
+  if (dg == nullptr || dg->dg_version > 59) return;
+  dbrlist_iter(&it, db);
+  while (db_record* r = dbrlist_next(&it)) {
+    void* p = nullptr;
+    if (ops->dop_record_contents(db, r, &p) != REC_TYPE_REP || p == nullptr) continue;
+    auto* rp = static_cast<reprec*>(p);
+    const std::pair<const PORTINFO*, PORTINFO6*> pairs[] = {
+        {&rp->rp_net_address, &rp->rp_net_address6},
+        {&rp->rp_local_address, &rp->rp_local_address6}};
+    for (const auto& [v4, v6] : pairs) {
+      v6->portno = v4->portno;
+      v6->ipaddress.family = 2;
+      v6->ipaddress.addr.words[0] = static_cast<std::uint32_t>(v4->ipaddress);
+    }
+  }
+}
+
+int change_size(dbase* db, std::size_t newnblks, bool mark_added) {
+  if (db->ddb_blocks == nullptr) {
+    db->ddb_blocks = new (std::nothrow) db_block_table;
+    if (db->ddb_blocks == nullptr) return VE_NOMEM;
+    db->ddb_nblocks = db->ddb_alloclim = newnblks;
+    db->ddb_freeblks = db->ddb_pend_freeblks = newnblks - header_blocks(db);
+    if (mark_added && newnblks > 0) db->ddb_blocks->write_ranges.emplace_back(0, newnblks);
+    return 0;
+  }
+  std::size_t old = db->ddb_nblocks;
+  if (newnblks == old) return 0;
+  db_block_table* t = db->ddb_blocks;
+  if (newnblks < old) {
+    for (std::size_t i = ddb_block_next(db, newnblks); i < old; i = ddb_block_next(db, i + 1)) {
+      if (ddb_block(db, i).dbb_record != nullptr) return VE_DB_FULL;
+    }
+    // Entries past the end return to the initial state.
+    for (auto it = t->pages.lower_bound(newnblks / db_block_table::DBT_PAGE);
+         it != t->pages.end();) {
+      std::size_t first = it->first * db_block_table::DBT_PAGE;
+      if (first >= newnblks) {
+        it = t->pages.erase(it);
+        continue;
+      }
+      for (std::size_t i = newnblks - first; i < db_block_table::DBT_PAGE; ++i) {
+        it->second[i] = initial_block;
+      }
+      ++it;
+    }
+    for (auto& r : t->write_ranges) {
+      if (r.second > newnblks) r.second = newnblks < r.first ? r.first : newnblks;
+    }
+  } else if (mark_added) {
+    t->write_ranges.emplace_back(old, newnblks);
+    for (auto it = t->pages.lower_bound(old / db_block_table::DBT_PAGE); it != t->pages.end();
+         ++it) {
+      std::size_t first = it->first * db_block_table::DBT_PAGE;
+      for (std::size_t i = 0; i < db_block_table::DBT_PAGE; ++i) {
+        if (first + i >= old && first + i < newnblks) it->second[i] = initial_write_block;
+      }
+    }
+  }
+  db->ddb_nblocks = db->ddb_alloclim = newnblks;
+  db->ddb_freeblks += newnblks - old;
+  db->ddb_pend_freeblks += newnblks - old;
+  return 0;
+}
+
+}  // namespace
+
+const db_block& ddb_block(const dbase* db, std::size_t blkno) {
+  const db_block_table* t = db->ddb_blocks;
+  if (t == nullptr) return initial_block;
+  auto it = t->pages.find(blkno / db_block_table::DBT_PAGE);
+  if (it != t->pages.end()) return it->second[blkno % db_block_table::DBT_PAGE];
+  return in_write_range(t, blkno) ? initial_write_block : initial_block;
+}
+
+std::size_t ddb_block_next(const dbase* db, std::size_t from) {
+  const db_block_table* t = db->ddb_blocks;
+  if (t == nullptr || from == DDB_NOBLOCK) return DDB_NOBLOCK;
+  auto it = t->pages.lower_bound(from / db_block_table::DBT_PAGE);
+  if (it == t->pages.end()) return DDB_NOBLOCK;
+  std::size_t first = it->first * db_block_table::DBT_PAGE;
+  return from > first ? from : first;
+}
+
+std::size_t ddb_block_count(const dbase* db) {
+  return db->ddb_blocks == nullptr ? 0 : db->ddb_blocks->pages.size() * db_block_table::DBT_PAGE;
+}
+
+dbase* ddb_alloc(const dbase_ops* ops) {
+  auto* db = static_cast<dbase*>(std::calloc(1, sizeof(dbase)));
+  if (db == nullptr) return nullptr;
+  db->ddb_rindex = new (std::nothrow) db_record_index;
+  if (db->ddb_rindex == nullptr) {
+    std::free(db);
+    return nullptr;
+  }
+  db->ddb_ops = ops;
+  return db;
+}
+
+void ddb_free(dbase* db) {
+  if (db == nullptr) return;
+  for (db_record*& head : db->ddb_record_buckets) {
+    while (db_record* r = head) {
+      head = r->dbr_next;
+      release_record(r);
+    }
+  }
+  while (db_record* r = db->ddb_unhashed) {
+    db->ddb_unhashed = r->dbr_next;
+    release_record(r);
+  }
+  delete db->ddb_blocks;
+  db->ddb_blocks = nullptr;
+  delete db->ddb_rindex;
+  db->ddb_rindex = nullptr;
+  if (db->ddb_ops && db->ddb_ops->dop_free) db->ddb_ops->dop_free(db);
+  std::free(db);
+}
+
+int ddb_setsize(dbase* db, std::size_t newnblks) { return change_size(db, newnblks, false); }
+int ddb_resize(dbase* db, std::size_t newnblks) { return change_size(db, newnblks, true); }
+
+int ddb_creat(dbase* db) {
+  delete db->ddb_blocks;
+  db->ddb_blocks = new (std::nothrow) db_block_table;
+  if (db->ddb_blocks == nullptr) return VE_NOMEM;
+  db->ddb_alloclim = db->ddb_nblocks;
+  return 0;
+}
+
+int ddb_extract(dbase* db, const std::uint8_t* buf, std::size_t offset, std::size_t len) {
+  if (offset == 0) {
+    if (db->ddb_ops && db->ddb_ops->dop_unformat_header) {
+      int err = db->ddb_ops->dop_unformat_header(db, buf, len);
+      if (err != 0) return err;
+    }
+    std::size_t skip = db->ddb_hdrsize < len ? db->ddb_hdrsize : len;
+    buf += skip;
+    offset += skip;
+    len -= skip;
+  }
+  if (len == 0 || db->ddb_nblocks == 0) return 0;
+  if (!block_size_usable(db)) return VE_DB_FORMAT;
+  for (std::size_t blkno = offset / db->ddb_blksize; len > 0 && blkno < db->ddb_nblocks;
+       ++blkno) {
+    if (len < db->ddb_blksize) return VE_SHORT_READ;
+    int err = extract_block(db, blkno, buf);
+    if (err != 0) return err;
+    buf += db->ddb_blksize;
+    len -= db->ddb_blksize;
+  }
+  return 0;
+}
+
+int ddb_extract_done(dbase* db) {
+  fix_replication_links(db);
+  dbrec_iter it;
+  dbrlist_iter(&it, db);
+  while (db_record* r = dbrlist_next(&it)) {
+    if (!(r->dbr_gen_flag & DBR_COMPLETE)) {
+      r->dbr_gen_flag |= DBR_INCOMPLETE;
+      r->dbr_first_blkno = DDB_NOBLOCK;
+      db->ddb_flag |= DDB_INCOMPLETE;
+    } else if (r->dbr_gen_flag & DBR_REFUSED) {
+      db->ddb_flag |= DDB_REFUSED;
+    }
+  }
+  std::size_t hdr = header_blocks(db);
+  std::size_t data = db->ddb_nblocks > hdr ? db->ddb_nblocks - hdr : 0;
+  db->ddb_freeblks = db->ddb_pend_freeblks = data - used_data_blocks(db);
+  return (db->ddb_flag & (DDB_INCOMPLETE | DDB_REFUSED)) ? 1 : 0;
+}
+
+void ddb_extract_recover(dbase* db) {
+  for (std::size_t i = ddb_block_next(db, header_blocks(db)); i < db->ddb_nblocks;
+       i = ddb_block_next(db, i + 1)) {
+    db_block* b = block_at(db, i);  // materialised: cannot fail
+    const db_record* r = b->dbb_record;
+    bool drop = (b->dbb_flag & DBB_INCOMPLETE) ||
+                (r != nullptr && (r->dbr_gen_flag & (DBR_INCOMPLETE | DBR_REFUSED)));
+    if (!drop) continue;
+    b->dbb_next_blkno = DDB_NOBLOCK;
+    b->dbb_offset = 0;
+    b->dbb_frag_size = 0;
+    b->dbb_flag = DBB_WRITE;
+    if (r != nullptr) {
+      b->dbb_record = nullptr;
+      ++db->ddb_freeblks;
+      ++db->ddb_pend_freeblks;
+    }
+  }
+  dbrec_iter it;
+  dbrlist_iter(&it, db);
+  while (db_record* r = dbrlist_next(&it)) {
+    if (r->dbr_gen_flag & (DBR_INCOMPLETE | DBR_REFUSED)) {
+      dbr_delete(db, r);
+      retire_record(db, r);
+    }
+  }
+}
+
+db_record* dbr_find(const dbase* db, unsigned long ref) {
+  const auto& recs = db->ddb_rindex->recs;
+  std::pair<std::size_t, unsigned long> key{bucket_of(ref), ref};
+  auto it = recs.lower_bound(key);  // the first of equal references
+  return it == recs.end() || it->first != key ? nullptr : it->second;
+}
+
+void dbr_add(dbase* db, db_record* r) {
+  auto& recs = db->ddb_rindex->recs;
+  std::size_t bucket = bucket_of(r->dbr_ref);
+  // A multimap inserts after every equal key: the chain order.
+  auto it = recs.emplace(std::make_pair(bucket, r->dbr_ref), r);
+  db_record* prev = nullptr;
+  if (it != recs.begin()) {
+    auto p = std::prev(it);
+    if (p->first.first == bucket) prev = p->second;
+  }
+  db_record* next = prev != nullptr ? prev->dbr_next : db->ddb_record_buckets[bucket];
+  r->dbr_prev = prev;
+  r->dbr_next = next;
+  if (prev != nullptr) {
+    prev->dbr_next = r;
+  } else {
+    db->ddb_record_buckets[bucket] = r;
+  }
+  if (next != nullptr) next->dbr_prev = r;
+}
+
+void dbr_delete(dbase* db, db_record* r) {
+  auto& recs = db->ddb_rindex->recs;
+  std::size_t bucket = bucket_of(r->dbr_ref);
+  auto range = recs.equal_range({bucket, r->dbr_ref});
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second == r) {
+      recs.erase(it);
+      break;
+    }
+  }
+  if (r->dbr_prev != nullptr) {
+    r->dbr_prev->dbr_next = r->dbr_next;
+  } else if (db->ddb_record_buckets[bucket] == r) {
+    db->ddb_record_buckets[bucket] = r->dbr_next;
+  }
+  if (r->dbr_next != nullptr) r->dbr_next->dbr_prev = r->dbr_prev;
+  r->dbr_next = r->dbr_prev = nullptr;
+}
+
+void dbrlist_iter(dbrec_iter* it, dbase* db) {
+  it->dbi_dbase = db;
+  it->dbi_bucket = db->ddb_record_buckets;
+  it->dbi_nleft = DDB_NBUCKETS;
+  it->dbi_next = nullptr;
+  // Position on the first record.
+  while (it->dbi_nleft > 0 && *it->dbi_bucket == nullptr) {
+    ++it->dbi_bucket;
+    --it->dbi_nleft;
+  }
+  if (it->dbi_nleft > 0) it->dbi_next = *it->dbi_bucket;
+}
+
+db_record* dbrlist_next(dbrec_iter* it) {
+  db_record* r = it->dbi_next;
+  if (r == nullptr) return nullptr;
+  // Fetch the successor first: the caller may release `r`.
+  if (r->dbr_next != nullptr) {
+    it->dbi_next = r->dbr_next;
+    return r;
+  }
+  it->dbi_next = nullptr;
+  while (it->dbi_nleft > 1) {
+    ++it->dbi_bucket;
+    --it->dbi_nleft;
+    if (*it->dbi_bucket != nullptr) {
+      it->dbi_next = *it->dbi_bucket;
+      break;
+    }
+  }
+  return r;
+}
+
+}  // namespace pd

@@ -1,0 +1,250 @@
+#include "driver/driver.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/errors.h"
+#include "codec/integers.h"
+#include "driver/dump_device.h"
+#include "test_support.h"
+
+namespace pd {
+namespace {
+
+const std::string usage_out =
+    "privdiag - ORVANE Volume Manager diagnostic operations\n\nUsage:\nprivdiag [512|4096] "
+    "filename\n";
+
+test::process_result privdiag(const std::vector<std::string>& args) {
+  std::vector<std::string> argv{PD_PRIVDIAG_BIN};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return test::run_process(argv);
+}
+
+std::string image_path(const std::string& name) { return test::temp_dir() + "/" + name; }
+
+TEST(DriverTest, ArgumentErrorsPrintUsageAndFail) {
+  const std::string img = image_path("args.img");
+  test::write_file(img, std::vector<std::uint8_t>(4096, 0));
+  struct {
+    std::vector<std::string> args;
+    std::string err;
+  } cases[] = {
+      {{}, "privdiag: Incorrect usage\n"},
+      {{"512", img, "extra"}, "privdiag: Incorrect usage\n"},
+      {{"512", img, "a", "b"}, "privdiag: Incorrect usage\n"},
+      {{"1024", img}, "privdiag: Incorrect sector size\n"},
+      {{"abc", img}, "privdiag: Incorrect sector size\n"},
+      {{"0", img}, "privdiag: Incorrect sector size\n"},
+  };
+  for (const auto& c : cases) {
+    auto r = privdiag(c.args);
+    EXPECT_EQ(r.status, 1) << c.err;
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out, usage_out);
+  }
+}
+
+TEST(DriverTest, MissingFileCannotBeOpened) {
+  const std::string missing = image_path("no-such.img");
+  for (const auto& args : {std::vector<std::string>{missing},
+                           std::vector<std::string>{"4096", missing}}) {
+    auto r = privdiag(args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Cannot open dump file " + missing + ".\n");
+    EXPECT_EQ(r.out, "");
+  }
+  test::captured_session cs;
+  std::string arg0 = "privdiag", arg1 = missing;
+  char* argv[] = {arg0.data(), arg1.data(), nullptr};
+  EXPECT_EQ(privdiag_main(cs.get(), 2, argv), 1);
+  EXPECT_EQ(cs->priv_fd, nullptr);
+  EXPECT_EQ(cs.err(), "Cannot open dump file " + missing + ".\n");
+}
+
+TEST(DriverTest, DiskAttributesFromTheImageLength) {
+  disk_attrs d = derive_disk_attrs(1024 * 1024 + 100, 512);
+  EXPECT_EQ(d.dka_atomic_iosize, 512u);
+  EXPECT_EQ(d.dka_priv_offset, 0);
+  EXPECT_EQ(d.dka_priv_len, 2048);
+  EXPECT_EQ(d.dka_primary_header, 2047);
+  EXPECT_EQ(d.dka_alternate_header, 2048 - 192);
+  EXPECT_EQ(d.dka_nt_backup_header, 2047);
+  EXPECT_EQ(d.dka_flags, 0u);
+
+  d = derive_disk_attrs(1024 * 1024 + 4095, 4096);
+  EXPECT_EQ(d.dka_atomic_iosize, 4096u);
+  EXPECT_EQ(d.dka_priv_len, 256);
+  EXPECT_EQ(d.dka_primary_header, 255);
+  EXPECT_EQ(d.dka_alternate_header, 256 - 24);
+  EXPECT_EQ(d.dka_nt_backup_header, 255);
+
+  // Empty, or shorter than a sector: the headers lie before the image.
+  for (std::uint64_t size : {0u, 100u}) {
+    d = derive_disk_attrs(size, 512);
+    EXPECT_EQ(d.dka_priv_len, 0);
+    EXPECT_EQ(d.dka_primary_header, -1);
+    EXPECT_EQ(d.dka_alternate_header, -192);
+  }
+  d = derive_disk_attrs(4000, 4096);
+  EXPECT_EQ(d.dka_primary_header, -1);
+  EXPECT_EQ(d.dka_alternate_header, -24);
+}
+
+// A session with the image open the way the driver opens it, and a handle
+// whose header gives the sector size and region offset.
+struct device_fixture {
+  test::captured_session cs;
+  priv_header_info hdr;
+  priv_info priv;
+
+  explicit device_fixture(const std::string& path, voff_t priv_offset = 0) {
+    open_dump_file(cs.get(), path.c_str());
+    hdr.phi_atomic_iosize = 512;
+    hdr.phi_priv_offset = priv_offset;
+    priv.pri_header = &hdr;
+    priv.pri_io_private = &cs.get();
+    priv.pri_read = privutil_read;
+    priv.pri_write = privutil_write;
+  }
+  session& s() { return cs.get(); }
+};
+
+// `n` sectors, sector i filled with the byte i.
+std::vector<std::uint8_t> numbered_sectors(int n) {
+  std::vector<std::uint8_t> b;
+  for (int i = 0; i < n; ++i) b.insert(b.end(), 512, static_cast<std::uint8_t>(i));
+  return b;
+}
+
+TEST(DriverTest, ImageLengthIsMeasuredAndTheStreamRewound) {
+  const std::string img = image_path("measure.img");
+  test::write_file(img, numbered_sectors(3));
+  device_fixture f(img);
+  EXPECT_EQ(dump_file_size(f.s().priv_fd), 1536u);
+  EXPECT_EQ(std::ftell(f.s().priv_fd), 0);
+  const std::string empty = image_path("empty.img");
+  test::write_file(empty, {});
+  device_fixture e(empty);
+  EXPECT_EQ(dump_file_size(e.s().priv_fd), 0u);
+}
+
+TEST(DriverTest, RelativeRequestsAddTheRegionOffsetAbsoluteOnesDoNot) {
+  const std::string img = image_path("offsets.img");
+  test::write_file(img, numbered_sectors(8));
+  device_fixture f(img, 2);
+  std::uint8_t buf[1024];
+  ASSERT_EQ(privutil_read(&f.priv, buf, 1, 2, PRI_IO_PRIVATE), 0);
+  EXPECT_EQ(buf[0], 3);
+  EXPECT_EQ(buf[1023], 4);
+  ASSERT_EQ(privutil_read(&f.priv, buf, 1, 1, PRI_IO_PRIVATE | PRI_IO_ABSOLUTE), 0);
+  EXPECT_EQ(buf[0], 1);
+  EXPECT_EQ(buf[511], 1);
+  // The public region is never open.
+  EXPECT_EQ(privutil_read(&f.priv, buf, 1, 1, 0), VE_READ_FAILED);
+  EXPECT_EQ(privutil_read(&f.priv, buf, 1, 1, PRI_IO_ABSOLUTE), VE_READ_FAILED);
+  EXPECT_EQ(privutil_write(&f.priv, buf, 1, 1, 0), VE_WRITE_FAILED);
+  EXPECT_EQ(f.cs.err(), "");
+}
+
+TEST(DriverTest, ReadPastTheEndIsShortAndCopiesTheWholeStagingBuffer) {
+  const std::string img = image_path("short.img");
+  auto data = numbered_sectors(2);
+  data.resize(1000);  // one sector and 488 bytes
+  test::write_file(img, data);
+  device_fixture f(img);
+  std::memset(get_aligned_buf(f.s(), 1536), 0xAB, 1536);  // what an earlier run left
+  std::vector<std::uint8_t> buf(1536, 0);
+  EXPECT_EQ(privutil_read(&f.priv, buf.data(), 0, 3, PRI_IO_PRIVATE), VE_SHORT_READ);
+  EXPECT_EQ(buf[0], 0);
+  EXPECT_EQ(buf[999], 1);
+  for (std::size_t i = 1000; i < buf.size(); ++i) ASSERT_EQ(buf[i], 0xAB) << i;
+  // Wholly past the end: nothing read, still 141, still the whole buffer.
+  EXPECT_EQ(privutil_read(&f.priv, buf.data(), 10, 1, PRI_IO_PRIVATE), VE_SHORT_READ);
+  EXPECT_EQ(f.cs.err(), "");
+}
+
+TEST(DriverTest, TheImageIsReadOnly) {
+  const std::string img = image_path("readonly.img");
+  auto data = numbered_sectors(4);
+  test::write_file(img, data);
+  device_fixture f(img);
+  std::vector<std::uint8_t> buf(512, 0xEE);
+  try {
+    privutil_write(&f.priv, buf.data(), 1, 1, PRI_IO_PRIVATE);
+    ADD_FAILURE() << "a write reached the image";
+  } catch (const fatal_exit& e) {
+    EXPECT_EQ(e.status, 1);
+  }
+  EXPECT_EQ(f.cs.err(), "nt_write_dev WriteFile privdiag: Cannot write data\n");
+  EXPECT_EQ(test::read_file(img), data);
+}
+
+TEST(DriverTest, HeadersBeforeTheImageFailToSeek) {
+  for (std::uint64_t size : {0u, 100u}) {
+    const std::string img = image_path("tiny" + std::to_string(size) + ".img");
+    test::write_file(img, std::vector<std::uint8_t>(size, 1));
+    device_fixture f(img);
+    disk_attrs d = derive_disk_attrs(dump_file_size(f.s().priv_fd), 512);
+    std::uint8_t buf[512];
+    try {
+      privutil_read(&f.priv, buf, d.dka_primary_header, 1, PRI_IO_PRIVATE);
+      ADD_FAILURE() << "read at sector " << d.dka_primary_header;
+    } catch (const fatal_exit& e) {
+      EXPECT_EQ(e.status, 1);
+    }
+    EXPECT_EQ(f.cs.err(), "nt_seek_dev SetFilePointer privdiag: Cannot seek to offset 0\n");
+  }
+}
+
+TEST(DriverTest, ADirectoryOpensButCannotBeRead) {
+  const std::string dir = image_path("a-directory");
+  ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+  device_fixture f(dir);
+  ASSERT_NE(f.s().priv_fd, nullptr);
+  std::uint8_t buf[512];
+  try {
+    privutil_read(&f.priv, buf, 0, 1, PRI_IO_PRIVATE);
+    ADD_FAILURE() << "read a directory";
+  } catch (const fatal_exit& e) {
+    EXPECT_EQ(e.status, 1);
+  }
+  EXPECT_EQ(f.cs.err(), "nt_read_dev ReadFile privdiag: Cannot read data\n");
+}
+
+TEST(DriverTest, FileLayerEdges) {
+  const std::string img = image_path("layer.img");
+  test::write_file(img, numbered_sectors(1));
+  device_fixture f(img);
+  std::uint8_t buf[4] = {7, 7, 7, 7};
+  EXPECT_EQ(nt_read_dev(f.s(), f.s().priv_fd, buf, 0), 0);
+  EXPECT_EQ(nt_write_dev(f.s(), f.s().priv_fd, buf, 0), 0);
+  nt_seek_dev(f.s(), f.s().priv_fd, 100, 2);  // whence is checked, then ignored
+  EXPECT_EQ(std::ftell(f.s().priv_fd), 100);
+  for (int whence : {3, -1}) {
+    test::captured_session cs;
+    try {
+      nt_seek_dev(cs.get(), f.s().priv_fd, 0, whence);
+      ADD_FAILURE() << whence;
+    } catch (const fatal_exit& e) {
+      EXPECT_EQ(e.status, 1);
+    }
+    EXPECT_EQ(cs.err(), "privdiag: nt_seek_dev: whence=" + std::to_string(whence) + " not valid\n");
+  }
+  void* p = nt_alloc(f.s(), 16);
+  ASSERT_NE(p, nullptr);
+  nt_free(p);
+  priv_info* h = priv_alloc();
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->pri_flags, 0u);
+  EXPECT_EQ(h->pri_header, nullptr);
+  std::free(h);
+}
+
+}  // namespace
+}  // namespace pd
