@@ -1,6 +1,8 @@
 // Kernel log blocks for the image builder.
 #include "privbuild/log_writer.h"
 
+#include "privbuild/builder.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -234,5 +236,29 @@ bool log_write(const log_content& c, std::uint8_t* copy, std::size_t len, std::s
   }
   return true;
 }
+
+namespace {
+
+// The `log` generator: the body's lines, blank lines and # comments left out.
+std::vector<std::uint8_t> gen_log(const content_request& req, std::string* error) {
+  log_content c;
+  for (const std::string& raw : req.lines) {
+    std::size_t b = raw.find_first_not_of(" \t");
+    if (b == std::string::npos || raw[b] == '#') continue;
+    if (!log_parse_line(raw.substr(b), c, *error)) return {};
+  }
+  std::vector<std::uint8_t> out(c.blocks.size() * KLOG_BLKSIZE);
+  if (out.size() > req.size) {
+    *error = "log: " + std::to_string(c.blocks.size()) + " blocks do not fit in " +
+             std::to_string(req.size) + " bytes";
+    return {};
+  }
+  if (!log_write(c, out.data(), out.size(), *error)) return {};
+  return out;
+}
+
+}  // namespace
+
+void register_log_generator() { register_content_generator("log", gen_log); }
 
 }  // namespace pd::privbuild

@@ -59,6 +59,9 @@ bool log_parse_line(const std::string& line, log_content& c, std::string& error)
 // `error` set when they do not fit or an entry slot is taken twice.
 bool log_write(const log_content& c, std::uint8_t* copy, std::size_t len, std::string& error);
 
+// Registers the generator as `log` with the builder.
+void register_log_generator();
+
 // Encodes one block at `out` (512 bytes) as block `index` of a copy of
 // `nblocks` described blocks.
 bool log_format_block(const log_block_spec& b, std::size_t index, std::size_t nblocks,
