@@ -98,26 +98,23 @@ const copy_part_place* copy_places::find(std::uint64_t byte) const {
 std::string copy_places::describe(std::uint64_t sector) const {
   if (!joined_) return "";
   const copy_part_place* p = find(sector * sector_size_);
-  if (p == nullptr) return " outside every copy";
+  if (p == nullptr) return "; outside every copy";
   std::uint64_t at = p->copy_offset + sector * sector_size_ - p->start;
-  char line[120];
-  int n = std::snprintf(line, sizeof line, " in %s copy %d, block %llu",
-                        p->kind == copy_kind::config ? "config" : "log", p->copy,
-                        static_cast<unsigned long long>(at / p->unit));
-  if (at % p->unit != 0 && n > 0 && static_cast<std::size_t>(n) < sizeof line) {
-    std::snprintf(line + n, sizeof line - n, " + %llu bytes",
-                  static_cast<unsigned long long>(at % p->unit));
-  }
-  return line;
+  std::string out = std::string("; ") + (p->kind == copy_kind::config ? "config" : "log") +
+                    " copy " + std::to_string(p->copy) + ", block " +
+                    std::to_string(at / p->unit);
+  if (at % p->unit != 0) out += " + " + std::to_string(at % p->unit) + " bytes";
+  return out;
 }
 
-std::string copy_places::check_block(std::uint64_t sector, copy_kind kind,
-                                     std::uint32_t blkno) const {
+std::string copy_places::describe(std::uint64_t sector, copy_kind kind,
+                                  std::uint32_t blkno) const {
+  std::string out = describe(sector);
   const copy_part_place* p = joined_ ? find(sector * sector_size_) : nullptr;
-  if (p == nullptr || p->kind != kind) return "";
+  if (p == nullptr || p->kind != kind) return out;
   std::uint64_t at = p->copy_offset + sector * sector_size_ - p->start;
-  if (at % p->unit != 0 || at / p->unit == blkno) return "";
-  return " (stands at block " + std::to_string(at / p->unit) + ")";
+  if (at % p->unit == 0 && at / p->unit != blkno) out += ": block number differs";
+  return out;
 }
 
 }  // namespace pd

@@ -38,12 +38,12 @@ class copy_places {
 
   // One line: the header chosen and the copies known, or why none is known.
   std::string summary() const { return summary_; }
-  // " in config copy 1, block 3" (with " + N bytes" when not on a block
-  // boundary), " outside every copy", or "" when nothing is located.
+  // "; config copy 1, block 3" (with " + N bytes" when not on a block
+  // boundary), "; outside every copy", or "" when nothing is located. With
+  // `blkno` given, a copy of kind `kind` whose block at this place has
+  // another number adds ": block number differs".
   std::string describe(std::uint64_t sector) const;
-  // "" when `blkno` is the block number of the position of `sector` in a
-  // copy of kind `kind` (or nothing is known), else " (stands at block N)".
-  std::string check_block(std::uint64_t sector, copy_kind kind, std::uint32_t blkno) const;
+  std::string describe(std::uint64_t sector, copy_kind kind, std::uint32_t blkno) const;
 
   bool header_seqno_known = false;
   volseqno_t header_seqno;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/errors.h"
 #include "codec/integers.h"
 #include "codec/text_forms.h"
 #include "config_db/block_store.h"
@@ -126,33 +127,31 @@ void scanner::tocblock(const std::uint8_t* p, std::size_t len) {
 
 void scanner::vmdb(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
   if (len < 22) return truncated(len);
-  std::fprintf(s_.out, "%s", places_.describe(sector).c_str());
-  std::fprintf(s_.out, " nblocks %u blksize %u hdrsize %u version %u.%u state %u",
+  std::fprintf(s_.out, " nblocks %u, blksize %u, hdrsize %u, version %u.%u, state %u",
                get_be32(p + 4), get_be32(p + 8), get_be32(p + 12), get_be16(p + 18),
                get_be16(p + 20), get_be16(p + 16));
   static const dbase_ops no_ops{};
   dbase* db = ddb_alloc(&no_ops);
-  if (db == nullptr) {
-    std::fputc('\n', s_.out);
-    return;
+  int res = VE_NOMEM;
+  if (db != nullptr) {
+    voldb_info vi{};
+    res = voldbsup_unformat_header(db, p, len < 512 ? len : 512, &vi);
+    ddb_free(db);
   }
-  voldb_info vi{};
-  int res = voldbsup_unformat_header(db, p, len < 512 ? len : 512, &vi);
-  ddb_free(db);
   if (res == 0) {
-    std::fprintf(s_.out, ", decodes\n");
+    std::fprintf(s_.out, ", decodes");
   } else {
-    std::fprintf(s_.out, ", does not decode: error %d: %s\n", res, vol_strerror(res));
+    std::fprintf(s_.out, ", does not decode: error %d: %s", res, vol_strerror(res));
   }
+  std::fprintf(s_.out, "%s\n", places_.describe(sector, copy_kind::config, 0).c_str());
 }
 
 void scanner::vblk(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
   if (len < DDB_BLKHDR_SIZE) return truncated(len);
   std::uint32_t blkno = get_be32(p + 4);
-  std::fprintf(s_.out, "%s", places_.describe(sector).c_str());
-  std::fprintf(s_.out, " block %u%s ref %u fragment %u of %u\n", blkno,
-               places_.check_block(sector, copy_kind::config, blkno).c_str(), get_be32(p + 8), get_be16(p + 12),
-               get_be16(p + 14));
+  std::fprintf(s_.out, " block %u, ref %u, fragment %u of %u%s\n", blkno, get_be32(p + 8),
+               get_be16(p + 12), get_be16(p + 14),
+               places_.describe(sector, copy_kind::config, blkno).c_str());
 }
 
 void scanner::klog(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
@@ -162,10 +161,9 @@ void scanner::klog(std::uint64_t sector, const std::uint8_t* p, std::size_t len)
   tid.seqno_hi = get_be32(p + KLOG_OFF_TID_HI);
   tid.seqno_lo = get_be32(p + KLOG_OFF_TID_LO);
   char tb[24];
-  std::fprintf(s_.out, "%s", places_.describe(sector).c_str());
-  std::fprintf(s_.out, " block %u%s tid %s seqno %u len %u\n", blkno,
-               places_.check_block(sector, copy_kind::log, blkno).c_str(), volseqnotostr(tid, tb),
-               get_be32(p + KLOG_OFF_SEQNO), get_be32(p + KLOG_OFF_LOGLEN));
+  std::fprintf(s_.out, " block %u, tid %s, seqno %u, len %u%s\n", blkno, volseqnotostr(tid, tb),
+               get_be32(p + KLOG_OFF_SEQNO), get_be32(p + KLOG_OFF_LOGLEN),
+               places_.describe(sector, copy_kind::log, blkno).c_str());
 }
 
 bool scanner::examine(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
