@@ -107,7 +107,7 @@ int dispatch(pd::session& s, const subcommands& c, cli_values& v) {
       return pd::INSPECT_USAGE_IO;
     }
     r.count = v.count;
-    r.copy = v.copy;
+    if (r.what == pd::hexdump_what::record) r.copy = v.copy;
     return pd::inspect_hexdump(s, v.target, r);
   }
   pd::records_filter f;
