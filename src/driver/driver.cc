@@ -17,6 +17,7 @@
 #include "driver/dump_device.h"
 #include "driver/messages.h"
 #include "driver/pipeline.h"
+#include "private_region/join.h"
 
 namespace pd {
 
@@ -28,10 +29,11 @@ constexpr const char* usage_text =
 // Bytes of one header sector: the primary header is the last such sector.
 constexpr std::size_t header_iosize = 512;
 
-struct priv_free {
-  void operator()(priv_info* p) const { std::free(p); }
+// Releases the handle with everything the scan and the join hung on it.
+struct priv_release {
+  void operator()(priv_info* p) const { priv_free(p); }
 };
-using priv_handle = std::unique_ptr<priv_info, priv_free>;
+using priv_handle = std::unique_ptr<priv_info, priv_release>;
 
 void usage(session& s) {
   std::fputs(usage_text, s.out);
@@ -77,12 +79,28 @@ int privdiag_run(session& s, int argc, char** argv) {
   disk_attrs dattrs = derive_disk_attrs(dump_file_size(s.priv_fd), sector_size);
   priv->pri_flags |= PRI_NOUPDATE;
 
-  // next: scan (step 12), then zero phi_priv_offset, join (steps 13-14),
-  // print the header with the stored offset restored, zero it again, print
-  // the TOC and two new lines (steps 15-17); whatever scan and join hang on
-  // the handle must be released before it is freed here.
+  int res = priv_scan(priv.get(), &dattrs);
+  if (res != 0) {
+    volpfmt(s, s.err, 1, ":1735:scan operation failed:\n\t%s\n", vol_strerror(res));
+    throw fatal_exit{1};
+  }
+  // The join and everything after it address the image directly: the
+  // region offset is zero except while the header is printed.
+  priv_header_info* hdr = priv->pri_header;
+  const voff_t save_offset = hdr->phi_priv_offset;
+  hdr->phi_priv_offset = 0;
+  res = priv_join(priv.get());
+  if (res != 0) {
+    volpfmt(s, s.err, 1, ":1650:join operation failed:\n\t%s\n", vol_strerror(res));
+    throw fatal_exit{1};
+  }
+  hdr->phi_priv_offset = save_offset;
+  priv_dump_header(s, priv.get());
+  hdr->phi_priv_offset = 0;
+  priv_dump_toc(s, priv.get());
+  std::fputs("\n\n", s.out);  // puts("\n")
+
   // next: the configuration report (step 18): priv_dump_config(s, priv, -1).
-  (void)dattrs;
   return 0;
 }
 
