@@ -18,6 +18,7 @@
 #include "driver/messages.h"
 #include "driver/pipeline.h"
 #include "private_region/join.h"
+#include "report/copy_loading.h"
 
 namespace pd {
 
@@ -100,7 +101,9 @@ int privdiag_run(session& s, int argc, char** argv) {
   priv_dump_toc(s, priv.get());
   std::fputs("\n\n", s.out);  // puts("\n")
 
-  // next: the configuration report (step 18): priv_dump_config(s, priv, -1).
+  // The configuration report of the first enabled copy; the status is 0
+  // whatever the report returned.
+  priv_dump_config(s, priv.get(), -1);
   return 0;
 }
 

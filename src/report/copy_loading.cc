@@ -1,0 +1,401 @@
+// Configuration copy loading: copy selection, the copy reader, feeding the
+// block store and the store's callbacks.
+#include "report/copy_loading.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "base/errors.h"
+#include "codec/integers.h"
+#include "codec/text_forms.h"
+#include "config_db/record_layouts.h"
+#include "driver/dump_device.h"
+#include "driver/messages.h"
+
+namespace pd {
+
+namespace {
+
+// Bytes handed to the store per call, and blocks per read.
+constexpr std::size_t CONFIG_BLOCK = 512;
+constexpr std::size_t CONFIG_RUN_BLOCKS = 128;
+constexpr std::size_t CONFIG_BUFSIZE = 0x200000;  // 2 MiB
+
+// Transaction states of the store's state nibble.
+constexpr unsigned STATE_CLEAN = 1;
+constexpr unsigned STATE_COMMIT = 3;
+constexpr unsigned STATE_ABORT = 4;
+
+config_report& owner(dbase* db) { return *static_cast<config_report*>(db->ddb_private); }
+
+int cb_init_record(dbase* db, db_record* r) { return owner(db).init_record(r); }
+int cb_new_record(dbase*, db_record*) { return 0; }
+int cb_format_header(dbase*, std::uint8_t*, std::size_t) { return 0; }
+int cb_unformat_header(dbase* db, const std::uint8_t* buf, std::size_t len) {
+  return owner(db).unformat_header(buf, len);
+}
+int cb_write(dbase*, std::size_t, const std::uint8_t*, std::size_t) { return 0; }
+void cb_free(dbase*) {}
+int cb_record_contents(dbase*, db_record* r, void** decoded) {
+  const record* rec = record_of(r);
+  if (rec == nullptr || rec->u == nullptr) return -1;
+  *decoded = rec->u;
+  return rec->type;
+}
+
+int cb_unformat_record(dbase* db, db_record* r, const std::uint8_t* frag, std::size_t offset,
+                       std::size_t length) {
+  return owner(db).unformat_record(r, frag, offset, length);
+}
+int cb_add_new_record(dbase* db, db_record* r, int ns, volrid_t rid, const char* rname,
+                      voldguid_t guid, void** rawpp) {
+  return owner(db).add_new_record(r, ns, rid, rname, guid, rawpp);
+}
+void cb_free_record(dbase*, db_record*) {}
+
+constexpr dbase_ops dbops = {
+    cb_init_record, cb_new_record, cb_format_header, cb_unformat_header,
+    cb_write,       cb_free,       cb_record_contents,
+};
+constexpr dbrec_ops rops = {nullptr, nullptr, cb_unformat_record, cb_free_record};
+
+[[noreturn]] void die_nomem(session& s) {
+  volpfmt(s, s.err, 1, ":734:Memory allocation failure\n");
+  throw fatal_exit{1};
+}
+
+bool copy_disabled(const copy_info* cp) {
+  return (cp->ci_parts[0]->tei_region.dkr_flags & DKR_DISABLED) != 0;
+}
+
+// The copy `copy` names (the first enabled one when negative), or null.
+copy_info* select_copy(priv_info* priv, int copy) {
+  for (copy_info* cp = priv->pri_config_copies; cp != nullptr; cp = cp->ci_next) {
+    if (copy < 0 ? !copy_disabled(cp) : cp->ci_copy == copy) return cp;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+std::size_t record_room(int type) {
+  switch (type) {
+    case REC_TYPE_VOL: return sizeof(volrec);
+    case REC_TYPE_PLEX: return sizeof(plexrec);
+    case REC_TYPE_SD: return sizeof(sdrec);
+    case REC_TYPE_DM: return sizeof(dmrec);
+    case REC_TYPE_DG: return sizeof(dgrec);
+    case REC_TYPE_DA: return sizeof(darec);
+    case REC_TYPE_RVOL: return sizeof(rvolrec);
+    case REC_TYPE_REP: return sizeof(reprec);
+    case REC_TYPE_DCO: return sizeof(dcorec);
+    case REC_TYPE_SNAP: return sizeof(snaprec);
+    case REC_TYPE_CACHE: return sizeof(cacherec);
+    default: return 0;
+  }
+}
+
+int safe_strcpy(char* strDestination, const char* strSource) {
+  if (strSource == nullptr) {
+    strDestination[0] = '\0';
+    return 1;
+  }
+  std::strcpy(strDestination, strSource);
+  return 0;
+}
+
+int safe_wcscpy(wchar_t* strDestination, const wchar_t* strSource) {
+  if (strSource == nullptr) {
+    strDestination[0] = L'\0';
+    return 1;
+  }
+  std::wcscpy(strDestination, strSource);
+  return 0;
+}
+
+config_report::config_report(session& sess) : s(sess) {}
+
+config_report::~config_report() {
+  for (record* rec = rlist; rec != nullptr;) {
+    record* next = rec->next;
+    if (rec->u != nullptr) {
+      release_decoded(rec->type_word, rec->u);
+      std::free(rec->u);
+    }
+    delete rec;
+    rec = next;
+  }
+  release_decoded(0, nullptr);
+  ddb_free(db);
+}
+
+// Frees the heap members (wide strings, byte strings) decoding attached to
+// `sp`; with a null `sp`, those of the scratch structure, which is cleared.
+void config_report::release_decoded(std::uint32_t type_word, void* sp) {
+  if (sp == nullptr) {
+    if (!scratch_used_) return;
+    sp = scratch_.get();
+    type_word = scratch_type_;
+  }
+  if (const rec2field* r2f = find_rec2field(type_word)) voldbf_free_tbl(r2f, sp);
+  if (sp == scratch_.get()) {
+    std::memset(static_cast<void*>(scratch_.get()), 0, sizeof(urec));
+    scratch_used_ = false;
+  }
+}
+
+int config_report::configcopy_setup() {
+  db = ddb_alloc(&dbops);
+  if (db == nullptr) die_nomem(s);
+  db->ddb_private = this;
+  configcopy_eof_called = 0;
+  return 1;
+}
+
+int config_report::unformat_header(const std::uint8_t* buf, std::size_t bufsize) {
+  // The header decoder is always given one 512-byte piece.
+  const int res =
+      voldbsup_unformat_header(db, buf, std::min(bufsize, VOLDB_HDR_DECODE), &hdrinfo);
+  if (res != 0) {
+    volpfmt(s, s.err, 1, ":649:Fatal error in header: %s\n", vol_strerror(res));
+    throw fatal_exit{1};
+  }
+  unsigned state = hdrinfo.vdbi_commit_state;
+  if (state == VDBI_CHANGE) {
+    state = s.c_commit != 0 ? STATE_COMMIT : STATE_ABORT;
+  } else if (state != STATE_CLEAN && state != STATE_COMMIT && state != STATE_ABORT) {
+    state = STATE_ABORT;
+  }
+  db->ddb_flag = (db->ddb_flag & ~DDB_STATE_MASK) | (state << DDB_STATE_SHIFT);
+  // The header-size fault deliberately reuses the block-size text.
+  if (db->ddb_hdrsize > CONFIG_BLOCK) {
+    volpfmt(s, s.err, 1, ":414:Bad block size in header (%lu)\n",
+            static_cast<unsigned long>(db->ddb_hdrsize));
+    throw fatal_exit{1};
+  }
+  if (db->ddb_blksize == 0 || db->ddb_blksize > 8192) {
+    volpfmt(s, s.err, 1, ":414:Bad block size in header (%lu)\n",
+            static_cast<unsigned long>(db->ddb_blksize));
+    throw fatal_exit{1};
+  }
+  const int sres = ddb_setsize(db, db->ddb_nblocks);
+  if (sres != 0) {
+    volpfmt(s, s.err, 1, ":1548:ddb_setsize failed: %s\n", vol_strerror(sres));
+    throw fatal_exit{1};
+  }
+  return 0;
+}
+
+int config_report::init_record(db_record* r) {
+  r->dbr_ops = &rops;
+  return voldbsup_init_record(db, r);
+}
+
+int config_report::unformat_record(db_record* r, const std::uint8_t* buf,
+                                   std::size_t frag_offset, std::size_t frag_size) {
+  const int res = voldbsup_unformat_record(db, r, buf, frag_offset, frag_size, cb_add_new_record);
+  // Fields of a type without room of its own are not kept.
+  release_decoded(0, nullptr);
+  return res;
+}
+
+int config_report::add_new_record(db_record* r, int rec_namespace, volrid_t rid,
+                                  const char* rname, voldguid_t /*guid*/, void** rawpp) {
+  const int type = static_cast<int>(r->dbr_type & 15);
+  record* rec = new (std::nothrow) record{};
+  if (rec == nullptr) die_nomem(s);
+  if (const std::size_t room = record_room(type); room != 0) {
+    rec->u = std::calloc(1, room);
+    if (rec->u == nullptr) {
+      delete rec;
+      die_nomem(s);
+    }
+  }
+  rec->dbrec = r;
+  rec->type = type;
+  rec->rid = rid;
+  rec->rec_namespace = rec_namespace;
+  rec->type_word = r->dbr_type;
+  // At most 31 characters of the name are kept.
+  if (rname != nullptr) std::snprintf(rec->name, sizeof rec->name, "%s", rname);
+  r->dbr_private = rec;
+  if (rec->u != nullptr) {
+    *rawpp = rec->u;
+  } else {
+    if (!scratch_) scratch_ = std::make_unique<urec>();
+    std::memset(static_cast<void*>(scratch_.get()), 0, sizeof(urec));
+    scratch_used_ = true;
+    scratch_type_ = r->dbr_type;
+    *rawpp = scratch_.get();
+  }
+  if (rlast != nullptr) {
+    rlast->next = rec;
+  } else {
+    rlist = rec;
+  }
+  rlast = rec;
+  return 0;
+}
+
+template <class Eof>
+int config_report::feed(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread, Eof eof) {
+  std::int64_t offset = static_cast<std::int64_t>(cpoffset * CONFIG_BLOCK);
+  std::int32_t cc = static_cast<std::int32_t>(nblksread * CONFIG_BLOCK);
+  unsigned blkno = static_cast<unsigned>(cpoffset);
+  const std::uint8_t* bp = buf;
+  bool failed = false;
+  while (cc >= static_cast<std::int32_t>(CONFIG_BLOCK) && !failed) {
+    const int res = ddb_extract(db, bp, static_cast<std::size_t>(offset), CONFIG_BLOCK);
+    if (res != 0) {
+      volpfmt(s, s.err, 1, ":624:Error (File block %u): %s\n", blkno, vol_strerror(res));
+      lastres = res;
+      if (eof() != 1) return -1;
+      failed = true;
+    }
+    offset += CONFIG_BLOCK;
+    ++blkno;
+    bp += CONFIG_BLOCK;
+    cc -= static_cast<std::int32_t>(CONFIG_BLOCK);
+  }
+  lastoffset = offset;
+  const auto dbsize = static_cast<std::int64_t>(db->ddb_nblocks * db->ddb_blksize);
+  if (dbsize < offset || failed) return eof() == 1 ? 1 : -1;
+  return 1;
+}
+
+int config_report::configcopy_more(std::uint8_t* buf, std::size_t cpoffset,
+                                   std::size_t nblksread) {
+  return feed(buf, cpoffset, nblksread, [this] { return configcopy_eof(); });
+}
+
+int config_report::config_disksetID_more(std::uint8_t* buf, std::size_t cpoffset,
+                                         std::size_t nblksread, char* disksetID) {
+  return feed(buf, cpoffset, nblksread, [&] { return config_disksetID_eof(disksetID); });
+}
+
+int config_report::config_disksetID_eof(char* disksetID) {
+  dbrec_iter it;
+  dbrlist_iter(&it, db);
+  while (db_record* r = dbrlist_next(&it)) {
+    const record* rec = record_of(r);
+    if (rec != nullptr && rec->type == REC_TYPE_DG) {
+      voldguid_to_string(disksetID, &rec->dg()->dg_nt_diskset_id);
+      return 1;
+    }
+  }
+  return -1;
+}
+
+int config_report::LoadRecords(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread) {
+  std::int64_t offset = static_cast<std::int64_t>(cpoffset * CONFIG_BLOCK);
+  std::int32_t cc = static_cast<std::int32_t>(nblksread * CONFIG_BLOCK);
+  unsigned blkno = static_cast<unsigned>(cpoffset);
+  const std::uint8_t* bp = buf;
+  while (cc >= static_cast<std::int32_t>(CONFIG_BLOCK)) {
+    const int res = ddb_extract(db, bp, static_cast<std::size_t>(offset), CONFIG_BLOCK);
+    if (res != 0) {
+      // Deliberately on the output stream.
+      volpfmt(s, s.out, 1, ":624:Error (File block %u): %s\n", blkno, vol_strerror(res));
+      return -1;
+    }
+    offset += CONFIG_BLOCK;
+    ++blkno;
+    bp += CONFIG_BLOCK;
+    cc -= static_cast<std::int32_t>(CONFIG_BLOCK);
+  }
+  lastoffset = offset;
+  return 1;
+}
+
+int priv_read_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf,
+                   std::size_t blkno, std::size_t nblks, std::size_t* nread) {
+  *nread = 0;
+  const priv_header_info* hdr = priv->pri_header;
+  const std::size_t per_sector = hdr->phi_chunk_size == 4096 ? 1 : hdr->phi_atomic_iosize / 512;
+  if (per_sector > 1) nblks -= nblks % per_sector;
+  const auto chunk = static_cast<voff_t>(hdr->phi_chunk_size);
+  std::size_t cpoffset = 0;
+  for (int i = 0; i < cp->ci_npart && nblks > 0; ++i) {
+    const disk_region& rg = cp->ci_parts[i]->tei_region;
+    const auto len = static_cast<std::size_t>(chunk * rg.dkr_len / 512);
+    const voff_t start = chunk * rg.dkr_offset / 512;
+    if (blkno < cpoffset + len) {
+      const std::size_t run = std::min(cpoffset + len - blkno, nblks);
+      const voff_t pos = start + static_cast<voff_t>(blkno - cpoffset) + hdr->phi_priv_offset;
+      nt_seek_dev(s, s.priv_fd, pos * 512, 0);
+      const int cc = nt_read_dev(s, s.priv_fd, buf, run * CONFIG_BLOCK);
+      if (cc < 0) {
+        volpfmt(s, s.err, 1, ":1712:priv_read_copy: read of %d failed:\n\t%s\n",
+                static_cast<int>(run), std::strerror(errno));
+        return VE_READ_FAILED;
+      }
+      nblks -= run;
+      blkno += run;
+      buf += run * CONFIG_BLOCK;
+      *nread += run;
+    }
+    cpoffset += len;
+  }
+  return 0;
+}
+
+int priv_dump_config(session& s, priv_info* priv, int copy) {
+  std::uint8_t* buf = get_aligned_buf(s, CONFIG_BUFSIZE);
+  if (buf == nullptr) {
+    volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
+    throw fatal_exit{1};
+  }
+  if (priv->pri_config_copies == nullptr) {
+    volpfmt(s, s.err, 1, ":594:Disk has no config copies\n");
+    throw fatal_exit{1};
+  }
+  copy_info* cp = select_copy(priv, copy);
+  if (cp == nullptr) {
+    if (copy < 0) {
+      volpfmt(s, s.err, 1, ":595:Disk has no enabled config copies\n");
+    } else {
+      volpfmt(s, s.err, 1, ":566:Disk does not have config copy %d\n", copy);
+    }
+    throw fatal_exit{1};
+  }
+  std::fprintf(s.out, "#Config copy %02lu\n", static_cast<unsigned long>(cp->ci_copy));
+  if (copy_disabled(cp)) std::fputs("#NOTE: Copy is disabled\n", s.out);
+  std::fputs("\n", s.out);
+  std::fflush(s.out);
+
+  config_report rep(s);
+  if (rep.configcopy_setup() != 1) return -2;
+  for (std::size_t cpoffset = 0;;) {
+    std::size_t nblksread = 0;
+    if (priv_read_copy(s, priv, cp, buf, cpoffset, CONFIG_RUN_BLOCKS, &nblksread) != 0) {
+      volpfmt(s, s.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
+      throw fatal_exit{1};
+    }
+    if (nblksread == 0) return rep.configcopy_eof() == 1 ? 1 : -2;
+    if (rep.configcopy_more(buf, cpoffset, nblksread) != 1) return -2;
+    cpoffset += nblksread;
+  }
+}
+
+int priv_dump_config_disksetID(session& s, priv_info* priv, int copy, char* disksetID) {
+  std::uint8_t* buf = get_aligned_buf(s, CONFIG_BUFSIZE);
+  if (buf == nullptr || priv->pri_config_copies == nullptr) return -2;
+  copy_info* cp = select_copy(priv, copy);
+  if (cp == nullptr) return -2;
+  config_report rep(s);
+  if (rep.configcopy_setup() != 1) return -2;
+  for (std::size_t cpoffset = 0;;) {
+    std::size_t nblksread = 0;
+    if (priv_read_copy(s, priv, cp, buf, cpoffset, CONFIG_RUN_BLOCKS, &nblksread) != 0) {
+      return -2;
+    }
+    if (nblksread == 0) return rep.config_disksetID_eof(disksetID);
+    if (rep.config_disksetID_more(buf, cpoffset, nblksread, disksetID) != 1) return -2;
+    cpoffset += nblksread;
+  }
+}
+
+}  // namespace pd

@@ -1,0 +1,145 @@
+// Loading one configuration copy into a chain of collected records.
+//
+// A configuration copy is read from the image in runs of at most 128 blocks
+// of 512 bytes (cut at part boundaries and at whole sectors) into the
+// session's one 2 MiB aligned buffer, which is never cleared, and handed to
+// the block store 512 bytes at a time. Through the store's callbacks every
+// completed record becomes a `record`: the store record it came from, its
+// type (low four bits of the type word), id, name space, name (at most 31
+// characters and a terminator) and the decoded fields, for which room is
+// reserved only when the type has a structure of its own (record_room()).
+// Records of the other types are decoded into a scratch structure that is
+// discarded.
+//
+// All the state of one load (store, decoded database header, record chain,
+// last extraction error, bytes fed, report latch, highest tid printed, the
+// report's lists and tree prefix) lives in one config_report object; it
+// owns everything it allocates and frees it when it goes away.
+//
+// Fatal conditions (no copies, no buffer, undecodable header, bad sizes)
+// write their message to the session's error stream and throw fatal_exit{1}.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cwchar>
+#include <memory>
+
+#include "base/session.h"
+#include "base/types.h"
+#include "config_db/block_store.h"
+#include "config_db/records.h"
+#include "private_region/priv_info.h"
+#include "report/overview.h"
+#include "report/record_printer.h"
+
+namespace pd {
+
+// The room a record of `type` (dbr_type & 15) reserves for its decoded
+// fields: 0 for the types without a structure of their own (0, 11, 12, 14,
+// 15).
+std::size_t record_room(int type);
+
+// One collected configuration record.
+struct record {
+  record* next = nullptr;      // arrival order
+  db_record* dbrec = nullptr;  // the store record it was built from
+  int type = 0;                // dbr_type & 15
+  volrid_t rid;
+  int rec_namespace = 0;  // the decoder's name space
+  char name[32] = {};     // NUL-terminated
+  void* u = nullptr;      // decoded fields: record_room(type) bytes, or null
+  std::uint32_t type_word = 0;  // the store type word when the record was placed
+
+  // The decoded fields in the structure of the record's type. REQUIRES: the
+  // record's type is the one named.
+  volrec* vol() const { return static_cast<volrec*>(u); }
+  plexrec* plex() const { return static_cast<plexrec*>(u); }
+  sdrec* sd() const { return static_cast<sdrec*>(u); }
+  dmrec* dm() const { return static_cast<dmrec*>(u); }
+  dgrec* dg() const { return static_cast<dgrec*>(u); }
+  darec* da() const { return static_cast<darec*>(u); }
+  rvolrec* rvol() const { return static_cast<rvolrec*>(u); }
+  reprec* rep() const { return static_cast<reprec*>(u); }
+  dcorec* dco() const { return static_cast<dcorec*>(u); }
+  snaprec* snap() const { return static_cast<snaprec*>(u); }
+  cacherec* cache() const { return static_cast<cacherec*>(u); }
+};
+
+// The collected record of a store record, or null.
+inline record* record_of(const db_record* r) { return static_cast<record*>(r->dbr_private); }
+
+// The state of one configuration load and its report.
+class config_report {
+ public:
+  explicit config_report(session& s);
+  ~config_report();
+  config_report(const config_report&) = delete;
+  config_report& operator=(const config_report&) = delete;
+
+  session& s;
+  dbase* db = nullptr;
+  voldb_info hdrinfo{};
+  record* rlist = nullptr;
+  record* rlast = nullptr;
+  int lastres = 0;
+  std::int64_t lastoffset = 0;
+  int configcopy_eof_called = 0;
+  volseqno_t max_tid;
+  overview_state view;  // lists, tree nodes and the tree prefix
+
+  // Creates the store; returns 1 (a failed allocation is fatal).
+  int configcopy_setup();
+  // Feeds `nblksread` blocks that start at copy block `cpoffset`; 1 to go
+  // on, -1 when the report failed.
+  int configcopy_more(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread);
+  // Prints the report once; 1.
+  int configcopy_eof();
+  // Feeds blocks without ever printing the report; -1 after the first
+  // extraction error (reported on the output stream), else 1.
+  int LoadRecords(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread);
+  int config_disksetID_more(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread,
+                            char* disksetID);
+  int config_disksetID_eof(char* disksetID);
+
+  // The store callbacks, reached through ddb_private.
+  int unformat_header(const std::uint8_t* buf, std::size_t bufsize);
+  int init_record(db_record* r);
+  int unformat_record(db_record* r, const std::uint8_t* buf, std::size_t frag_offset,
+                      std::size_t frag_size);
+  int add_new_record(db_record* r, int rec_namespace, volrid_t rid, const char* rname,
+                     voldguid_t guid, void** rawpp);
+
+ private:
+  // Feeds blocks; `eof` is called once after the first extraction error.
+  template <class Eof>
+  int feed(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread, Eof eof);
+  void release_decoded(std::uint32_t type_word, void* sp);
+
+  std::unique_ptr<urec> scratch_;  // decoded fields of types without room
+  bool scratch_used_ = false;
+  std::uint32_t scratch_type_ = 0;
+};
+
+// Prints configuration copy `copy` (the first enabled one when negative):
+// its heading, then the report. 1 after the report, -2 when loading failed.
+int priv_dump_config(session& s, priv_info* priv, int copy);
+
+// Reads up to `nblks` 512-byte blocks of copy `cp` from copy block `blkno`
+// into `buf`; `*nread` receives the blocks read (0 at the end of the copy).
+// 0, or 142 after a failed read.
+int priv_read_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf,
+                   std::size_t blkno, std::size_t nblks, std::size_t* nread);
+
+// The disk-set id of the copy's disk-group record as GUID text in
+// `disksetID` (at least 37 characters). 1 when found, -1 without a
+// disk-group record, -2 when the copy could not be loaded; silent except for
+// extraction errors.
+int priv_dump_config_disksetID(session& s, priv_info* priv, int copy, char* disksetID);
+
+// Copy a possibly absent string; a null source gives an empty destination.
+// 1 when the source was null, else 0. REQUIRES: room for the source.
+int safe_strcpy(char* strDestination, const char* strSource);
+int safe_wcscpy(wchar_t* strDestination, const wchar_t* strSource);
+
+}  // namespace pd

@@ -1,0 +1,113 @@
+// The configuration report: record lists, the hierarchy view, the
+// consistency findings, the database header and the block map.
+//
+// Collected records are sorted by name into per-type lists (disk groups,
+// volumes, plexes, subdisks, disk media, others). The first disk group is
+// the root of a tree; each volume hangs under it, each plex under the volume
+// whose rid its pl_vol_rid names, each subdisk under the plex its
+// sd_plex_rid names. A node's `diff` is the number of children its record
+// announces minus the children found; the tree printer marks non-zero
+// differences ("!!N missing child(ren)!!", "!!N extra child(ren)!!").
+// Records that fit nowhere stay in their lists and are named under "Other
+// records:".
+//
+// When the copy holds no disk-group record the tree has no root line: the
+// report prints the finding NO_DG_FINDING where the root would stand and
+// hangs the volumes under an empty root.
+//
+// List and tree nodes come from pools owned by the report's state; removing a
+// node from a list never releases memory (the pools go away with the state).
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+
+#include "config_db/block_store.h"
+#include "config_db/records.h"
+
+namespace pd {
+
+class record_printer;
+
+inline constexpr const char* NO_DG_FINDING = "!! No disk group record in configuration !!\n\n";
+
+// A node of a name-sorted list of store records.
+struct reclist {
+  reclist* next = nullptr;
+  db_record* r = nullptr;
+};
+
+// A node of the hierarchy view.
+struct sview {
+  int diff = 0;             // expected children minus children found
+  db_record* r = nullptr;   // null only for the root of a copy without a disk group
+  sview* rlink = nullptr;   // next sibling
+  sview* dlink = nullptr;   // first child
+};
+
+// The name of a store record: its collected record's name, or "".
+const char* rec_name(const db_record* r);
+
+// Owner of list and tree nodes.
+struct node_pool {
+  std::deque<reclist> lists;
+  std::deque<sview> views;
+  reclist* new_reclist(db_record* r);
+  sview* new_sview(db_record* r, int diff);
+};
+
+// Inserts `r` in name order: in front of the first node whose name sorts
+// after it, except that an equal-named head stays first.
+void listadd(node_pool& pool, reclist** head, db_record* r);
+// Unlinks `*p`; `*p` becomes its predecessor, or null when it was the head.
+void listdelete(reclist** head, reclist** p);
+void listprint(FILE* out, const reclist* head);
+void listprintrecord(record_printer& pr, dbase* db, const reclist* head);
+
+void addchild(sview* p, sview* c);
+
+// The tree printer; `indent` is the prefix of the current line.
+class tree_printer {
+ public:
+  explicit tree_printer(FILE* out) : out_(out) {}
+  void printsview(const sview* p, int ilen);
+  const char* indent() const { return indent_; }
+
+ private:
+  FILE* out_;
+  char indent_[80] = {};
+};
+
+// The size suffix of a tree line ("   (len/NMB)" for volumes and subdisks)
+// and the newline.
+void printsviewrecordinfo(FILE* out, const db_record* r);
+// print_record of `p`, its subtree, then its following siblings.
+void printsviewrecord(record_printer& pr, dbase* db, const sview* p);
+
+void print_header(FILE* out, const dbase* db, const voldb_info* hdr);
+// `blkno` is the index of `b` in the store's block array.
+void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* b, int showfree);
+
+// The report's own state.
+struct overview_state {
+  node_pool pool;
+  reclist* dglist = nullptr;
+  reclist* vollist = nullptr;
+  reclist* plexlist = nullptr;
+  reclist* sdlist = nullptr;
+  reclist* dmlist = nullptr;
+  reclist* otherlist = nullptr;
+  int v_cnt = 0;
+  int pl_cnt = 0;
+  int sd_cnt = 0;
+  int dm_cnt = 0;
+  sview* root = nullptr;
+};
+
+// Sorts the store's records into the lists (printing the corrupted-record
+// and extra-disk-group findings) and builds the tree.
+void overview_collect(FILE* out, dbase* db, overview_state& st);
+void overview_build_tree(overview_state& st);
+
+}  // namespace pd

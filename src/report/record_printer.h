@@ -1,0 +1,68 @@
+// Long-format printing of one configuration record.
+//
+// Every record prints a two-line frame from the block store:
+//   #Record <ref>: type=0x.. flags=0x.. gen_flags=0x.. size=<bytes>
+//   #Blocks: <the record's chain of block numbers>
+// then, for the record kinds that have one (volume, plex, subdisk, disk
+// media, disk group, replicated volume, replica, DCO, snapshot), a block of
+// labelled lines built from the decoded fields. Volume flag words wrap so
+// that no line passes column 78; continuation lines start with nine blanks.
+//
+// The printer keeps the highest update tid of the volume, plex, subdisk and
+// disk-media records it has printed in the `max_tid` it was given. Wide
+// strings go through the C library's "%ls" under the current locale.
+#pragma once
+
+#include <cstdio>
+
+#include "base/types.h"
+#include "config_db/block_store.h"
+#include "config_db/records.h"
+#include "report/tag_printer.h"
+
+namespace pd {
+
+// The column past which volume flag words wrap.
+inline constexpr int FLAG_WRAP_COLUMN = 78;
+
+class record_printer {
+ public:
+  record_printer(FILE* out, volseqno_t& max_tid, int m_qzmake_format = 0)
+      : out_(out), max_tid_(max_tid), m_qzmake_format_(m_qzmake_format) {}
+
+  void print_record(const dbase* db, const db_record* r);
+
+  void print_volume_longformat(const volrec& v);
+  void print_plex_longformat(const plexrec& pl);
+  void print_subdisk_longformat(const sdrec& sd);
+  void print_diskmedia_longformat(const dmrec& dm);
+  void print_diskgroup_longformat(const dgrec& dg);
+  void print_rvol_longformat(const rvolrec& rv);
+  void print_replica_longformat(const reprec& rp);
+  void print_dco_longformat(const dcorec& dco);
+  void print_snap_longformat(const snaprec& sp);
+
+  tag_printer& tags() { return tags_; }
+
+ private:
+  void track_tid(const volseqno_t& tid);
+  void print_fields(int type, const void* u);
+
+  FILE* out_;
+  volseqno_t& max_tid_;
+  int m_qzmake_format_;
+  tag_printer tags_;
+};
+
+// Prints " %s" for each word of `words` whose bit is set in `flags`,
+// wrapping before a word that would pass FLAG_WRAP_COLUMN: a newline and
+// nine blanks, after which the column is 9. `col` is the column on entry;
+// returns the column after the last word.
+struct flag_word {
+  unsigned long bit;
+  const char* word;
+};
+int print_flag_words(FILE* out, unsigned long flags, const flag_word* words, std::size_t n,
+                     int col);
+
+}  // namespace pd

@@ -1,0 +1,167 @@
+// Chunk bitmaps: the searches with their stated limits, and extents that
+// never leave the allocated words (the sanitizer build checks the latter).
+#include "private_region/bitmap.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace pd {
+namespace {
+
+struct map_deleter {
+  void operator()(bitmap_t* m) const { bmap_free(m); }
+};
+using map_ptr = std::unique_ptr<bitmap_t, map_deleter>;
+
+map_ptr make(int nbits) {
+  map_ptr m(bmap_alloc(nbits));
+  EXPECT_NE(m, nullptr);
+  return m;
+}
+
+TEST(BitmapTest, AllocatesWholeWordsZeroed) {
+  EXPECT_EQ(bmap_words(0), 0);
+  EXPECT_EQ(bmap_words(1), 1);
+  EXPECT_EQ(bmap_words(32), 1);
+  EXPECT_EQ(bmap_words(33), 2);
+  auto m = make(33);
+  EXPECT_EQ(bmap_count_clear(m.get(), 0, 63), 64);  // both words, all clear
+  bmap_set(m.get(), 63);
+  EXPECT_EQ(m.get()[1], 0x80000000u);
+  EXPECT_NE(make(0), nullptr);
+}
+
+TEST(BitmapTest, SetClearTestAndRanges) {
+  auto m = make(100);
+  bmap_set_range(m.get(), 30, 5);
+  EXPECT_EQ(m.get()[0], 0xC0000000u);
+  EXPECT_EQ(m.get()[1], 0x7u);
+  EXPECT_EQ(bmap_test(m.get(), 34), 1);
+  EXPECT_EQ(bmap_test(m.get(), 35), 0);
+  bmap_clear_range(m.get(), 31, 3);
+  EXPECT_EQ(bmap_test(m.get(), 30), 1);
+  EXPECT_EQ(bmap_test(m.get(), 33), 0);
+  EXPECT_EQ(bmap_test(m.get(), 34), 1);
+  bmap_set_range(m.get(), 50, 0);
+  bmap_set_range(m.get(), 50, -3);
+  EXPECT_EQ(m.get()[1], 0x4u);
+  bmap_clear(m.get(), 34);
+  bmap_set(m.get(), 99);
+  EXPECT_EQ(bmap_test(m.get(), 99), 1);
+}
+
+TEST(BitmapTest, AddAndSubWorkWordByWord) {
+  auto a = make(40), b = make(40);
+  bmap_set_range(a.get(), 0, 10);
+  bmap_set_range(b.get(), 5, 30);
+  bmap_add(a.get(), b.get(), 40);
+  EXPECT_EQ(bmap_count_clear(a.get(), 0, 39), 0);
+  EXPECT_EQ(bmap_count_clear(a.get(), 35, 63), 29);
+  bmap_sub(a.get(), b.get(), 40);
+  EXPECT_EQ(a.get()[0], 0x1Fu);
+  EXPECT_EQ(a.get()[1], 0u);
+}
+
+TEST(BitmapTest, CountClearBothWays) {
+  auto m = make(100);
+  EXPECT_EQ(bmap_count_clear(m.get(), 5, 4), 0);
+  EXPECT_EQ(bmap_count_clear(m.get(), 0, 99), 100);
+  bmap_set(m.get(), 40);
+  EXPECT_EQ(bmap_count_clear(m.get(), 10, 99), 30);
+  EXPECT_EQ(bmap_count_clear(m.get(), 40, 99), 0);
+  EXPECT_EQ(bmap_count_clear_reverse(m.get(), 60, 0), 20);
+  EXPECT_EQ(bmap_count_clear_reverse(m.get(), 39, 30), 10);
+  EXPECT_EQ(bmap_count_clear_reverse(m.get(), 4, 5), 0);
+}
+
+TEST(BitmapTest, ForwardSearchesTestTheWholeLastWord) {
+  auto m = make(40);
+  bmap_set_range(m.get(), 0, 40);
+  EXPECT_EQ(bmap_find_clear(m.get(), 40), 40);  // beyond nbits, inside the last word
+  bmap_set_range(m.get(), 40, 24);               // now both words are full
+  EXPECT_EQ(bmap_find_clear(m.get(), 40), -1);   // and word 2 is never read
+  EXPECT_EQ(bmap_find_clear_from(m.get(), 40, 1000), -1);
+
+  auto z = make(40);
+  bmap_set(z.get(), 45);  // a bit past nbits in the last word
+  EXPECT_EQ(bmap_find_set(z.get(), 40), 45);
+  EXPECT_EQ(bmap_find_set_from(z.get(), 40, 46), -1);
+}
+
+TEST(BitmapTest, SmallMapsStopAtNbits) {
+  auto m = make(10);
+  bmap_set_range(m.get(), 0, 10);
+  EXPECT_EQ(bmap_find_clear(m.get(), 10), -1);
+  bmap_set(m.get(), 20);
+  EXPECT_EQ(bmap_find_set_from(m.get(), 10, 10), -1);
+  EXPECT_EQ(bmap_find_set_from(m.get(), 10, 3), 3);
+  bmap_clear(m.get(), 7);
+  EXPECT_EQ(bmap_find_clear_from(m.get(), 10, 2), 7);
+}
+
+TEST(BitmapTest, FindFromSkipsWholeWordsAndHonoursTheStart) {
+  auto m = make(200);
+  bmap_set(m.get(), 3);
+  bmap_set(m.get(), 130);
+  EXPECT_EQ(bmap_find_set(m.get(), 200), 3);
+  EXPECT_EQ(bmap_find_set_from(m.get(), 200, 4), 130);
+  EXPECT_EQ(bmap_find_set_from(m.get(), 200, 131), -1);
+  bmap_set_range(m.get(), 0, 200);
+  bmap_clear(m.get(), 150);
+  EXPECT_EQ(bmap_find_clear_from(m.get(), 200, 100), 150);
+  EXPECT_EQ(bmap_find_clear(m.get(), 200), 150);
+}
+
+TEST(BitmapTest, ReverseSearches) {
+  auto m = make(70);
+  bmap_set(m.get(), 0);
+  EXPECT_EQ(bmap_find_set_reverse(m.get(), 70), 1);  // bit number plus one
+  bmap_set(m.get(), 50);
+  EXPECT_EQ(bmap_find_set_reverse(m.get(), 70), 51);
+  bmap_set(m.get(), 69);  // reported as 70, which is not below nbits
+  EXPECT_EQ(bmap_find_set_reverse(m.get(), 70), 51);
+  auto e = make(70);
+  EXPECT_EQ(bmap_find_set_reverse(e.get(), 70), -1);
+
+  EXPECT_EQ(bmap_find_clear_reverse(e.get(), 70), 69);
+  bmap_set_range(e.get(), 60, 10);
+  EXPECT_EQ(bmap_find_clear_reverse(e.get(), 70), 59);
+  bmap_set_range(e.get(), 0, 60);
+  EXPECT_EQ(bmap_find_clear_reverse(e.get(), 70), -1);
+}
+
+TEST(BitmapTest, ClearRunSearches) {
+  auto m = make(100);
+  bmap_set(m.get(), 5);
+  bmap_set(m.get(), 12);
+  EXPECT_EQ(bmap_find_clear_range(m.get(), 100, 0, 0), 0);  // count 0: first clear bit
+  EXPECT_EQ(bmap_find_clear_range(m.get(), 100, 0, 5), 0);
+  EXPECT_EQ(bmap_find_clear_range(m.get(), 100, 1, 5), 6);
+  EXPECT_EQ(bmap_find_clear_range(m.get(), 100, 0, 7), 13);
+  EXPECT_EQ(bmap_find_clear_range(m.get(), 100, 0, 87), 13);
+  EXPECT_EQ(bmap_find_clear_range(m.get(), 100, 0, 88), -1);  // would end past nbits
+
+  EXPECT_EQ(bmap_find_clear_reverse_range(m.get(), 99, 3), 99);
+  EXPECT_EQ(bmap_find_clear_reverse_range(m.get(), 13, 3), 11);  // 11,10,9 (12 is set)
+  EXPECT_EQ(bmap_find_clear_reverse_range(m.get(), 12, 6), 11);  // 11..6
+  EXPECT_EQ(bmap_find_clear_reverse_range(m.get(), 11, 7), -1);  // 11..5 has bit 5
+  EXPECT_EQ(bmap_find_clear_reverse_range(m.get(), 4, 5), 4);
+  EXPECT_EQ(bmap_find_clear_reverse_range(m.get(), 4, 6), -1);
+}
+
+TEST(BitmapTest, ReallocDoublesAndClearsFromTheNewSize) {
+  bitmap_t* m = bmap_alloc(32);
+  bmap_set_range(m, 0, 32);
+  m = bmap_realloc(m, 64, 32);  // 2 words needed, 4 allocated
+  ASSERT_NE(m, nullptr);
+  EXPECT_EQ(m[0], 0xFFFFFFFFu);
+  // bits 64..95 are cleared (nbits - oldbits from nbits); all of the fourth
+  // word is addressable.
+  bmap_set(m, 127);
+  EXPECT_EQ(bmap_count_clear(m, 32, 126), 95);
+  bmap_free(m);
+}
+
+}  // namespace
+}  // namespace pd

@@ -1,0 +1,444 @@
+// Join: chains with block-by-block fallback, every region check, the entry
+// order, copy descriptors, lock region and tag ids; and the update side.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "priv_test_support.h"
+#include "private_region/bitmap.h"
+#include "private_region/header.h"
+#include "private_region/toc.h"
+
+namespace pd {
+namespace {
+
+using test::build;
+using test::memory_disk;
+
+const std::string disk = "disk sector-size=512 sectors=2048\n";
+const std::string two_blocks =
+    "tocblock at=1 alt=2046\n"
+    "tocblock at=2 alt=2045\n";
+
+int join_of(const std::string& desc) {
+  memory_disk d(build(desc));
+  EXPECT_EQ(d.scan(), VE_OK) << desc;
+  const int res = priv_join(d.priv);
+  if (res != VE_OK) {
+    EXPECT_EQ(d.priv->pri_flags & PRI_JOINED, 0u);
+    EXPECT_EQ(d.priv->pri_toc_entries, nullptr);
+    EXPECT_EQ(d.priv->pri_alloc_map, nullptr);
+    EXPECT_NE(d.priv->pri_header, nullptr);
+  }
+  return res;
+}
+
+std::vector<std::string> entry_list(const priv_info* priv) {
+  std::vector<std::string> out;
+  for (const toc_entry_info* e = priv->pri_toc_entries; e != nullptr; e = e->tei_next) {
+    out.push_back(std::string(e->tei_region.dkr_type) + "@" + std::to_string(e->tei_region.dkr_offset));
+    if (e->tei_next != nullptr) {
+      EXPECT_EQ(e->tei_next->tei_prev, e);
+    }
+  }
+  return out;
+}
+
+TEST(JoinTest, LoadsBothChainsAndOrdersEntriesByStart) {
+  memory_disk d(build(disk + two_blocks +
+                      "region log copy=1 offset=1617 len=200 block=0\n"
+                      "region config copy=2 offset=817 len=800 block=0\n"
+                      "region config copy=1 offset=17 len=800 block=1\n"
+                      "region blob offset=1820 len=0 info=0102 block=1\n"));
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  priv_info* p = d.priv;
+  EXPECT_EQ(p->pri_flags & PRI_JOINED, PRI_JOINED);
+  EXPECT_EQ(entry_list(p),
+            (std::vector<std::string>{"config@17", "config@817", "log@1617", "blob@1820"}));
+  ASSERT_EQ(p->pri_toc_len, 2u);
+  EXPECT_EQ(p->pri_toc_sectors[0], 1);
+  EXPECT_EQ(p->pri_alt_toc_sectors[0], 2046);
+  EXPECT_EQ(p->pri_toc_sectors[1], 2);
+  EXPECT_EQ(p->pri_alt_toc_sectors[1], 2045);
+  EXPECT_EQ(p->pri_toc_copy_len, 0u);
+  EXPECT_EQ(d.writes, 0);
+  // Headers, TOC blocks, sector 0 and the regions are in use.
+  for (int c : {0, 1, 2, 17, 816, 1856, 2045, 2046, 2047}) EXPECT_EQ(bmap_test(p->pri_alloc_map, c), 1) << c;
+  for (int c : {3, 16, 1817, 1855}) EXPECT_EQ(bmap_test(p->pri_alloc_map, c), 0) << c;
+
+  ASSERT_NE(p->pri_config_copies, nullptr);
+  EXPECT_EQ(p->pri_config_copies->ci_copy, 1);
+  ASSERT_NE(p->pri_config_copies->ci_next, nullptr);
+  EXPECT_EQ(p->pri_config_copies->ci_next->ci_copy, 2);
+  EXPECT_EQ(p->pri_config_copies->ci_next->ci_prev, p->pri_config_copies);
+  ASSERT_NE(p->pri_log_copies, nullptr);
+  EXPECT_EQ(p->pri_log_copies->ci_npart, 1);
+  EXPECT_EQ(p->pri_log_copies->ci_parts[0]->tei_region.dkr_offset, 1617);
+
+  priv_unjoin(p);
+  EXPECT_EQ(p->pri_toc_entries, nullptr);
+  EXPECT_EQ(p->pri_config_copies, nullptr);
+  EXPECT_EQ(p->pri_toc_sectors, nullptr);
+  EXPECT_EQ(p->pri_toc_len, 0u);
+  EXPECT_EQ(p->pri_flags & PRI_JOINED, 0u);
+}
+
+TEST(JoinTest, ABadPrimaryBlockFallsBackToItsAlternate) {
+  const std::string regions =
+      "region config copy=1 offset=17 len=100 block=0\n"
+      "region log copy=1 offset=200 len=10 block=1\n";
+  for (const char* damage : {"magic", "checksum"}) {
+    const std::string d = std::string("damage=") + damage;
+    EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046\ntocblock at=2 alt=2045 " + d +
+                      " damage-copy=primary\n" + regions),
+              VE_OK);
+    EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046 " + d + " damage-copy=primary\n" +
+                      "tocblock at=2 alt=2045 " + d + " damage-copy=alternate\n" + regions),
+              VE_OK);
+    EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046\ntocblock at=2 alt=2045 " + d + "\n" + regions),
+              VE_PRIV_FORMAT);
+  }
+  EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046\ntocblock at=2 alt=2045 write=alternate\n" + regions),
+            VE_OK);
+  EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046\ntocblock at=2 alt=2045 write=none\n" + regions),
+            VE_PRIV_FORMAT);
+}
+
+TEST(JoinTest, BlocksOfAnotherUpdateAreRefused) {
+  EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046 seqno=0.2\n"), VE_PRIV_INVALID);
+  EXPECT_EQ(join_of(disk + "header seqno=5.1\ntocblock at=1 alt=2046 seqno=4.1\n"), VE_PRIV_INVALID);
+  EXPECT_EQ(join_of(disk + "header seqno=5.1\ntocblock at=1 alt=2046 seqno=5.1\n"), VE_OK);
+}
+
+TEST(JoinTest, ChainPointerChecks) {
+  struct {
+    const char* patch;
+    int want;
+  } cases[] = {
+      {"next=-1 alt-next=5", VE_PRIV_INVALID},
+      {"next=5 alt-next=-1", VE_PRIV_INVALID},
+      {"next=2048 alt-next=5", VE_PRIV_INVALID},
+      {"next=5 alt-next=2048", VE_PRIV_INVALID},
+      {"next=0 alt-next=5", VE_PRIV_INVALID},
+      {"next=5 alt-next=0", VE_PRIV_INVALID},
+      {"next=1 alt-next=2046", VE_PRIV_INVALID},  // points at itself: a loop
+      {"next=0 alt-next=0", VE_OK},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046 " + c.patch + "\n"), c.want) << c.patch;
+}
+
+TEST(JoinTest, ALoopOfEmptyBlocksEnds) {
+  // 1 -> 2 -> 1 ...: no entries, so no overlap ever stops it; the walk does.
+  memory_disk d(build(disk + "tocblock at=1 alt=2046\ntocblock at=2 alt=2045 next=1 alt-next=2046\n"));
+  ASSERT_EQ(d.scan(), VE_OK);
+  EXPECT_EQ(priv_join(d.priv), VE_PRIV_INVALID);
+  EXPECT_LE(d.reads, 2 + 2049);
+}
+
+TEST(JoinTest, RegionChecks) {
+  const std::string toc = "tocblock at=1 alt=3\n";
+  struct {
+    const char* region;
+    int want;
+  } cases[] = {
+      {"region blob offset=0 len=1", VE_PRIV_INVALID},
+      {"region blob offset=2048 len=0", VE_PRIV_INVALID},
+      {"region blob offset=2047 len=0", VE_OK},
+      {"region blob offset=1857 len=190", VE_OK},             // ends before the primary header
+      {"region blob offset=1857 len=191", VE_PRIV_INVALID},   // covers it
+      {"region blob offset=1857 len=192", VE_PRIV_INVALID},   // runs past the region
+      {"region blob offset=1850 len=10", VE_PRIV_INVALID},    // covers the alternate header
+      {"region blob offset=3 len=1", VE_PRIV_INVALID},        // covers a TOC block
+      {"region blob offset=4 len=10", VE_OK},
+      {"region blob offset=-5 len=1", VE_PRIV_FORMAT},
+      {"region blob offset=5 len=-1", VE_PRIV_FORMAT},
+      {"region blob offset=0 len=99999 flags=pub", VE_OK},    // public: not checked
+      {"region blob offset=-1 len=1 flags=pub", VE_PRIV_FORMAT},
+      {"region config offset=10 len=5 info=00010000000000", VE_PRIV_INVALID},  // 7 bytes
+      {"region config offset=10 len=0", VE_PRIV_INVALID},
+      {"region log offset=10 len=5 copy=0", VE_PRIV_INVALID},
+      {"region lockrgn offset=10 len=5 info=0000000000", VE_PRIV_INVALID},
+      {"region lockrgn offset=10 len=0", VE_PRIV_INVALID},
+      {"region tagid offset=10 len=0 info=", VE_OK},          // other types unchecked
+      {"region blob offset=10 len=3 info=0102030405", VE_OK},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(join_of(disk + toc + c.region + "\n"), c.want) << c.region;
+}
+
+TEST(JoinTest, OverlapsAndTouchingRegions) {
+  const std::string base = disk + "region config copy=1 offset=17 len=100\n";
+  EXPECT_EQ(join_of(base + "region log copy=1 offset=116 len=10\n"), VE_PRIV_INVALID);
+  EXPECT_EQ(join_of(base + "region log copy=1 offset=117 len=10\n"), VE_OK);
+  EXPECT_EQ(join_of(base + "region log copy=1 offset=10 len=7\n"), VE_OK);
+  EXPECT_EQ(join_of(base + "region log copy=1 offset=10 len=8\n"), VE_PRIV_INVALID);
+  EXPECT_EQ(join_of(base + "region blob offset=50 len=0\n"), VE_OK);  // empty: no overlap
+}
+
+TEST(JoinTest, PublicEntriesNeverJoinTheList) {
+  memory_disk d(build(disk + "region config copy=1 offset=17 len=100\n"
+                             "region config copy=1 offset=5000 len=100 flags=pub\n"));
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  EXPECT_EQ(entry_list(d.priv), std::vector<std::string>{"config@17"});
+}
+
+TEST(JoinTest, EntryBoundsInsideTheBlock) {
+  // One opaque entry that ends exactly at the block end (36 + 28 + 448).
+  const std::string exact = "region blob offset=10 len=0 info=" + std::string(448 * 2, 'a') + "\n";
+  EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046\n" + exact), VE_OK);
+  // A payload size that runs past the block end (size field at entry byte 26).
+  EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046\nregion blob offset=10 len=0 info=01\n"
+                    "poke sector=1 offset=62 hex=01ff\nfixsum toc sector=1\n"
+                    "poke sector=2046 offset=62 hex=01ff\nfixsum toc sector=2046\n"),
+            VE_PRIV_FORMAT);
+  // A fixed part cut by the block end: an entry starts in the last 20 bytes.
+  const std::string to492 = "region blob offset=10 len=0 info=" + std::string(428 * 2, 'b') + "\n";
+  EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046 write=primary\n" + to492 +
+                    "poke sector=1 offset=492 hex=41\nfixsum toc sector=1\n"),
+            VE_PRIV_FORMAT);
+  EXPECT_EQ(join_of(disk + "tocblock at=1 alt=2046 write=primary\n" + to492), VE_OK);
+  // A zero first byte ends the list: nothing after it is read.
+  memory_disk d(build(disk + "tocblock at=1 alt=2046\n"
+                             "region config copy=1 offset=17 len=100\n"
+                             "region blob offset=200 len=0\n"
+                             "poke sector=1 offset=70 hex=00\nfixsum toc sector=1\n"
+                             "poke sector=2046 offset=70 hex=00\nfixsum toc sector=2046\n"));
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  EXPECT_EQ(entry_list(d.priv), std::vector<std::string>{"config@17"});
+}
+
+TEST(JoinTest, CopyPartsMustTile) {
+  const std::string first = disk + "region config copy=1 offset=17 len=100\n";
+  memory_disk d(build(disk + "region config copy=1 offset=300 len=50 part-offset=100\n"
+                             "region config copy=1 offset=17 len=100 part-offset=0\n"
+                             "region config copy=1 offset=500 len=5 part-offset=150\n"));
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  const copy_info* c = d.priv->pri_config_copies;
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(c->ci_next, nullptr);
+  ASSERT_EQ(c->ci_npart, 3);
+  EXPECT_EQ(c->ci_parts[0]->tei_region.dkr_offset, 17);
+  EXPECT_EQ(c->ci_parts[1]->tei_region.dkr_offset, 300);
+  EXPECT_EQ(c->ci_parts[2]->tei_region.dkr_offset, 500);
+
+  EXPECT_EQ(join_of(first + "region config copy=1 offset=300 len=50 part-offset=90\n"), VE_PRIV_FORMAT);
+  EXPECT_EQ(join_of(first + "region config copy=1 offset=300 len=50 part-offset=101\n"), VE_PRIV_FORMAT);
+  EXPECT_EQ(join_of(disk + "region log copy=1 offset=17 len=100 part-offset=1\n"), VE_PRIV_FORMAT);
+  EXPECT_EQ(join_of(first + "region config copy=1 offset=300 len=50 part-offset=0\n"), VE_PRIV_FORMAT);
+}
+
+TEST(JoinTest, CopiesAreListedByNumber) {
+  memory_disk d(build(disk + "region config copy=7 offset=17 len=10\n"
+                             "region config copy=3 offset=30 len=10\n"
+                             "region log copy=2 offset=50 len=10\n"
+                             "region config copy=5 offset=70 len=10\n"));
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  std::vector<int> numbers;
+  for (const copy_info* c = d.priv->pri_config_copies; c != nullptr; c = c->ci_next) numbers.push_back(c->ci_copy);
+  EXPECT_EQ(numbers, (std::vector<int>{3, 5, 7}));
+  EXPECT_EQ(d.priv->pri_log_copies->ci_copy, 2);
+}
+
+TEST(JoinTest, LockRegionCounts) {
+  struct {
+    const char* regions;
+    std::size_t len;
+    voff_t offset;
+  } cases[] = {
+      {"", 0, 0},
+      {"region lockrgn offset=40 len=8\n", 8, 40},
+      {"region lockrgn offset=40 len=8\nregion lockrgn offset=60 len=8\n", 0, 0},
+      {"region lockrgn offset=40 len=8 lock=1\n", 0, 0},         // malformed: ignored
+      {"region lockrgn offset=40 len=8 lock-offset=3\n", 0, 0},
+  };
+  for (const auto& c : cases) {
+    memory_disk d(build(disk + c.regions));
+    ASSERT_EQ(d.scan(), VE_OK);
+    ASSERT_EQ(priv_join(d.priv), VE_OK) << c.regions;
+    EXPECT_EQ(d.priv->pri_header->phi_lockrgn_len, c.len) << c.regions;
+    EXPECT_EQ(d.priv->pri_header->phi_lockrgn_offset, c.offset) << c.regions;
+  }
+}
+
+TEST(JoinTest, TagIdsAndLookups) {
+  memory_disk d(build(disk +
+                      "region tagid tag-name=site tag-value=s1 tag-source=src offset=5\n"
+                      "region tagid tag-name=vdid tag-value=v1 tag-flags=3 offset=6\n"));
+  ASSERT_EQ(d.scan(), VE_OK);
+  // Not joined: the look-up joins, and undoes it.
+  tagid_region_entry tag;
+  std::strcpy(tag.dktagid_name, "vdid");
+  ASSERT_EQ(priv_find_tagid_region_entry(d.priv, &tag), VE_OK);
+  EXPECT_STREQ(tag.dktagid_value, "v1");
+  EXPECT_EQ(tag.dktagid_flags, 3);
+  EXPECT_EQ(d.priv->pri_flags & (PRI_JOINED | PRI_NOUPDATE), PRI_NOUPDATE);
+  EXPECT_EQ(d.priv->pri_toc_entries, nullptr);
+  EXPECT_EQ(d.writes, 0);
+  EXPECT_EQ(priv_is_tagid_set(d.priv, "site"), VE_OK);
+  EXPECT_EQ(priv_is_tagid_set(d.priv, "other"), VE_TAG_NOT_FOUND);
+
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  const tagid_region_entry_list* t = d.priv->tagid_list;
+  ASSERT_NE(t, nullptr);
+  EXPECT_STREQ(t->tre.dktagid_name, "site");
+  EXPECT_STREQ(t->tre.dktagid_source, "src");
+  ASSERT_NE(t->next, nullptr);
+  EXPECT_STREQ(t->next->tre.dktagid_name, "vdid");
+  EXPECT_EQ(t->next->next, nullptr);
+  toc_entry_info* e = nullptr;
+  ASSERT_EQ(priv_find_tagid_region(d.priv, "vdid", &e), VE_OK);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->tei_region.dkr_offset, 6);
+  EXPECT_EQ(priv_find_tagid_region(d.priv, "nope", &e), VE_TAG_NOT_FOUND);
+}
+
+TEST(JoinTest, FirstBlockAtSectorZero) {
+  // With 4096-byte chunks a first TOC position of 0 is read anyway.
+  memory_disk big(build("disk sector-size=4096 sectors=256\n"
+                        "tocblock at=0 alt=250\nregion config copy=1 offset=10 len=20\n"));
+  ASSERT_EQ(big.scan(4096), VE_OK);
+  EXPECT_EQ(big.priv->pri_header->phi_first_toc, 0);
+  ASSERT_EQ(priv_join(big.priv), VE_OK);
+  EXPECT_EQ(entry_list(big.priv), std::vector<std::string>{"config@10"});
+  // With 512-byte chunks it means no TOC at all.
+  memory_disk small(build(disk + "tocblock at=0 alt=2046\nregion config copy=1 offset=10 len=20\n"));
+  ASSERT_EQ(small.scan(), VE_OK);
+  ASSERT_EQ(priv_join(small.priv), VE_OK);
+  EXPECT_EQ(small.priv->pri_toc_len, 0u);
+  EXPECT_EQ(small.priv->pri_toc_entries, nullptr);
+}
+
+TEST(JoinTest, AHandleWithoutRegionLengthIsRefused) {
+  memory_disk d(build(disk));
+  d.priv->pri_header = priv_alloc_header();
+  EXPECT_EQ(priv_join(d.priv), VE_PRIV_INVALID);
+  d.priv->pri_header->phi_priv_len = -3;
+  EXPECT_EQ(priv_join(d.priv), VE_PRIV_INVALID);
+}
+
+// ---- the update side ----------------------------------------------------
+
+const std::string update_disk = disk + "header seqno=0.41\n" +
+                                "region config copy=1 offset=17 len=100\n"
+                                "region tagid tag-name=site tag-value=x offset=5\n";
+
+TEST(UpdateTest, JoiningWithoutNoUpdateRewritesTheTableAndHeaders) {
+  memory_disk d(build(update_disk));
+  ASSERT_EQ(d.scan(), VE_OK);
+  d.priv->pri_flags &= ~PRI_NOUPDATE;
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  EXPECT_EQ(d.priv->pri_header->phi_update_seqno.seqno_lo, 42u);
+  // The old blocks (1, 2046) stay valid on disk until the header moves.
+  ASSERT_EQ(d.priv->pri_toc_len, 1u);
+  EXPECT_EQ(d.priv->pri_toc_sectors[0], 2);
+  EXPECT_EQ(d.priv->pri_alt_toc_sectors[0], 2045);
+  EXPECT_EQ(d.writes, 2 + 3);  // both block copies; header, alternate and backup
+  EXPECT_EQ(bmap_test(d.priv->pri_alloc_map, 1), 0);
+  EXPECT_EQ(bmap_test(d.priv->pri_alloc_map, 2), 1);
+  EXPECT_EQ(d.priv->pri_pending_map, nullptr);
+
+  memory_disk again(d.img);
+  ASSERT_EQ(again.scan(), VE_OK);
+  EXPECT_EQ(again.priv->pri_header->phi_first_toc, 2);
+  EXPECT_EQ(again.priv->pri_header->phi_update_seqno.seqno_lo, 42u);
+  ASSERT_EQ(priv_join(again.priv), VE_OK);
+  EXPECT_EQ(entry_list(again.priv), (std::vector<std::string>{"tagid@5", "config@17"}));
+
+  // A second rewrite returns to the chunks freed by the first.
+  ASSERT_EQ(priv_update_toc_start(d.priv), VE_OK);
+  ASSERT_EQ(priv_update_toc(d.priv, 0), VE_OK);
+  EXPECT_EQ(d.priv->pri_toc_sectors[0], 1);
+  EXPECT_EQ(d.priv->pri_alt_toc_sectors[0], 2046);
+}
+
+TEST(UpdateTest, RemovedEntriesAreDroppedAndNewOnesCommitted) {
+  memory_disk d(build(update_disk));
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  d.priv->pri_flags &= ~PRI_NOUPDATE;
+  d.priv->pri_toc_entries->tei_internal_flags = TEI_REMOVE;  // the tag entry
+  d.priv->pri_toc_entries->tei_next->tei_internal_flags = TEI_NEW;
+  ASSERT_EQ(priv_update_toc_start(d.priv), VE_OK);
+  ASSERT_EQ(priv_update_toc(d.priv, 0), VE_OK);
+  EXPECT_EQ(entry_list(d.priv), std::vector<std::string>{"config@17"});
+  EXPECT_EQ(d.priv->pri_toc_entries->tei_internal_flags, 0u);
+}
+
+TEST(UpdateTest, NoFreeChunkForABlock) {
+  memory_disk d(build(disk + "tocblock at=1 alt=2046\n"
+                             "region blob offset=3 len=1853\n"      // 3..1855
+                             "region blob offset=1857 len=189\n"));  // 1857..2045
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  d.priv->pri_flags &= ~PRI_NOUPDATE;
+  ASSERT_EQ(priv_update_toc_start(d.priv), VE_OK);
+  EXPECT_EQ(priv_update_toc(d.priv, 0), VE_PRIV_FULL);  // only chunk 2 is free
+  EXPECT_EQ(d.priv->pri_header->phi_first_toc, 1);
+  EXPECT_NE(d.priv->pri_pending_map, nullptr);
+  priv_update_toc_abort(d.priv);
+  EXPECT_EQ(d.priv->pri_pending_map, nullptr);
+  EXPECT_EQ(d.writes, 0);
+}
+
+TEST(UpdateTest, HeaderWriteToleratesOneFailedCopy) {
+  memory_disk d(build(update_disk));
+  ASSERT_EQ(d.scan(), VE_OK);
+  priv_header_info* h = d.priv->pri_header;
+  h->phi_alt_header = 99999;  // beyond the image: that write fails
+  EXPECT_EQ(priv_update_header(d.priv, 1), VE_OK) << "with NOUPDATE nothing is written";
+  EXPECT_EQ(d.writes, 0);
+  d.priv->pri_flags &= ~PRI_NOUPDATE;
+  EXPECT_EQ(priv_update_header(d.priv, 1), VE_OK);
+  EXPECT_EQ(priv_update_header(d.priv, 0), VE_WRITE_FAILED);
+  h->phi_primary_header = -99999;
+  EXPECT_EQ(priv_update_header(d.priv, 1), VE_WRITE_FAILED);
+}
+
+TEST(UpdateTest, CheckComparesTheHeaderOnDisk) {
+  const auto img = build(update_disk);
+  memory_disk d(img);
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  EXPECT_EQ(priv_check(d.priv, 0), VE_OK);
+  EXPECT_EQ(priv_slave_check(d.priv), VE_OK);
+
+  // Another update of the header on disk.
+  memory_disk other(build(update_disk + "hdrcopy primary diskid=changed\nhdrcopy alternate\n"));
+  ASSERT_EQ(other.scan(), VE_OK);
+  std::strcpy(other.priv->pri_header->phi_diskid, "disk01");
+  EXPECT_EQ(priv_check(other.priv, 0), VE_CHANGED_ON_DISK);
+
+  // A copy that does not sit where the memory one does, in both places.
+  memory_disk moved(build(update_disk + "hdrcopy primary alternate=1000\nhdrcopy alternate alternate=1000\n"));
+  disk_attrs a = moved.attrs();
+  moved.priv->pri_flags |= PRI_NOUPDATE;
+  ASSERT_EQ(priv_scan(moved.priv, &a), VE_OK);
+  moved.priv->pri_header->phi_alt_header = 1856;
+  EXPECT_EQ(priv_check(moved.priv, 0), VE_HEADER_NOT_FOUND);
+
+  memory_disk gone(build(update_disk));
+  ASSERT_EQ(gone.scan(), VE_OK);
+  std::fill(gone.img.begin() + 1856 * 512, gone.img.end(), 0);
+  EXPECT_EQ(priv_slave_check(gone.priv), VE_PRIV_FORMAT);
+  EXPECT_EQ(priv_check(gone.priv, 0), VE_PRIV_FORMAT);
+}
+
+TEST(UpdateTest, CheckWithRewrite) {
+  memory_disk d(build(update_disk));
+  ASSERT_EQ(d.scan(), VE_OK);
+  ASSERT_EQ(priv_join(d.priv), VE_OK);
+  d.priv->pri_flags &= ~PRI_NOUPDATE;
+  ASSERT_EQ(priv_check(d.priv, 1), VE_OK);
+  EXPECT_EQ(d.priv->pri_header->phi_update_seqno.seqno_lo, 42u);
+  EXPECT_EQ(priv_check(d.priv, 0), VE_OK) << "the rewritten header is on disk";
+}
+
+}  // namespace
+}  // namespace pd

@@ -1,0 +1,166 @@
+#include "report/copy_loading.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "base/errors.h"
+#include "test_support.h"
+
+namespace pd {
+namespace {
+
+TEST(SafeCopyTest, AbsentSourceGivesEmptyDestination) {
+  char d[8] = "xyz";
+  EXPECT_EQ(safe_strcpy(d, nullptr), 1);
+  EXPECT_STREQ(d, "");
+  EXPECT_EQ(safe_strcpy(d, "abc"), 0);
+  EXPECT_STREQ(d, "abc");
+  wchar_t w[8] = L"xyz";
+  EXPECT_EQ(safe_wcscpy(w, nullptr), 1);
+  EXPECT_EQ(w[0], L'\0');
+  EXPECT_EQ(safe_wcscpy(w, L"abc"), 0);
+  EXPECT_EQ(std::wcscmp(w, L"abc"), 0);
+}
+
+TEST(RecordRoomTest, OnlyTypesWithAStructureOfTheirOwn) {
+  EXPECT_EQ(record_room(1), sizeof(volrec));
+  EXPECT_EQ(record_room(2), sizeof(plexrec));
+  EXPECT_EQ(record_room(3), sizeof(sdrec));
+  EXPECT_EQ(record_room(4), sizeof(dmrec));
+  EXPECT_EQ(record_room(5), sizeof(dgrec));
+  EXPECT_EQ(record_room(6), sizeof(darec));
+  EXPECT_EQ(record_room(7), sizeof(rvolrec));
+  EXPECT_EQ(record_room(8), sizeof(reprec));
+  EXPECT_EQ(record_room(9), sizeof(dcorec));
+  EXPECT_EQ(record_room(10), sizeof(snaprec));
+  EXPECT_EQ(record_room(13), sizeof(cacherec));
+  for (int t : {0, 11, 12, 14, 15}) EXPECT_EQ(record_room(t), 0u) << t;
+}
+
+// A handle with one configuration copy made of parts given as (offset,
+// length) in chunks, over an image whose 512-byte block n is filled with the
+// byte n & 0xff.
+class CopyReaderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::vector<std::uint8_t> image(kImageBlocks * 512);
+    for (std::size_t b = 0; b < kImageBlocks; ++b) {
+      std::memset(image.data() + b * 512, static_cast<int>(b & 0xff), 512);
+    }
+    path_ = test::temp_dir() + "/copy.img";
+    test::write_file(path_, image);
+    cs_->priv_fd = std::fopen(path_.c_str(), "rb");
+    ASSERT_NE(cs_->priv_fd, nullptr);
+    hdr_.phi_chunk_size = 512;
+    hdr_.phi_atomic_iosize = 512;
+    priv_.pri_header = &hdr_;
+  }
+
+  copy_info* make_copy(int number, const std::vector<std::pair<voff_t, voff_t>>& parts,
+                       std::uint16_t flags = 0) {
+    auto& ps = part_ptrs_.emplace_back();
+    for (const auto& [off, len] : parts) {
+      toc_entry_info& e = entries_.emplace_back();
+      e.tei_region.dkr_offset = off;
+      e.tei_region.dkr_len = len;
+      e.tei_region.dkr_flags = flags;
+      ps.push_back(&e);
+    }
+    copy_info& c = copies_.emplace_back();
+    c.ci_copy = number;
+    c.ci_npart = static_cast<int>(ps.size());
+    c.ci_parts = ps.data();
+    if (!copies_.empty() && &c != &copies_.front()) {
+      copy_info* prev = &copies_[copies_.size() - 2];
+      prev->ci_next = &c;
+      c.ci_prev = prev;
+    }
+    priv_.pri_config_copies = &copies_.front();
+    return &c;
+  }
+
+  // The block numbers of the image that landed in the buffer, one per block.
+  std::vector<int> blocks(std::size_t n) const {
+    std::vector<int> v;
+    for (std::size_t i = 0; i < n; ++i) v.push_back(buf_[i * 512]);
+    return v;
+  }
+
+  static constexpr std::size_t kImageBlocks = 200;
+  test::captured_session cs_;
+  std::string path_;
+  priv_header_info hdr_;
+  priv_info priv_;
+  std::deque<toc_entry_info> entries_;
+  std::deque<std::vector<toc_entry_info*>> part_ptrs_;
+  std::deque<copy_info> copies_;
+  std::vector<std::uint8_t> buf_ = std::vector<std::uint8_t>(128 * 512, 0xAA);
+};
+
+TEST_F(CopyReaderTest, RunsAreCutAtPartBoundaries) {
+  copy_info* cp = make_copy(1, {{10, 3}, {100, 5}});
+  std::size_t n = 99;
+  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 0, 128, &n), 0);
+  EXPECT_EQ(n, 8u);
+  EXPECT_EQ(blocks(8), (std::vector<int>{10, 11, 12, 100, 101, 102, 103, 104}));
+  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 2, 2, &n), 0);
+  EXPECT_EQ(n, 2u);
+  EXPECT_EQ(blocks(2), (std::vector<int>{12, 100}));
+  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 8, 128, &n), 0);
+  EXPECT_EQ(n, 0u);
+}
+
+TEST_F(CopyReaderTest, RegionOffsetIsAdded) {
+  hdr_.phi_priv_offset = 20;
+  copy_info* cp = make_copy(1, {{10, 3}});
+  std::size_t n = 0;
+  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 1, 128, &n), 0);
+  EXPECT_EQ(blocks(n), (std::vector<int>{31, 32}));
+}
+
+TEST_F(CopyReaderTest, AllowanceIsRoundedToWholeSectorsUnlessChunksAre4096) {
+  copy_info* cp = make_copy(1, {{0, 40}});
+  hdr_.phi_atomic_iosize = 4096;
+  std::size_t n = 0;
+  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 0, 13, &n), 0);
+  EXPECT_EQ(n, 8u);
+  hdr_.phi_chunk_size = 4096;  // a part of 3 chunks is 24 blocks
+  copy_info* cp4 = make_copy(2, {{1, 3}});
+  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp4, buf_.data(), 0, 13, &n), 0);
+  EXPECT_EQ(n, 13u);
+  EXPECT_EQ(blocks(2), (std::vector<int>{8, 9}));
+}
+
+TEST_F(CopyReaderTest, ReadsPastTheImageKeepWhatTheBufferHeld) {
+  copy_info* cp = make_copy(1, {{kImageBlocks - 2, 6}});
+  std::size_t n = 0;
+  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 0, 128, &n), 0);
+  EXPECT_EQ(n, 6u);  // a short read goes unnoticed
+  EXPECT_EQ(blocks(6), (std::vector<int>{198, 199, 0xAA, 0xAA, 0xAA, 0xAA}));
+}
+
+TEST_F(CopyReaderTest, CopySelectionFailures) {
+  EXPECT_THROW(priv_dump_config(cs_.get(), &priv_, -1), fatal_exit);
+  EXPECT_EQ(cs_.err(), "ERROR: Disk has no config copies\n");
+  make_copy(0, {{10, 3}}, DKR_DISABLED);
+  make_copy(1, {{20, 3}}, DKR_DISABLED);
+  test::captured_session c2;
+  try {
+    priv_dump_config(c2.get(), &priv_, -1);
+    ADD_FAILURE() << "no fatal exit";
+  } catch (const fatal_exit& e) {
+    EXPECT_EQ(e.status, 1);
+  }
+  EXPECT_EQ(c2.err(), "ERROR: Disk has no enabled config copies\n");
+  test::captured_session c3;
+  EXPECT_THROW(priv_dump_config(c3.get(), &priv_, 5), fatal_exit);
+  EXPECT_EQ(c3.err(), "ERROR: Disk does not have config copy 5\n");
+  EXPECT_EQ(c3.out(), "");
+}
+
+}  // namespace
+}  // namespace pd

@@ -1,0 +1,260 @@
+#include "report/overview.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config_db/records.h"
+#include "report/copy_loading.h"
+#include "test_support.h"
+
+namespace pd {
+namespace {
+
+// Store records with collected records of a given type and name, made by
+// hand (no store needed).
+class fake_records {
+ public:
+  ~fake_records() {
+    for (record& r : recs_) std::free(r.u);
+  }
+  db_record* add(int type, const char* name, unsigned long ref = 0) {
+    record& rec = recs_.emplace_back();
+    rec.type = type;
+    std::strcpy(rec.name, name);
+    if (std::size_t room = record_room(type)) rec.u = std::calloc(1, room);
+    db_record& r = dbrecs_.emplace_back();
+    r.dbr_ref = ref;
+    r.dbr_private = &rec;
+    rec.dbrec = &r;
+    return &r;
+  }
+  db_record* add_bare(unsigned long ref) {
+    db_record& r = dbrecs_.emplace_back();
+    r.dbr_ref = ref;
+    return &r;
+  }
+
+ private:
+  std::deque<record> recs_;
+  std::deque<db_record> dbrecs_;
+};
+
+std::vector<db_record*> list_of(const reclist* l) {
+  std::vector<db_record*> v;
+  for (; l != nullptr; l = l->next) v.push_back(l->r);
+  return v;
+}
+
+TEST(ListTest, AddKeepsNameOrderWithTheHeadFirstAmongEquals) {
+  fake_records f;
+  node_pool pool;
+  reclist* head = nullptr;
+  db_record* b1 = f.add(1, "b");
+  db_record* a1 = f.add(1, "a");
+  db_record* c1 = f.add(1, "c");
+  db_record* b2 = f.add(1, "b");
+  db_record* a2 = f.add(1, "a");
+  db_record* b3 = f.add(1, "b");
+  db_record* none = f.add_bare(9);  // no collected record: the empty name
+  for (db_record* r : {b1, a1, c1, b2, a2, b3, none}) listadd(pool, &head, r);
+  // a2 equals the head a1 and goes right after it; b2 and b3 go in front of
+  // the other b's.
+  EXPECT_EQ(list_of(head), (std::vector<db_record*>{none, a1, a2, b3, b2, b1, c1}));
+}
+
+TEST(ListTest, AddOnEqualHeadInsertsBehindIt) {
+  fake_records f;
+  node_pool pool;
+  reclist* head = nullptr;
+  db_record* x1 = f.add(2, "x");
+  db_record* x2 = f.add(2, "x");
+  db_record* x3 = f.add(2, "x");
+  for (db_record* r : {x1, x2, x3}) listadd(pool, &head, r);
+  EXPECT_EQ(list_of(head), (std::vector<db_record*>{x1, x3, x2}));
+}
+
+TEST(ListTest, DeleteMovesTheCursorBack) {
+  fake_records f;
+  node_pool pool;
+  reclist* head = nullptr;
+  db_record* a = f.add(1, "a");
+  db_record* b = f.add(1, "b");
+  db_record* c = f.add(1, "c");
+  for (db_record* r : {a, b, c}) listadd(pool, &head, r);
+  reclist* p = head->next->next;  // c
+  listdelete(&head, &p);
+  EXPECT_EQ(p, head->next);  // the predecessor, b
+  EXPECT_EQ(list_of(head), (std::vector<db_record*>{a, b}));
+  p = head;
+  listdelete(&head, &p);
+  EXPECT_EQ(p, nullptr);
+  EXPECT_EQ(list_of(head), (std::vector<db_record*>{b}));
+}
+
+TEST(ListTest, PrintNames) {
+  test::captured_session cs;
+  fake_records f;
+  node_pool pool;
+  reclist* head = nullptr;
+  listadd(pool, &head, f.add(4, "disk2"));
+  listadd(pool, &head, f.add(4, "disk1"));
+  listadd(pool, &head, f.add_bare(3));
+  listprint(cs->out, head);
+  EXPECT_EQ(cs.out(), "    \n    disk1\n    disk2\n");
+}
+
+class TreeTest : public ::testing::Test {
+ protected:
+  sview* node(db_record* r, int diff = 0) { return pool_.new_sview(r, diff); }
+  db_record* vol(const char* name, voff_t len) {
+    db_record* r = f_.add(REC_TYPE_VOL, name);
+    record_of(r)->vol()->v_len = len;
+    return r;
+  }
+  db_record* sd(const char* name, voff_t len) {
+    db_record* r = f_.add(REC_TYPE_SD, name);
+    record_of(r)->sd()->sd_len = len;
+    return r;
+  }
+  std::string print(const sview* root) {
+    tree_printer(cs_->out).printsview(root, 0);
+    return cs_.out();
+  }
+  fake_records f_;
+  node_pool pool_;
+  test::captured_session cs_;
+};
+
+TEST_F(TreeTest, TheExampleTree) {
+  sview* root = node(f_.add(REC_TYPE_DG, "dg1"));
+  sview* v1 = node(vol("vol1", 2048));
+  sview* p1 = node(f_.add(REC_TYPE_PLEX, "vol1-01"));
+  sview* p2 = node(f_.add(REC_TYPE_PLEX, "vol1-02"));
+  sview* v2 = node(vol("vol2", 4096));
+  addchild(root, v1);
+  addchild(root, v2);
+  addchild(v1, p1);
+  addchild(v1, p2);
+  addchild(p1, node(sd("sd1", 1024)));
+  addchild(p1, node(sd("sd2", 1024)));
+  EXPECT_EQ(print(root),
+            "dg1\n"
+            "|---vol1   (2048/1MB)\n"
+            "|   |---vol1-01\n"
+            "|   |   |---sd1   (1024/0MB)\n"
+            "|   |   |\n"
+            "|   |   |---sd2   (1024/0MB)\n"
+            "|   |\n"
+            "|   |---vol1-02\n"
+            "|\n"
+            "|---vol2   (4096/2MB)\n");
+}
+
+TEST_F(TreeTest, LastSiblingsBlankTheirConnectorAndMarksDropTheSize) {
+  sview* root = node(f_.add(REC_TYPE_DG, "dg"));
+  sview* v1 = node(vol("a", 100), 1);
+  sview* v2 = node(vol("b", -4096), -2);
+  sview* p = node(f_.add(REC_TYPE_PLEX, "b-01"), 1);
+  sview* s = node(sd("s", 2047));
+  addchild(root, v1);
+  addchild(root, v2);
+  addchild(v2, p);
+  addchild(p, s);
+  EXPECT_EQ(print(root),
+            "dg\n"
+            "|---a !!1 missing child(ren)!!\n"
+            "|\n"
+            "|---b !!2 extra child(ren)!!\n"
+            "    |---b-01 !!1 missing child(ren)!!\n"
+            "        |---s   (2047/0MB)\n");
+}
+
+TEST_F(TreeTest, RootWithoutRecordHasNoLine) {
+  sview* root = node(nullptr);
+  sview* v = node(vol("v", 0));
+  addchild(root, v);
+  addchild(v, node(f_.add_bare(7)));
+  EXPECT_EQ(print(root),
+            "|---v   (0/0MB)\n"
+            "    |---\n");
+}
+
+TEST_F(TreeTest, SizeSuffixOnlyForVolumesAndSubdisks) {
+  printsviewrecordinfo(cs_->out, vol("v", -2049));
+  printsviewrecordinfo(cs_->out, f_.add(REC_TYPE_PLEX, "p"));
+  printsviewrecordinfo(cs_->out, f_.add_bare(1));
+  printsviewrecordinfo(cs_->out, sd("s", 4096 * 1024));
+  EXPECT_EQ(cs_.out(), "   (-2049/-1MB)\n\n\n   (4194304/2048MB)\n");
+}
+
+TEST(HeaderTest, LinesAndTheTimestampFormat) {
+  test::captured_session cs;
+  dbase db{};
+  db.ddb_nblocks = 3000;
+  db.ddb_blksize = 128;
+  db.ddb_hdrsize = 512;
+  db.ddb_flag = 0x402;
+  voldb_info h{};
+  h.vdbi_commit_state = 7;
+  h.vdbi_version_major = 4;
+  h.vdbi_version_minor = 17;
+  h.vdbi_nt_update_time = 0x1234567890ull;  // only the low 32 bits print
+  std::strcpy(h.vdbi_dg_name, "dg1");
+  std::strcpy(h.vdbi_dg_id, "1.2.host");
+  h.vdbi_config_tid = {9, 1};
+  h.vdbi_pending_tid = {10, 1};
+  h.vdbi_config_sum.vs_v_cnt = 1;
+  h.vdbi_config_sum.vs_pl_cnt = 2;
+  h.vdbi_config_sum.vs_sd_cnt = 3;
+  h.vdbi_config_sum.vs_dm_cnt = 4;
+  h.vdbi_config_sum.vs_da_cnt = 5;
+  h.vdbi_pending_sum.vs_da_cnt = 6;
+  print_header(cs->out, &db, &h);
+  const std::string stamp = std::string(64 - 9, ' ') + "878082192";  // 0x34567890
+  EXPECT_EQ(cs.out(), "#Header nblocks=3000 blksize=128 hdrsize=512\n"
+                      "#flags=0x0402 ([BAD-STATE])\n"
+                      "#version: 4/17\n"
+                      "#timestamp: " + stamp + "\n"
+                      "#dgname: dg1  dgid: 1.2.host\n"
+                      "#config: tid=1.9 nvol=1 nplex=2 nsd=3 ndm=4 nda=5\n"
+                      "#pending: tid=1.10 nvol=0 nplex=0 nsd=0 ndm=0 nda=6\n");
+  const char* words[] = {"[BAD-STATE]", "CLEAN", "CHANGE", "COMMIT", "ABORT",
+                         "NEW",         "STALE", "[BAD-STATE]", "OFFLINE", "[BAD-STATE]"};
+  for (unsigned st = 0; st < 10; ++st) {
+    test::captured_session c2;
+    h.vdbi_commit_state = static_cast<std::uint16_t>(st);
+    print_header(c2->out, &db, &h);
+    EXPECT_NE(c2.out().find(std::string("(") + words[st] + ")\n"), std::string::npos) << st;
+  }
+}
+
+TEST(BlockMapTest, Lines) {
+  test::captured_session cs;
+  dbase db{};
+  db.ddb_nblocks = 10;
+  db.ddb_blksize = 128;
+  db.ddb_hdrsize = 512;  // blocks 0-3 hold the header
+  db_record r{};
+  r.dbr_ref = 17;
+  db_block used{DDB_NOBLOCK, &r, 232, 112, 0};
+  db_block flagged{DDB_NOBLOCK, nullptr, 0, 0, DBB_BAD};
+  db_block free_block{DDB_NOBLOCK, nullptr, 0, 0, 0};
+  print_block(cs->out, &db, 3, &used, 1);  // inside the header: nothing
+  print_block(cs->out, &db, 4, &used, 0);
+  print_block(cs->out, &db, 5, &flagged, 0);
+  print_block(cs->out, &db, 6, &free_block, 0);
+  print_block(cs->out, &db, 12345, &free_block, 1);
+  EXPECT_EQ(cs.out(),
+            "#Block    4: flag=0x0000 ref=17   offset=232  frag_size=112 \n"
+            "#Block    5: flag=0x0008\n"
+            "#Block 12345: free\n");
+}
+
+}  // namespace
+}  // namespace pd

@@ -1,0 +1,273 @@
+#include "report/tag_printer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "config_db/records.h"
+
+namespace pd {
+namespace {
+
+std::vector<std::string> names_of(std::span<const voltagdesc> t) {
+  std::vector<std::string> v;
+  for (const voltagdesc& d : t) v.emplace_back(d.name);
+  return v;
+}
+
+TEST(TagTablesTest, VolumeAndPlexNamesStandInTheirOrder) {
+  const std::vector<std::string> vol = {
+      "tutil0", "tutil1", "tutil2", "rec_lock", "lock", "data_lock", "datalock", "kstate",
+      "r_all", "r_all", "rall", "r_some", "rsome", "w_all", "wall", "w_some", "wsome", "lasterr",
+      "use_type", "usetype", "fstype", "comment", "putil0", "putil1", "putil2", "state",
+      "writeback", "writecopy", "specify_writecopy", "specifywritecopy", "logging", "has_logs",
+      "haslogs", "devopen", "open", "log_serial_lo", "log_serial_hi", "node_bdev", "nodebdev",
+      "nodedev", "bdev", "dev", "node_cdev", "nodecdev", "cdev", "iosize", "pl_num", "plnum",
+      "nplex", "plex", "pref_name", "prefname", "start_opts", "startopts", "read_pol", "readpol",
+      "current_read_pol", "currentreadpol", "creadpol", "minor", "user", "group", "mode",
+      "log_type", "logtype", "len", "log_len", "loglen", "update_tid", "updatetid", "rid",
+      "pref_plex_rid", "prefplex_rid", "prefplexrid", "detach_tid", "detachtid", "active",
+      "forceminor", "badlog", "recover", "krecover", "invalid", "recover_offset",
+      "recoveroffset", "log_rid", "logrid", "recover_checkpoint", "recovercheckpoint",
+      "lasterr_tid", "lasterrtid", "errortid", "errtid", "sd_num", "sdnum", "nsd", "dirty",
+      "busy", "degraded", "unusable", "kdetach", "iofail", "storage", "applrecov", "apprecover",
+      "recover_seqno", "recov_seqno", "app_dirty", "appdirty", "dco_name", "dco_rid",
+      "nt_part_type", "nt_kernel_part_type", "nt_vol_guid", "nt_raid_init", "nt_curr_rootvol",
+      "nt_pagepath", "nt_crashdump", "nt_pending", "nt_raid_ntft", "nt_boot_volume",
+      "nt_system_volume", "nt_retain_partition", "EXISTS", "IMPLICIT", "CHANGED"};
+  EXPECT_EQ(names_of(vtagdesc()), vol);
+  const std::vector<std::string> plex = {
+      "tutil0", "tutil1", "tutil2", "lock", "compact", "iomode", "volatile", "kstate", "lasterr",
+      "len", "contig_len", "contiglen", "dev", "minor", "comment", "putil0", "putil1", "putil2",
+      "v_name", "vname", "volume", "layout", "st_width", "stwidth", "sd_num", "sdnum", "nsd",
+      "sd", "state", "log_sd", "logsd", "update_tid", "updatetid", "rid", "vol_rid", "volrid",
+      "detach_tid", "detachtid", "log_sd_rid", "logsd_rid", "logsdrid", "devopen", "open", "log",
+      "complete", "noerror", "kdetach", "iofail", "removed", "nodarec", "nodevice", "stale",
+      "recover", "lasterr_tid", "lasterrtid", "errortid", "errtid", "ncolumn", "columns", "ncol",
+      "dirty", "busy", "raidlog", "raid5log", "plex_snap_rid", "plex_guid", "dcoplex_rid",
+      "nt_curr_bootplex", "nt_pending", "EXISTS", "IMPLICIT", "CHANGED"};
+  EXPECT_EQ(names_of(ptagdesc()), plex);
+  for (const char* n : {"read_pol", "readpol", "current_read_pol", "currentreadpol", "creadpol"}) {
+    for (const voltagdesc& d : vtagdesc()) {
+      if (std::strcmp(d.name, n) == 0) {
+        EXPECT_EQ(d.type, TAG_R_POL) << n;
+      }
+    }
+  }
+}
+
+struct table_case {
+  std::span<const voltagdesc> table;
+  std::size_t entries;
+  std::size_t struct_size;
+};
+
+TEST(TagTablesTest, EveryTableHasItsSizeEndsWithPseudoFieldsAndStaysInsideItsStructure) {
+  const table_case cases[] = {
+      {vtagdesc(), 125, sizeof(volrec)},   {ptagdesc(), 72, sizeof(plexrec)},
+      {stagdesc(), 86, sizeof(sdrec)},     {mtagdesc(), 88, sizeof(dmrec)},
+      {gtagdesc(), 30, sizeof(dgrec)},     {atagdesc(), 65, sizeof(darec)},
+      {dcotagdesc(), 28, sizeof(dcorec)},  {snaptagdesc(), 22, sizeof(snaprec)},
+  };
+  for (const table_case& c : cases) {
+    ASSERT_EQ(c.table.size(), c.entries);
+    const std::size_t n = c.table.size();
+    EXPECT_STREQ(c.table[n - 3].name, "EXISTS");
+    EXPECT_STREQ(c.table[n - 2].name, "IMPLICIT");
+    EXPECT_STREQ(c.table[n - 1].name, "CHANGED");
+    int last_tag = 0;
+    for (const voltagdesc& d : c.table) {
+      EXPECT_LE(d.offs + d.width, c.struct_size) << d.name;
+      // Aliases share their field's number; numbers never go back.
+      EXPECT_GE(d.tag, last_tag) << d.name;
+      last_tag = d.tag;
+      if (d.type == TAG_NAME || d.type == TAG_COMMNT) {
+        EXPECT_EQ(d.info, static_cast<long>(d.width) - 1) << d.name;
+      }
+      if (d.type == TAG_FLAG) {
+        EXPECT_NE(d.info, 0) << d.name;
+      }
+      if (d.type != TAG_NOOP) {
+        EXPECT_NE(d.width, 0u) << d.name;
+      }
+    }
+  }
+}
+
+TEST(ValueTablesTest, RowsAndFirstMatch) {
+  tag_printer tp;
+  EXPECT_EQ(layouts().size(), 8u);
+  EXPECT_STREQ(tp.getetag(layouts(), 3), "RAID");
+  EXPECT_STREQ(tp.getetag(layouts(), 2), "CONCAT");
+  EXPECT_STREQ(tp.getetag(vkstates(), 3), "ENABLED");
+  EXPECT_STREQ(tp.getetag(pkstates(), 2), "DETACHED");
+  EXPECT_EQ(iomodes().size(), 13u);
+  EXPECT_STREQ(tp.getetag(iomodes(), 2), "WO");
+  EXPECT_EQ(logtypes().size(), 8u);
+  EXPECT_STREQ(tp.getetag(logtypes(), 32), "REGION");
+  ASSERT_EQ(excepts().size(), 48u);
+  EXPECT_STREQ(tp.getetag(excepts(), 4), "FAIL_DET_PL");
+  EXPECT_STREQ(excepts()[47].name, "gendet2");
+  EXPECT_STREQ(excepts()[36].name, "noop");
+  EXPECT_EQ(rpols().size(), 10u);
+  EXPECT_STREQ(tp.getetag(rpols(), 4), "RAID");
+  EXPECT_STREQ(tp.getetag(layouts(), 9), "0x9 #bad");
+  EXPECT_STREQ(tp.getetag(layouts(), -1), "0xffffffff #bad");
+}
+
+TEST(FieldPrinterTest, ReadPolicyNeverHasAText) {
+  tag_printer tp;
+  volrec v{};
+  for (int pol : {0, 1, 2, 3, 4}) {
+    v.v_read_pol = pol;
+    tp.flag = 0;
+    EXPECT_STREQ(tp.vol_sprint_field(&v, "readpol"), "");
+    EXPECT_EQ(tp.flag, 1);
+  }
+}
+
+TEST(FieldPrinterTest, PlexLayoutByFirstMatch) {
+  tag_printer tp;
+  plexrec p{};
+  p.pl_layout = 2;
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "layout"), "CONCAT");
+  p.pl_layout = 3;
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "layout"), "RAID");
+  p.pl_layout = 1;
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "layout"), "STRIPE");
+  p.pl_layout = 9;
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "layout"), "0x9 #bad");
+}
+
+TEST(FieldPrinterTest, UnknownNameGivesEmptyTextAndLeavesFlag) {
+  tag_printer tp;
+  volrec v{};
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "no_such_field"), "");
+  EXPECT_EQ(tp.flag, 0);
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "Len"), "");  // names are case-sensitive
+  EXPECT_EQ(tp.flag, 0);
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "len"), "0");
+  EXPECT_EQ(tp.flag, 1);
+}
+
+TEST(FieldPrinterTest, VolumeKinds) {
+  tag_printer tp;
+  volrec v{};
+  std::strcpy(v.v_tutil[0], "abc");
+  v.v_tutil[1][0] = '\0';
+  v.v_tutil[1][1] = '\0';
+  std::strcpy(v.v_tutil[1] + 2, "xy");  // leading NULs are skipped
+  v.v_tflag = VOL_TF_R_ALL;
+  v.v_kstate = 3;
+  v.v_lasterr = -5;
+  v.v_node_bdev = ~std::uint64_t{0};
+  v.v_node_cdev = 5;
+  v.v_iosize = 4096;
+  v.v_pl_num = 2;
+  v.v_minor = 12345;
+  v.v_uid = 100;
+  v.v_gid = 200;
+  v.v_mode = 0755;
+  v.v_log_type = 0x21;
+  v.v_len = -7;
+  v.v_update_tid = {34, 12};
+  v.v_pref_plex_rid = {0, 0};
+  v.v_log_rid = {9, 1};
+  v.v_nt_vol_guid = {0x12345678, 0xabcd, 0x0102, {1, 2, 3, 4, 5, 6, 7, 8}};
+  std::strcpy(v.v_pref_name, "vol1-02");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "tutil0"), "abc");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "tutil1"), "xy");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "tutil2"), "");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "r_all"), "on");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "w_all"), "off");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "kstate"), "ENABLED");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "lasterr"), "-5");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "dev"), "VOLNODEV");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "cdev"), "5/5");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "iosize"), "4096");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "nplex"), "2");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "plex"), "");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "minor"), "12345");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "user"), "100");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "group"), "200");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "mode"), "0755");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "logtype"), "REGION");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "len"), "-7");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "update_tid"), "12.34");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "pref_plex_rid"), "");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "logrid"), "1.9");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "nt_vol_guid"), "12345678-abcd-0102-0102-030405060708");
+  // The preferred plex prints only under the prefer policy.
+  v.v_read_pol = 1;
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "prefname"), "");
+  v.v_current_read_pol = 2;
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "prefname"), "vol1-02");
+  EXPECT_STREQ(tp.vol_sprint_field(&v, "EXISTS"), "");
+}
+
+TEST(FieldPrinterTest, PlexStripeWidthOnlyForStripeAndRaid) {
+  tag_printer tp;
+  plexrec p{};
+  p.pl_st_width = 128;
+  p.pl_layout = 2;
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "st_width"), "");
+  p.pl_layout = 1;
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "st_width"), "128");
+  p.pl_layout = 3;
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "stwidth"), "128");
+  p.pl_iomode = 7;  // only the low two bits count
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "iomode"), "RW");
+  p.pl_guid = {1, 2, 3, {0, 0, 0, 0, 0, 0, 0, 0x10}};
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "plex_guid"), "{00000001-0002-0003-0000-000000000010}");
+  p.pl_kstate = 4;
+  EXPECT_STREQ(tp.plex_sprint_field(&p, "kstate"), "0x4 #bad");
+}
+
+TEST(FieldPrinterTest, DiskGroupCopiesVersionAndIds) {
+  tag_printer tp;
+  dgrec g{};
+  EXPECT_STREQ(tp.dg_sprint_field(&g, "nconfig"), "default");
+  g.dg_nconfig = -1;
+  EXPECT_STREQ(tp.dg_sprint_field(&g, "nconfig"), "all");
+  g.dg_nlog = 3;
+  EXPECT_STREQ(tp.dg_sprint_field(&g, "nlog"), "3");
+  g.dg_version = 171;
+  EXPECT_STREQ(tp.dg_sprint_field(&g, "version"), "171");
+  std::strcpy(g.dg_dgid, "1234.5.host");
+  EXPECT_STREQ(tp.dg_sprint_field(&g, "dgid"), "1234.5.host");
+  EXPECT_STREQ(tp.dg_sprint_field(&g, "actmode"), "");
+  EXPECT_STREQ(tp.dg_sprint_field(&g, "rid"), "");
+}
+
+TEST(FieldPrinterTest, OtherKindsResolveTheirNames) {
+  tag_printer tp;
+  sdrec sd{};
+  sd.sd_dm_offset = 2048;
+  sd.sd_pflag = SD_PF_RELOCATE;
+  EXPECT_STREQ(tp.sd_sprint_field(&sd, "dm_offset"), "2048");
+  EXPECT_STREQ(tp.sd_sprint_field(&sd, "relocate"), "on");
+  dmrec dm{};
+  std::strcpy(dm.dm_diskid, "disk-id-1");
+  dm.dm_pflag = DM_PF_SPARE;
+  EXPECT_STREQ(tp.dm_sprint_field(&dm, "diskid"), "disk-id-1");
+  EXPECT_STREQ(tp.dm_sprint_field(&dm, "spare"), "on");
+  darec da{};
+  std::strcpy(da.da_type, "simple");
+  EXPECT_STREQ(tp.da_sprint_field(&da, "type"), "simple");
+  dcorec dco{};
+  dco.dco_parent_vol = {7, 0};
+  EXPECT_STREQ(tp.dco_sprint_field(&dco, "parent_rid"), "0.7");
+  snaprec sp{};
+  sp.sp_snap_tid = {1, 2};
+  EXPECT_STREQ(tp.snap_sprint_field(&sp, "snap_tid"), "2.1");
+  // Names are unique to a kind's table lookup: the first entry wins.
+  std::set<std::string> seen;
+  for (const voltagdesc& d : vtagdesc()) seen.insert(d.name);
+  EXPECT_EQ(seen.size(), 124u);  // "r_all" stands twice
+}
+
+}  // namespace
+}  // namespace pd
