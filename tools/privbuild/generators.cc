@@ -19,6 +19,8 @@
 
 namespace pd {
 
+void register_config_generator();  // config_writer.cc
+
 namespace {
 
 std::map<std::string, content_generator>& registry() {
@@ -77,6 +79,7 @@ void register_builtin_generators() {
   register_content_generator("hex", gen_hex);
   register_content_generator("text", gen_text);
   // Generators of other files of the builder register here.
+  register_config_generator();
 }
 
 void ensure_builtins() {
