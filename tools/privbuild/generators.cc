@@ -20,6 +20,8 @@
 
 namespace pd {
 
+void register_config_generator();  // config_writer.cc
+
 namespace {
 
 std::map<std::string, content_generator>& registry() {
@@ -79,6 +81,7 @@ void register_builtin_generators() {
   register_content_generator("text", gen_text);
   // Generators of other files of the builder register here.
   privbuild::register_log_generator();
+  register_config_generator();
 }
 
 void ensure_builtins() {
