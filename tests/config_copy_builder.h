@@ -79,7 +79,7 @@ class copy_image {
         }
       }
       std::size_t k = body.size() - off < room ? body.size() - off : room;
-      std::memcpy(p, body.data() + off, k);
+      if (k > 0) std::memcpy(p, body.data() + off, k);
     }
     return n;
   }

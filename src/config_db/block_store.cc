@@ -94,10 +94,7 @@ void release_record(db_record* r) {
   std::free(r);
 }
 
-// Blocks a record of `size` body bytes occupies.
-std::size_t fragments_for(const dbase* db, std::size_t size) {
-  return (db->ddb_blksize + size - 9) / (db->ddb_blksize - DDB_BLKHDR_SIZE);
-}
+std::size_t fragments_for(const dbase* db, std::size_t size) { return ddb_record_blocks(db, size); }
 
 struct block_header {
   bool magic_ok;
@@ -279,9 +276,8 @@ int extract_block(dbase* db, std::size_t blkno, const std::uint8_t* p) {
     return VE_BAD_BLOCKNO;
   }
   if (bh.ref == 0) return 0;
-  std::size_t payload = db->ddb_blksize - DDB_BLKHDR_SIZE;
-  b->dbb_offset = bh.frag == 0 ? 0 : payload * bh.frag - DDB_RECHDR_SIZE;
-  b->dbb_frag_size = static_cast<std::uint16_t>(payload);
+  b->dbb_offset = ddb_fragment_offset(db, bh.frag);
+  b->dbb_frag_size = static_cast<std::uint16_t>(db->ddb_blksize - DDB_BLKHDR_SIZE);
   if (bh.frag == 0) return extract_new_record(db, blkno, b, bh);
   return extract_continuation(db, blkno, b, bh);
 }
@@ -385,6 +381,54 @@ int change_size(dbase* db, std::size_t newnblks, bool mark_added) {
 }
 
 }  // namespace
+
+std::size_t ddb_record_blocks(const dbase* db, std::size_t size) {
+  return (db->ddb_blksize + size - 9) / (db->ddb_blksize - DDB_BLKHDR_SIZE);
+}
+
+std::size_t ddb_fragment_offset(const dbase* db, std::size_t frag) {
+  return frag == 0 ? 0 : (db->ddb_blksize - DDB_BLKHDR_SIZE) * frag - DDB_RECHDR_SIZE;
+}
+
+std::size_t ddb_fragment_room(const dbase* db, std::size_t frag) {
+  std::size_t payload = db->ddb_blksize - DDB_BLKHDR_SIZE;
+  return frag == 0 ? payload - DDB_RECHDR_SIZE : payload;
+}
+
+std::uint8_t* ddb_format_block(const dbase* db, std::uint8_t* blk, std::size_t blkno,
+                               unsigned long ref, std::size_t frag, std::size_t nfrag,
+                               const db_record* r) {
+  std::uint8_t* p = blk;
+  if (db->ddb_flag & DDB_COMPACT) {
+    p[0] = 'L';
+    p[1] = 'K';
+    p[2] = static_cast<std::uint8_t>(blkno);
+    p[3] = static_cast<std::uint8_t>(ref);
+    p[4] = static_cast<std::uint8_t>(frag);
+    p[5] = static_cast<std::uint8_t>(nfrag);
+    p += DDB_C_BLKHDR_SIZE;
+    if (frag == 0 && r != nullptr) {
+      p[0] = static_cast<std::uint8_t>(r->dbr_flag);
+      p[1] = static_cast<std::uint8_t>(r->dbr_type);
+      put_be16(p + 2, static_cast<std::uint16_t>(r->dbr_size));
+      p += DDB_C_RECHDR_SIZE;
+    }
+    return p;
+  }
+  std::memcpy(p, "VBLK", 4);
+  put_be32(p + 4, static_cast<std::uint32_t>(blkno));
+  put_be32(p + 8, static_cast<std::uint32_t>(ref));
+  put_be16(p + 12, static_cast<std::uint16_t>(frag));
+  put_be16(p + 14, static_cast<std::uint16_t>(nfrag));
+  p += DDB_BLKHDR_SIZE;
+  if (frag == 0 && r != nullptr) {
+    put_be16(p, r->dbr_flag);
+    put_be16(p + 2, static_cast<std::uint16_t>(r->dbr_type));
+    put_be32(p + 4, static_cast<std::uint32_t>(r->dbr_size));
+    p += DDB_RECHDR_SIZE;
+  }
+  return p;
+}
 
 const db_block& ddb_block(const dbase* db, std::size_t blkno) {
   const db_block_table* t = db->ddb_blocks;

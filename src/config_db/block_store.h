@@ -182,6 +182,22 @@ std::size_t ddb_block_next(const dbase* db, std::size_t from);
 // Number of materialised block entries (memory accounting and tests).
 std::size_t ddb_block_count(const dbase* db);
 
+// The framing arithmetic, shared by extraction and by writers of copies
+// (uses ddb_blksize and the compact bit of ddb_flag).
+// Blocks a record body of `size` bytes occupies.
+std::size_t ddb_record_blocks(const dbase* db, std::size_t size);
+// Body offset of fragment `frag`'s first byte.
+std::size_t ddb_fragment_offset(const dbase* db, std::size_t frag);
+// Body bytes fragment `frag` can hold.
+std::size_t ddb_fragment_room(const dbase* db, std::size_t frag);
+// Writes the block header of one block at `blk` (ddb_blksize bytes; the
+// payload is left as it is) and, for fragment 0, the record header from
+// `r` (flags, the low 16 bits of the type, size). Returns where the
+// fragment's body bytes go. Values wider than the form's fields are cut.
+std::uint8_t* ddb_format_block(const dbase* db, std::uint8_t* blk, std::size_t blkno,
+                               unsigned long ref, std::size_t frag, std::size_t nfrag,
+                               const db_record* r);
+
 db_record* dbr_find(const dbase* db, unsigned long ref);
 void dbr_add(dbase* db, db_record* r);
 void dbr_delete(dbase* db, db_record* r);

@@ -107,7 +107,7 @@ const vdb_compat dcorec_compat_tbl[] = {
     END};
 
 const vdb_compat snaprec_compat_tbl[] = {
-    {4, 11, 0, ALL, 0xFF, 0, 0, 0},
+    {4, 11, 0, ALL, 0xFF, 0xFF, 0, 0},
     {4, 13, 0x4000, ALL, 0xFF, 0xFF, 0, 0},
     {4, 14, 0x4000 | 0x2000 | 0x1000, ALL, 0xFF, 0xFF, 0, 0},
     {4, 17, ALL, ALL, ALL, ALL, ALL, ALL},

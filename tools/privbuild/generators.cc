@@ -16,8 +16,11 @@
 
 #include "privbuild/builder.h"
 #include "privbuild/description.h"
+#include "privbuild/log_writer.h"
 
 namespace pd {
+
+void register_config_generator();  // config_writer.cc
 
 namespace {
 
@@ -77,6 +80,8 @@ void register_builtin_generators() {
   register_content_generator("hex", gen_hex);
   register_content_generator("text", gen_text);
   // Generators of other files of the builder register here.
+  privbuild::register_log_generator();
+  register_config_generator();
 }
 
 void ensure_builtins() {

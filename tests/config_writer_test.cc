@@ -1,0 +1,292 @@
+#include "privbuild/config_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <cwchar>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "base/errors.h"
+#include "codec/text_forms.h"
+#include "config_decode_support.h"
+#include "privbuild/builder.h"
+#include "privbuild/config_fields.h"
+
+namespace pd {
+namespace {
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string l; std::getline(in, l);) out.push_back(l);
+  return out;
+}
+
+std::vector<std::uint8_t> build(const std::string& text, std::size_t bytes = 64 * 512) {
+  std::string error;
+  std::vector<std::uint8_t> copy = build_config_copy(lines_of(text), bytes, &error);
+  EXPECT_EQ(error, "");
+  EXPECT_EQ(copy.size(), error.empty() ? bytes : 0);
+  return copy;
+}
+
+std::string build_error(const std::string& text) {
+  std::string error;
+  EXPECT_TRUE(build_config_copy(lines_of(text), 64 * 512, &error).empty());
+  return error;
+}
+
+TEST(ConfigFieldsTest, EveryStoredMemberHasAName) {
+  for (std::size_t i = 0; i < n_rec2field_table; ++i) {
+    const rec2field* e = &rec2field_table[i];
+    const record_kind* k = record_kind_of(e);
+    ASSERT_NE(k, nullptr) << i;
+    for (const r2f_group& g : e->r2f_tbls) {
+      if (g.nflds == 0) break;
+      for (std::size_t f = 0; f < g.nflds; ++f) {
+        bool named = false;
+        for (std::size_t m = 0; m < k->nmembers; ++m) named |= k->members[m].offset == g.ftbl[f].dbf_offset;
+        EXPECT_TRUE(named) << "entry " << i << " field " << f << " of kind " << k->keyword;
+      }
+    }
+  }
+  // And every name is stored by some layout of its kind.
+  for (std::size_t k = 0; k < n_record_kinds; ++k) {
+    const record_kind* kind = &record_kinds[k];
+    for (std::size_t m = 0; m < kind->nmembers; ++m) {
+      bool stored = false;
+      for (std::size_t i = 0; i < n_rec2field_table; ++i) {
+        const db_field* f;
+        const r2f_group* g;
+        stored |= record_kind_of(&rec2field_table[i]) == kind &&
+                  find_field(&rec2field_table[i], kind->members[m].offset, &f, &g);
+      }
+      EXPECT_TRUE(stored) << kind->members[m].name;
+    }
+  }
+  const record_kind* vol = find_record_kind("volume");
+  EXPECT_STREQ(find_member(vol, "len")->name, "v_len");
+  EXPECT_STREQ(find_member(vol, "tutil2")->name, "v_tutil[2]");
+  EXPECT_STREQ(find_member(vol, "v_putil[1]")->name, "v_putil[1]");
+  EXPECT_EQ(find_member(vol, "pl_name"), nullptr);
+}
+
+TEST(ConfigWriterTest, RecordsOfTheMainKindsDecode) {
+  auto copy = build(R"(
+    database version=4.17 dgname=dg1 dgid=1234.5.host config-tid=0.200 pending-tid=0.200 time=77
+    group ref=1 name=dg1 rid=0.1000 dgid=a0000001-1234-0001-4041-424344454647 version=171 nconfig=-1 comment="main group"
+    volume ref=2 name=vol1 rid=0.1001 len=2048 pl_num=2 update_tid=0.150 state=ACTIVE read_pol=2 pref_plex_rid=0.1002 nt_mount_name=E:\u4e00 pflag=0x3000000
+    plex ref=3 name=vol1-01 rid=0.1002 vol_rid=0.1001 layout=1 st_width=128 ncolumn=3 guid=11111111-2222-3333-4444-555555555555
+    subdisk ref=4 name=sd1 rid=0.1003 plex_rid=0.1002 dm_rid=0.1004 len=1024 dm_offset=10 nt_hidden_sectors=63 comment=hello
+    disk ref=5 name=disk01 rid=0.1004 diskid=a0000002-1234-0002-4041-424344454647 nt_persistent_name=Harddisk1 app_value=0102
+    rlink ref=6 name=rl1 rid=0.1006 net_address=4145:10.0.0.1 local_address6=4146:192.168.0.1 bandwidth_limit=1000
+    snap ref=7 name=snap1 rid=0.1007 dco_rid=0.1008 vol_guid=01020304-0506-0708-090a-0b0c0d0e0f10 link_state=-3
+  )");
+  test::decoded_copy c(copy);
+  ASSERT_EQ(c.error, 0);
+  EXPECT_EQ(ddb_extract_done(c.db()), 0);
+  EXPECT_STREQ(c.hdr.vdbi_dg_name, "dg1");
+  EXPECT_EQ(c.hdr.vdbi_version_minor, 17);
+  EXPECT_EQ(c.hdr.vdbi_nt_update_time, 77u);
+  EXPECT_EQ(c.hdr.vdbi_config_tid.seqno_lo, 200u);
+  // Counts follow the records written.
+  EXPECT_EQ(c.hdr.vdbi_config_sum.vs_v_cnt, 1u);
+  EXPECT_EQ(c.hdr.vdbi_config_sum.vs_dm_cnt, 1u);
+  EXPECT_EQ(c.hdr.vdbi_pending_sum.vs_rp_cnt, 1u);
+  EXPECT_EQ(c.hdr.vdbi_config_sum.vs_sp_cnt, 1u);
+  EXPECT_EQ(c.hdr.vdbi_config_sum.vs_da_cnt, 0u);
+
+  const auto* dg = c.by_ref(1);
+  ASSERT_NE(dg, nullptr);
+  EXPECT_EQ(dg->type, 0x45u | 0x2000 | 0x4000 | 0x800);
+  EXPECT_STREQ(dg->rec->dg.dg_real_name, "dg1");
+  EXPECT_EQ(dg->rec->dg.dg_nconfig, -1);
+  EXPECT_EQ(dg->rec->dg.dg_version, 171u);
+  EXPECT_STREQ(dg->rec->dg.dg_comment, "main group");
+
+  const auto* v = c.by_ref(2);
+  ASSERT_NE(v, nullptr);
+  EXPECT_EQ(v->type, 0x61u | 0x800 | 0x200);
+  EXPECT_EQ(v->rec->v.v_len, 2048);
+  EXPECT_EQ(v->rec->v.v_pl_num, 2u);
+  EXPECT_EQ(v->rec->v.v_read_pol, 2);
+  EXPECT_EQ(v->rec->v.v_pflag, 0x3000000u);
+  EXPECT_EQ(v->rec->v.v_pref_plex_rid.seqno_lo, 1002u);
+  ASSERT_NE(v->rec->v.v_nt_mount_name, nullptr);
+  EXPECT_EQ(std::wcscmp(v->rec->v.v_nt_mount_name, L"E:\x4e00"), 0);
+  EXPECT_STREQ(v->rec->v.v_state, "ACTIVE");
+  // The volume's pflag bits 24-25 need version 4.16.
+  EXPECT_EQ(c.db()->ddb_mvers_minor, 17);
+
+  const auto* pl = c.by_ref(3);
+  ASSERT_NE(pl, nullptr);
+  EXPECT_EQ(pl->type, 0x42u | 0x1000 | 0x4000);
+  EXPECT_EQ(pl->rec->pl.pl_st_width, 128);
+  EXPECT_EQ(pl->rec->pl.pl_ncolumn, 3u);
+  EXPECT_EQ(pl->rec->pl.pl_guid.Data1, 0x11111111u);
+
+  const auto* sd = c.by_ref(4);
+  ASSERT_NE(sd, nullptr);
+  EXPECT_EQ(sd->rec->sd.sd_nt_hidden_sectors, 63);
+  EXPECT_STREQ(sd->rec->sd.sd_comment, "hello");  // 0x43 keeps it in the base
+  EXPECT_EQ(sd->type, 0x43u | 0x200);
+
+  const auto* dm = c.by_ref(5);
+  ASSERT_NE(dm, nullptr);
+  EXPECT_STREQ(dm->rec->dm.dm_diskid, "a0000002-1234-0002-4041-424344454647");
+  ASSERT_NE(dm->rec->dm.dm_app_value, nullptr);
+  EXPECT_EQ(dm->rec->dm.dm_app_value[0], 0x82);  // the length prefix
+  EXPECT_EQ(dm->rec->dm.dm_app_value[2], 0x02);
+
+  const auto* rp = c.by_ref(6);
+  ASSERT_NE(rp, nullptr);
+  EXPECT_EQ(rp->type, 0x58u | 0x800 | 0x1000);
+  EXPECT_EQ(rp->rec->rp.rp_net_address.portno, 4145);
+  EXPECT_EQ(rp->rec->rp.rp_net_address.ipaddress, 0x0A000001u);
+  EXPECT_EQ(rp->rec->rp.rp_local_address6.ipaddress.addr.words[0], 0xC0A80001u);
+  EXPECT_EQ(rp->rec->rp.rp_bandwidth_limit, 1000u);
+
+  const auto* sp = c.by_ref(7);
+  ASSERT_NE(sp, nullptr);
+  EXPECT_EQ(sp->type, 0x6Au | 0x1000);
+  EXPECT_EQ(sp->rec->sp.sp_link_state, -3);
+  EXPECT_EQ(sp->rec->sp.sp_vol_guid.Data4[7], 0x10);
+}
+
+TEST(ConfigWriterTest, HighFlagsTravelInTheExtension) {
+  auto copy = build(R"(
+    database
+    volume ref=9 name=v dco_rid=0.7 pflag3=5
+    record type=0x10131 ref=10 name=w rid=0.1
+  )");
+  test::decoded_copy c(copy);
+  EXPECT_EQ(c.error, VE_DB_FORMAT);
+  ASSERT_NE(c.by_ref(9), nullptr);
+  EXPECT_EQ(c.by_ref(9)->type, 0x61u | 0x100 | 0x20000 | 0x80000);
+  EXPECT_EQ(c.by_ref(9)->rec->v.v_dco_rid.seqno_lo, 7u);
+  EXPECT_EQ(c.by_ref(9)->rec->v.v_pflag3, 5u);
+  // 0x31 does not know the netmirror group: the record is refused.
+  EXPECT_EQ(c.by_ref(10), nullptr);
+}
+
+TEST(ConfigWriterTest, HeadersOfEveryVersionAndGeometry) {
+  for (const char* version : {"3.1", "4.9", "4.10", "4.11", "4.16", "4.17"}) {
+    SCOPED_TRACE(version);
+    auto copy = build(std::string("database blksize=1024 hdrsize=1024 nblocks=40 state=2 "
+                                  "dgname=group-name-x counts=zero vs_v_cnt=7 "
+                                  "pending.vs_v_cnt=8 version=") +
+                          version,
+                      40 * 1024);
+    dbase* db = ddb_alloc(nullptr);
+    voldb_info vi{};
+    ASSERT_EQ(voldbsup_unformat_header(db, copy.data(), 512, &vi), 0);
+    EXPECT_EQ(db->ddb_blksize, 1024u);
+    EXPECT_EQ(db->ddb_nblocks, 40u);
+    EXPECT_EQ(vi.vdbi_commit_state, 2);
+    EXPECT_EQ(vi.vdbi_config_sum.vs_v_cnt, 7u);
+    EXPECT_EQ(vi.vdbi_pending_sum.vs_v_cnt, 8u);
+    EXPECT_STREQ(vi.vdbi_dg_name, "group-name-x");
+    ddb_free(db);
+    // The first data block is an unused block of the copy's size.
+    EXPECT_EQ(std::memcmp(copy.data() + 1024, "VBLK", 4), 0);
+    EXPECT_EQ(copy[1024 + 7], 1);
+  }
+  // A 14-character limit for the release-1.2 name.
+  auto copy = build("database version=3.1 dgname=abcdefghijklmnopq");
+  dbase* db = ddb_alloc(nullptr);
+  voldb_info vi{};
+  ASSERT_EQ(voldbsup_unformat_header(db, copy.data(), 512, &vi), 0);
+  EXPECT_STREQ(vi.vdbi_dg_name, "abcdefghijklmn");
+  ddb_free(db);
+}
+
+TEST(ConfigWriterTest, RecordsSpanBlocksAt8192ByteBlocks) {
+  std::string comment(40, 'c');
+  auto copy = build("database blksize=8192 hdrsize=8192 nblocks=8\n"
+                    "group ref=3 at=2 name=dg1 comment=" + comment,
+                    8 * 8192);
+  dbase* db = ddb_alloc(nullptr);
+  voldb_info vi{};
+  ASSERT_EQ(voldbsup_unformat_header(db, copy.data(), 512, &vi), 0);
+  EXPECT_EQ(db->ddb_blksize, 8192u);
+  ddb_free(db);
+  EXPECT_EQ(std::memcmp(copy.data() + 2 * 8192, "VBLK", 4), 0);
+  EXPECT_EQ(copy[2 * 8192 + 11], 3);  // reference
+}
+
+TEST(ConfigWriterTest, DamageStatements) {
+  struct damage {
+    const char* what;
+    const char* text;
+    int error;
+    std::size_t piece;
+  };
+  const damage cases[] = {
+      {"fragment count", "database\nvolume ref=5 at=3 name=v nfrag=2", VE_DB_FORMAT, 3},
+      {"bad magic", "database\nblock at=2 magic=XBLK", VE_BAD_MAGIC, 2},
+      {"block number", "database\nblock at=4 blkno=9", VE_BAD_BLOCKNO, 4},
+      {"duplicate first block", "database\nvolume ref=5 at=2 name=a\nvolume ref=5 at=3 name=b",
+       VE_DB_FORMAT, 3},
+      {"poke into the record header", "database\nvolume ref=5 at=2 name=v\n"
+                                      "poke block=2 offset=20 hex=ffffffff",
+       VE_DB_FORMAT, 2},
+      {"raw body", "database\nrecord type=0x35 ref=5 at=2 body=00", VE_DB_FORMAT, 2},
+      {"oversized claim", "database\nvolume ref=5 at=2 name=v size=20000 nfrag=41",
+       VE_RECORD_TOO_LARGE, 2},
+      {"bad header magic", "database\npoke at=0 hex=00", VE_BAD_MAGIC, 0},
+  };
+  for (const damage& d : cases) {
+    SCOPED_TRACE(d.what);
+    auto copy = build(d.text);
+    test::decoded_copy c(copy);
+    EXPECT_EQ(c.error, d.error);
+    EXPECT_EQ(c.error_piece, d.piece);
+  }
+  // A missing first fragment leaves a placeholder and an incomplete store.
+  std::string long_name = "comment=" + std::string(40, 'x');
+  auto copy = build("database\ndisk ref=5 at=2 name=d " + long_name +
+                    " app_value=" +
+                    std::string(900, '1') + " skip=0");
+  test::decoded_copy c(copy);
+  EXPECT_EQ(c.error, 0);
+  EXPECT_EQ(ddb_extract_done(c.db()), 1);
+  EXPECT_EQ(c.by_ref(5), nullptr);
+}
+
+TEST(ConfigWriterTest, DescriptionErrorsNameTheLine) {
+  EXPECT_EQ(build_error("database\nvolume foo=1"), "config line 2: no member foo in volume records");
+  EXPECT_EQ(build_error("volume type=0x31 netmirror=1"),
+            "config line 1: no member netmirror in volume records");
+  EXPECT_EQ(build_error("volume type=0x31 nm_site=x"),
+            "config line 1: records of type 0x31 do not store v_nm_site");
+  EXPECT_EQ(build_error("volume len=abc"), "config line 1: v_len: bad value \"abc\"");
+  EXPECT_EQ(build_error("frobnicate"), "config line 1: unknown statement frobnicate");
+  EXPECT_EQ(build_error("database blksize=16"), "config line 1: blksize must lie in 32..65536");
+  EXPECT_EQ(build_error("volume at=70 name=x"), "config line 1: the record runs past the copy");
+  EXPECT_EQ(build_error("record name=x"), "config line 1: record needs type= or entry=");
+}
+
+TEST(ConfigWriterTest, RegisteredAsAContentGenerator) {
+  std::string error;
+  std::vector<std::uint8_t> img = build_image(R"(
+disk sector-size=512 sectors=2048
+region config copy=1 offset=17 len=100
+copy-content config copy=1 content=config begin
+  database nblocks=100 dgname=dg7
+  group name=dg7 rid=0.1
+end
+)", &error);
+  ASSERT_EQ(error, "");
+  ASSERT_FALSE(img.empty());
+  bool found = false;
+  for (std::size_t i = 0; i + 4 <= img.size(); i += 512) {
+    found |= std::memcmp(img.data() + i, "VMDB", 4) == 0;
+  }
+  EXPECT_TRUE(found);
+}
+
+}  // namespace
+}  // namespace pd

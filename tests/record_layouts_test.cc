@@ -1,0 +1,492 @@
+#include "config_db/record_layouts.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "base/errors.h"
+#include "config_copy_builder.h"
+#include "record_filler.h"
+
+namespace pd {
+namespace {
+
+using test::bytes;
+
+// Zeroed, suitably aligned room for any record structure; frees the heap
+// members of the entry's tables on destruction.
+struct rec_buf {
+  explicit rec_buf(const rec2field* e) : e_(e) {}
+  ~rec_buf() { voldbf_free_tbl(e_, mem); }
+  rec_buf(const rec_buf&) = delete;
+  rec_buf& operator=(const rec_buf&) = delete;
+  alignas(urec) unsigned char mem[sizeof(urec)] = {};
+  const rec2field* e_;
+};
+
+// Encodes, decodes into a fresh structure, checks sizes and members.
+void expect_round_trip(const rec2field* e, std::uint32_t type, unsigned seed) {
+  SCOPED_TRACE(testing::Message() << "entry 0x" << std::hex << e->type << " type 0x" << type);
+  rec_buf in(e), out(e);
+  test::fill_record(e, type, in.mem, seed);
+  std::size_t size = voldbf_tblsize(e, type, in.mem);
+  std::size_t ext = (type > 0xFFFF || static_cast<std::int32_t>(type) < 0) ? 2 : 0;
+  bytes buf(size + 1, 0xEE);
+  std::uint8_t* end = voldbf_fmt_tbl(e, type, in.mem, buf.data());
+  ASSERT_EQ(static_cast<std::size_t>(end - buf.data()), size - ext);
+  EXPECT_EQ(buf[size - ext], 0xEE);
+  const std::uint8_t* lim = buf.data() + size - ext;
+  const std::uint8_t* got = voldbf_unfmt_tbl(e, type, out.mem, buf.data(), lim);
+  ASSERT_EQ(got, lim);
+  EXPECT_EQ(test::first_difference(e, type, in.mem, out.mem), "");
+  EXPECT_EQ(voldbf_tblsize(e, type, out.mem), size);
+  // Every shorter input fails.
+  for (std::size_t cut = 0; cut < size - ext; cut += 1 + (size - ext) / 16) {
+    rec_buf part(e);
+    EXPECT_EQ(voldbf_unfmt_tbl(e, type, part.mem, buf.data(), buf.data() + cut), nullptr)
+        << "cut at " << cut;
+  }
+}
+
+TEST(RecordLayoutsTest, TableHasEveryEntryInOrder) {
+  ASSERT_EQ(n_rec2field_table, 48u);
+  EXPECT_EQ(rec2field_table[0].type, 0x3Bu);
+  EXPECT_EQ(rec2field_table[26].type, 0x86u);
+  EXPECT_EQ(rec2field_table[26].namespace_, 2);
+  EXPECT_EQ(rec2field_table[47].type, 0x85u);
+  for (std::size_t i = 0; i < n_rec2field_table; ++i) {
+    const rec2field& e = rec2field_table[i];
+    SCOPED_TRACE(i);
+    EXPECT_EQ(e.namespace_, e.type == 0x86 ? 2 : 1);
+    // One flag per group, none used twice, all above 0x800 except 0x200.
+    std::uint32_t seen = 0;
+    for (const r2f_group& g : e.r2f_tbls) {
+      if (g.nflds == 0) break;
+      EXPECT_EQ(g.flagvalue & ~g.flagmask, 0u);
+      if (g.flagmask == 0) continue;
+      EXPECT_EQ(g.flagmask & (g.flagmask - 1), 0u) << "one bit per group";
+      EXPECT_TRUE(g.flagmask >= 0x800 || g.flagmask == 0x200);
+      if (g.flagvalue != 0) {
+        EXPECT_EQ(seen & g.flagmask, 0u);
+        seen |= g.flagmask;
+      }
+    }
+  }
+}
+
+TEST(RecordLayoutsTest, LookupUsesTheLowEightBits) {
+  EXPECT_EQ(find_rec2field(0x31)->r2f_tbls[0].nflds, 13u);
+  EXPECT_EQ(find_rec2field(0x231), find_rec2field(0x31));
+  EXPECT_EQ(find_rec2field(0x232), find_rec2field(0x32));
+  EXPECT_EQ(find_rec2field(0x211), nullptr);
+  EXPECT_EQ(find_rec2field(0x213), nullptr);
+  EXPECT_EQ(find_rec2field(0x5A), &rec2field_table[4]);  // the first of two
+  EXPECT_EQ(find_rec2field(0x81), &rec2field_table[38]);  // the temporary part
+  EXPECT_EQ(find_rec2field(0x8061), find_rec2field(0x61));
+  EXPECT_EQ(find_rec2field(0x20), nullptr);
+}
+
+TEST(RecordLayoutsTest, EveryLayoutAndGroupRoundTrips) {
+  unsigned seed = 1;
+  for (std::size_t i = 0; i < n_rec2field_table; ++i) {
+    const rec2field* e = &rec2field_table[i];
+    std::uint32_t flags = test::entry_flags(e);
+    expect_round_trip(e, test::type_word(e, 0), seed++);
+    expect_round_trip(e, test::type_word(e, flags), seed++);
+    for (std::uint32_t bit = 1; bit != 0; bit <<= 1) {
+      if (flags & bit) expect_round_trip(e, test::type_word(e, bit), seed++);
+    }
+  }
+}
+
+TEST(RecordLayoutsTest, UnclaimedPresenceFlagIsRejected) {
+  const rec2field* vol = find_rec2field(0x31);
+  rec_buf in(vol), out(vol);
+  test::fill_record(vol, 0x31, in.mem, 3);
+  bytes buf(voldbf_tblsize(vol, 0x31, in.mem));
+  voldbf_fmt_tbl(vol, 0x31, in.mem, buf.data());
+  EXPECT_NE(voldbf_unfmt_tbl(vol, 0x31, out.mem, buf.data(), buf.data() + buf.size()), nullptr);
+  rec_buf out2(vol);
+  EXPECT_EQ(voldbf_unfmt_tbl(vol, 0x40000131, out2.mem, buf.data(), buf.data() + buf.size()),
+            nullptr);
+  // Bits below 0x800 are not presence-checked.
+  rec_buf out3(vol);
+  EXPECT_NE(voldbf_unfmt_tbl(vol, 0x4B1, out3.mem, buf.data(), buf.data() + buf.size()),
+            nullptr);
+}
+
+TEST(RecordLayoutsTest, ReleaseOneTwoBasesAreAlternatives) {
+  const rec2field* e = &rec2field_table[43];
+  ASSERT_EQ(e->type, 0x81u);
+  volrec v{};
+  v.v_update_tid.seqno_lo = 1;
+  v.v_detach_tid.seqno_lo = 2;
+  std::size_t plain = voldbf_tblsize(e, 0x81, &v);
+  std::size_t detach = voldbf_tblsize(e, 0x1081, &v);
+  EXPECT_EQ(detach, plain + 8 + 1);  // detach tid + log length
+}
+
+TEST(RecordLayoutsTest, GuidBearingKinds) {
+  std::set<int> with;
+  for (int k = 0; k < 16; ++k) {
+    if (voldbf_rec_has_guid(0x30u | static_cast<unsigned>(k))) with.insert(k);
+  }
+  EXPECT_EQ(with, (std::set<int>{1, 2, 3, 4, 7, 8, 10, 11, 12, 13, 14}));
+}
+
+TEST(RecordLayoutsTest, DiskGroupVersions) {
+  std::uint16_t major = 9, minor = 9;
+  unsigned dgv = 9;
+  EXPECT_EQ(dgv2dbv(10, &major, &minor), 0);
+  EXPECT_EQ(major * 100 + minor, 301);
+  EXPECT_EQ(dgv2dbv(171, &major, &minor), 0);
+  EXPECT_EQ(major * 100 + minor, 417);
+  EXPECT_EQ(dgv2dbv(44, &major, &minor), VE_DGVERSION_UNKNOWN);
+  EXPECT_EQ(major + minor, 0);
+  EXPECT_EQ(dbv2dgv(4, 13, &dgv), 0);
+  EXPECT_EQ(dgv, 43u);
+  EXPECT_EQ(dbv2dgv(4, 9, &dgv), VE_DB_VERSION);
+  EXPECT_EQ(dgv, 0u);
+  for (std::size_t i = 0; i < n_dgdbvtbl; ++i) {
+    EXPECT_EQ(dbv2dgv(dgdbvtbl[i].major, dgdbvtbl[i].minor, &dgv), 0);
+    EXPECT_EQ(dgv, dgdbvtbl[i].dgv);
+  }
+}
+
+TEST(RecordLayoutsTest, RecordVersions) {
+  std::uint16_t major = 0, minor = 0;
+  volrec v{};
+  EXPECT_EQ(voldbsup_rtyp2vers(0x31, nullptr, &v, &major, &minor), 0);
+  EXPECT_EQ(major * 100 + minor, 301);
+  EXPECT_EQ(voldbsup_rtyp2vers(0x10151, nullptr, &v, &major, &minor), 0);
+  EXPECT_EQ(major * 100 + minor, 412);
+  v.v_pflag = 1u << 25;
+  EXPECT_EQ(voldbsup_rtyp2vers(0x31, nullptr, &v, &major, &minor), 0);
+  EXPECT_EQ(major * 100 + minor, 416);
+  v.v_pflag = 0x80;  // a bit no named version knows
+  EXPECT_EQ(voldbsup_rtyp2vers(0x31, nullptr, &v, &major, &minor), 0);
+  EXPECT_EQ(major * 100 + minor, 417);
+  reprec rp{};
+  EXPECT_EQ(voldbsup_rtyp2vers(0x1058, nullptr, &rp, &major, &minor), 0);
+  EXPECT_EQ(major * 100 + minor, 416);
+  EXPECT_EQ(voldbsup_rtyp2vers(0x30, nullptr, &rp, &major, &minor), VE_DB_FORMAT);
+}
+
+// ---------------------------------------------------------------------------
+// The record path: format, fragments in a store, decode through placement.
+
+struct placed {
+  int ns = 0;
+  volrid_t rid;
+  std::string name;
+  voldguid_t guid;
+  std::uint32_t type = 0;
+  rec_buf* into = nullptr;
+  int calls = 0;
+};
+
+placed* g_placed = nullptr;
+
+int t_place(dbase*, db_record* r, int ns, volrid_t rid, const char* rname, voldguid_t guid,
+            void** rawpp) {
+  g_placed->ns = ns;
+  g_placed->rid = rid;
+  g_placed->name = rname;
+  g_placed->guid = guid;
+  g_placed->type = r->dbr_type;
+  ++g_placed->calls;
+  *rawpp = g_placed->into->mem;
+  return 0;
+}
+
+int t_unformat(dbase* db, db_record* r, const std::uint8_t* frag, std::size_t off,
+               std::size_t len) {
+  return voldbsup_unformat_record(db, r, frag, off, len, t_place);
+}
+const dbrec_ops t_rops = {nullptr, nullptr, t_unformat, nullptr};
+int t_init(dbase* db, db_record* r) {
+  r->dbr_ops = &t_rops;
+  return voldbsup_init_record(db, r);
+}
+int t_header(dbase* db, const std::uint8_t*, std::size_t) {
+  db->ddb_blksize = 512;
+  db->ddb_hdrsize = 512;
+  return ddb_setsize(db, 64);
+}
+const dbase_ops t_ops = {t_init, nullptr, nullptr, t_header, nullptr, nullptr, nullptr};
+
+struct store_deleter {
+  void operator()(dbase* db) const { ddb_free(db); }
+};
+using store_ptr = std::unique_ptr<dbase, store_deleter>;
+
+bytes format_body(std::uint32_t type, const void* sp) {
+  db_record r{};
+  r.dbr_type = type;
+  EXPECT_EQ(voldbsup_format_record(nullptr, &r, nullptr, 0, 0, sp), 0);
+  bytes body(r.dbr_size);
+  EXPECT_EQ(voldbsup_format_record(nullptr, &r, body.data(), 0, r.dbr_size, sp), 0);
+  EXPECT_EQ(voldbsup_format_record(nullptr, &r, body.data(), 1, r.dbr_size, sp), VE_DB_FORMAT);
+  voldbsup_format_cleanup_record(nullptr, &r);
+  EXPECT_EQ(r.dbr_build, nullptr);
+  return body;
+}
+
+// Extracts a copy holding one record (flags 0) at block 1.
+int extract_one(std::uint32_t type, const bytes& body, placed& p, store_ptr& db) {
+  test::copy_image img(64);
+  img.put_record(1, 42, 0, static_cast<std::uint16_t>(type), body);
+  g_placed = &p;
+  db.reset(ddb_alloc(&t_ops));
+  int err = 0;
+  for (std::size_t off = 0; off < img.data().size() && err == 0; off += 512) {
+    err = ddb_extract(db.get(), img.data().data() + off, off, 512);
+  }
+  g_placed = nullptr;
+  return err;
+}
+
+void expect_record_path(const rec2field* e, std::uint32_t type, unsigned seed) {
+  SCOPED_TRACE(testing::Message() << "type 0x" << std::hex << type);
+  rec_buf in(e), out(e);
+  test::fill_record(e, type, in.mem, seed);
+  bytes body = format_body(type, in.mem);
+  placed p;
+  p.into = &out;
+  store_ptr db;
+  ASSERT_EQ(extract_one(type, body, p, db), 0);
+  ASSERT_EQ(p.calls, 1);
+  EXPECT_EQ(p.type, type);
+  EXPECT_EQ(p.ns, e->namespace_);
+  anyrec any{};
+  ASSERT_NE(dbf_unfmt_tbl(e->r2f_tbls[0].ftbl, 2, &any, body.data() + (type & 0x100 ? 2 : 0),
+                          body.data() + body.size()), nullptr)
+      << "every layout starts with the id and the name";
+  EXPECT_TRUE(seqno_equal(p.rid, any.rid));
+  EXPECT_EQ(p.name, any.name);
+  std::uint32_t kind = type & 15;
+  bool pre = !(type & RTYPE_NOGUID) && (kind == 1 || kind == 2);
+  EXPECT_TRUE(guid_equal(p.guid, pre ? voldbf_get_guid(type, in.mem) : zeroguid));
+  EXPECT_EQ(test::first_difference(e, type, in.mem, out.mem), "");
+  db_record* r = dbr_find(db.get(), 42);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->dbr_build, nullptr);
+  std::uint16_t major = 0, minor = 0;
+  ASSERT_EQ(voldbsup_rtyp2vers(type, r, out.mem, &major, &minor), 0);
+  EXPECT_EQ(db->ddb_mvers_major, major);
+  EXPECT_EQ(db->ddb_mvers_minor, minor);
+}
+
+TEST(RecordLayoutsTest, EveryDecodableKindThroughTheStore) {
+  unsigned seed = 100;
+  int n = 0;
+  for (std::size_t i = 0; i < n_rec2field_table; ++i) {
+    const rec2field* e = &rec2field_table[i];
+    if (find_rec2field(e->type) != e) continue;  // never chosen by the decoder
+    ++n;
+    std::uint32_t flags = test::entry_flags(e);
+    expect_record_path(e, test::type_word(e, 0), seed++);
+    expect_record_path(e, test::type_word(e, flags), seed++);
+    if ((e->type & 15) <= 2) expect_record_path(e, test::type_word(e, flags) | RTYPE_NOGUID, seed++);
+  }
+  EXPECT_EQ(n, 36);  // 48 less the codes above 0xFF and the second entries
+}
+
+TEST(RecordLayoutsTest, BodyFaultsAreFormatErrors) {
+  const rec2field* dg = find_rec2field(0x35);
+  rec_buf in(dg);
+  test::fill_record(dg, 0x35, in.mem, 7);
+  bytes good = format_body(0x35, in.mem);
+  struct fault {
+    const char* what;
+    std::uint32_t type;
+    bytes body;
+  };
+  bytes longer = good;
+  longer.push_back(0);
+  bytes nonminimal = {0x04, 0, 0, 0, 5, 2, 'd', 'g'};  // id 5 in four bytes
+  bytes rest(good.begin() + 1 + good[0], good.end());
+  rest.erase(rest.begin(), rest.begin() + 1 + rest[0]);  // drop the name
+  nonminimal.insert(nonminimal.end(), rest.begin(), rest.end());
+  bytes overrun = good;
+  overrun[0] = 0x08;  // the id's length runs into the name
+  bytes name_past_end = {0x01, 0x05, 0xF0, 'a'};  // name length past the body
+  const fault faults[] = {
+      {"bytes left over", 0x35, longer},
+      {"stored size differs from decoded size", 0x35, nonminimal},
+      {"name length past the body", 0x35, name_past_end},
+      {"unknown presence flag (volume pre-decode)", 0x4031, format_body(0x31, in.mem)},
+      {"extension without the high half", 0x135, [&] {
+         bytes b = {0, 0};
+         b.insert(b.end(), good.begin(), good.end());
+         return b;
+       }()},
+      {"empty body", 0x35, {}},
+      {"id length runs into the name", 0x35, overrun},
+  };
+  for (const fault& f : faults) {
+    SCOPED_TRACE(f.what);
+    rec_buf out(dg);
+    placed p;
+    p.into = &out;
+    store_ptr db;
+    EXPECT_EQ(extract_one(f.type, f.body, p, db), VE_DB_FORMAT);
+    EXPECT_EQ(dbr_find(db.get(), 42), nullptr);
+  }
+}
+
+TEST(RecordLayoutsTest, InitRecordChecksInOrder) {
+  store_ptr db(ddb_alloc(&t_ops));
+  db_record r{};
+  r.dbr_type = 0x20;
+  EXPECT_EQ(voldbsup_init_record(db.get(), &r), VE_DB_FORMAT);
+  r.dbr_type = 0x31;
+  r.dbr_flag = 3;
+  r.dbr_size = 20000;
+  EXPECT_EQ(voldbsup_init_record(db.get(), &r), VE_DB_FORMAT);
+  r.dbr_flag = 2;
+  db->ddb_flag = 1u << DDB_STATE_SHIFT;
+  EXPECT_EQ(voldbsup_init_record(db.get(), &r), 0);  // refused before the size check
+  EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
+  r.dbr_gen_flag = 0;
+  db->ddb_flag = 4u << DDB_STATE_SHIFT;
+  EXPECT_EQ(voldbsup_init_record(db.get(), &r), 0);
+  EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
+  r.dbr_gen_flag = 0;
+  r.dbr_flag = 1;
+  db->ddb_flag = 3u << DDB_STATE_SHIFT;
+  EXPECT_EQ(voldbsup_init_record(db.get(), &r), 0);
+  EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
+  r.dbr_gen_flag = 0;
+  db->ddb_flag = 0;
+  EXPECT_EQ(voldbsup_init_record(db.get(), &r), VE_RECORD_TOO_LARGE);
+  r.dbr_size = 16384;
+  EXPECT_EQ(voldbsup_init_record(db.get(), &r), 0);
+  EXPECT_EQ(r.dbr_gen_flag, 0);
+}
+
+// ---------------------------------------------------------------------------
+// Database header.
+
+voldb_info sample_info(std::uint16_t major, std::uint16_t minor) {
+  voldb_info vi{};
+  vi.vdbi_commit_state = 1;
+  vi.vdbi_version_major = major;
+  vi.vdbi_version_minor = minor;
+  std::strcpy(vi.vdbi_dg_name, "datadg");
+  std::strcpy(vi.vdbi_dg_name_1_2, "olddg");
+  std::strcpy(vi.vdbi_dg_id, "1234567890.12.host");
+  vi.vdbi_config_tid.seqno_lo = 0x11;
+  vi.vdbi_config_tid.seqno_hi = 0x22;
+  vi.vdbi_pending_tid.seqno_lo = 0x33;
+  unsigned long n = 1;
+  for (vol_summary* s : {&vi.vdbi_config_sum, &vi.vdbi_pending_sum}) {
+    for (unsigned long* c : {&s->vs_v_cnt, &s->vs_pl_cnt, &s->vs_sd_cnt, &s->vs_dm_cnt,
+                             &s->vs_da_cnt, &s->vs_reserved_1, &s->vs_reserved_2, &s->vs_rv_cnt,
+                             &s->vs_rp_cnt, &s->vs_dco_cnt, &s->vs_sp_cnt, &s->vs_stpool_cnt,
+                             &s->vs_info_cnt, &s->vs_vset_cnt, &s->vs_cache_cnt,
+                             &s->vs_export_cnt}) {
+      *c = n++;
+    }
+  }
+  vi.vdbi_nt_update_time = 0x0102030405060708ull;
+  vi.vdbi_pending_major = 4;
+  vi.vdbi_pending_minor = 17;
+  vi.vdbi_prev_tag = 77;
+  vi.vdbi_cur_tag = 78;
+  return vi;
+}
+
+struct header_case {
+  std::uint16_t major, minor;
+};
+
+TEST(VoldbHeaderTest, EveryMajorAndMinorRule) {
+  for (header_case c : {header_case{3, 1}, {4, 9}, {4, 10}, {4, 11}, {4, 16}, {4, 17}}) {
+    SCOPED_TRACE(testing::Message() << c.major << "." << c.minor);
+    voldb_info vi = sample_info(c.major, c.minor);
+    store_ptr db(ddb_alloc(&t_ops));
+    db->ddb_nblocks = 2048;
+    db->ddb_blksize = 512;
+    db->ddb_hdrsize = 512;
+    bytes buf(512, 0xAA);
+    ASSERT_EQ(voldbsup_format_header(db.get(), buf.data(), buf.size(), &vi), 0);
+    EXPECT_EQ(std::memcmp(buf.data(), "VMDB", 4), 0);
+    EXPECT_EQ(get_be32(buf.data() + 4), 2048u);
+    EXPECT_EQ(get_be16(buf.data() + 18), c.major);
+    std::size_t end = c.major == 3 ? 22 + 150 : 22 + 183 + 16 + 8 + 68;
+    for (std::size_t i = end; i < buf.size(); ++i) ASSERT_EQ(buf[i], 0) << i;
+
+    voldb_info got{};
+    store_ptr db2(ddb_alloc(&t_ops));
+    ASSERT_EQ(voldbsup_unformat_header(db2.get(), buf.data(), buf.size(), &got), 0);
+    EXPECT_EQ(db2->ddb_nblocks, 2048u);
+    EXPECT_EQ(db2->ddb_blksize, 512u);
+    EXPECT_EQ(db2->ddb_hdrsize, 512u);
+    EXPECT_EQ(db2->ddb_mvers_major, c.major);
+    EXPECT_EQ(db2->ddb_mvers_minor, c.minor);
+    EXPECT_EQ(got.vdbi_commit_state, 1);
+    EXPECT_STREQ(got.vdbi_dg_id, vi.vdbi_dg_id);
+    EXPECT_EQ(seqno_value(got.vdbi_config_tid), seqno_value(vi.vdbi_config_tid));
+    EXPECT_EQ(seqno_value(got.vdbi_pending_tid), seqno_value(vi.vdbi_pending_tid));
+    EXPECT_EQ(got.vdbi_config_sum.vs_reserved_2, vi.vdbi_config_sum.vs_reserved_2);
+    EXPECT_EQ(got.vdbi_pending_sum.vs_v_cnt, vi.vdbi_pending_sum.vs_v_cnt);
+    if (c.major == 3) {
+      EXPECT_STREQ(got.vdbi_dg_name, "olddg");
+      EXPECT_STREQ(got.vdbi_dg_name_1_2, "olddg");
+      EXPECT_EQ(got.vdbi_config_sum.vs_rv_cnt, 0u);
+      EXPECT_EQ(got.vdbi_nt_update_time, 0u);
+      continue;
+    }
+    EXPECT_STREQ(got.vdbi_dg_name, "datadg");
+    EXPECT_EQ(got.vdbi_pending_sum.vs_rp_cnt, vi.vdbi_pending_sum.vs_rp_cnt);
+    if (c.minor <= 9) {
+      EXPECT_EQ(got.vdbi_nt_update_time, 0u);
+    } else if (c.minor == 10) {
+      // Read from where the writer repeated the replication counters.
+      std::uint64_t quirk = (std::uint64_t{vi.vdbi_config_sum.vs_rv_cnt} << 32) |
+                            vi.vdbi_config_sum.vs_rp_cnt;
+      EXPECT_EQ(got.vdbi_nt_update_time, quirk);
+    } else {
+      EXPECT_EQ(got.vdbi_nt_update_time, vi.vdbi_nt_update_time);
+    }
+    if (c.minor > 16) {
+      EXPECT_EQ(got.vdbi_pending_minor, 17);
+      EXPECT_EQ(got.vdbi_cur_tag, 78u);
+      EXPECT_EQ(got.vdbi_config_sum.vs_dco_cnt, vi.vdbi_config_sum.vs_dco_cnt);
+      EXPECT_EQ(got.vdbi_pending_sum.vs_export_cnt, vi.vdbi_pending_sum.vs_export_cnt);
+    } else {
+      EXPECT_EQ(got.vdbi_pending_minor, 0);
+      EXPECT_EQ(got.vdbi_config_sum.vs_dco_cnt, 0u);
+    }
+  }
+}
+
+TEST(VoldbHeaderTest, Failures) {
+  voldb_info vi = sample_info(4, 17);
+  store_ptr db(ddb_alloc(&t_ops));
+  bytes buf(512);
+  ASSERT_EQ(voldbsup_format_header(db.get(), buf.data(), buf.size(), &vi), 0);
+  voldb_info got{};
+  EXPECT_EQ(voldbsup_unformat_header(db.get(), buf.data(), 200, &got), VE_DB_FORMAT);
+  EXPECT_EQ(voldbsup_unformat_header(db.get(), buf.data(), 3, &got), VE_BAD_MAGIC);
+  bytes bad = buf;
+  bad[0] = 'W';
+  EXPECT_EQ(voldbsup_unformat_header(db.get(), bad.data(), bad.size(), &got), VE_BAD_MAGIC);
+  bad = buf;
+  put_be16(bad.data() + 18, 5);
+  EXPECT_EQ(voldbsup_unformat_header(db.get(), bad.data(), bad.size(), &got), VE_DB_VERSION);
+  vi.vdbi_version_major = 2;
+  EXPECT_EQ(voldbsup_format_header(db.get(), buf.data(), buf.size(), &vi), VE_DB_VERSION);
+  vi.vdbi_version_major = 4;
+  EXPECT_EQ(voldbsup_format_header(db.get(), buf.data(), 100, &vi), VE_DB_FORMAT);
+  // Only the first 512 bytes are decoded.
+  bytes big(4096, 0);
+  ASSERT_EQ(voldbsup_format_header(db.get(), big.data(), big.size(), &vi), 0);
+  EXPECT_EQ(voldbsup_unformat_header(db.get(), big.data(), big.size(), &got), 0);
+}
+
+}  // namespace
+}  // namespace pd
