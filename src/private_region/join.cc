@@ -24,8 +24,6 @@ namespace pd {
 
 namespace {
 
-constexpr std::size_t TEI_UNPLACED = std::numeric_limits<std::size_t>::max();
-
 bool is_type(const toc_entry_info* e, const char* type) {
   return std::strcmp(e->tei_region.dkr_type, type) == 0;
 }

@@ -16,6 +16,7 @@
 
 #include "privbuild/builder.h"
 #include "privbuild/description.h"
+#include "privbuild/log_writer.h"
 
 namespace pd {
 
@@ -77,6 +78,7 @@ void register_builtin_generators() {
   register_content_generator("hex", gen_hex);
   register_content_generator("text", gen_text);
   // Generators of other files of the builder register here.
+  privbuild::register_log_generator();
 }
 
 void ensure_builtins() {

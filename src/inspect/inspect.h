@@ -1,0 +1,63 @@
+// privinspect's views of an image, one function per subcommand. Each opens
+// the image read-only, goes as far as the damage allows, says on the error
+// stream what stopped it, and returns the exit status (inspect_image.h).
+// Fatal conditions of the shared library layers (fatal_exit) may pass
+// through; main turns them into the status they carry.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/session.h"
+#include "base/types.h"
+#include "inspect/inspect_image.h"
+
+namespace pd {
+
+// logs [--copy N] [--long]: the log dump of one copy (copy >= 0) or all.
+int inspect_logs(session& s, const inspect_target& t, int copy, bool long_listing);
+
+// config --copy N: the configuration report of copy N, enabled or not.
+int inspect_config(session& s, const inspect_target& t, int copy);
+
+// headers: both header copies, their differences and the scan's choice.
+int inspect_headers(session& s, const inspect_target& t);
+
+// check [--quiet]: the whole report run silently; one line per finding.
+int inspect_check(session& s, const inspect_target& t, bool quiet);
+
+// scan: every magic at every sector boundary, with its decode status.
+int inspect_scan(session& s, const inspect_target& t);
+
+// hexdump (--sector N | --block COPY:N | --record REF) [--count K]
+enum class hexdump_what { sector, block, record };
+struct hexdump_request {
+  hexdump_what what = hexdump_what::sector;
+  std::uint64_t sector = 0;   // --sector
+  int copy = -1;              // --block's COPY, or --copy for --record
+  std::size_t block = 0;      // --block's N
+  std::string ref;            // --record
+  std::size_t count = 1;
+};
+// Fills `r` from the one given argument; false (after a usage message) when
+// a number does not parse.
+bool hexdump_parse(session& s, const std::string& sector, const std::string& block,
+                   const std::string& record, hexdump_request& r);
+int inspect_hexdump(session& s, const inspect_target& t, const hexdump_request& r);
+
+// records [--type T]... [--rid H.L] [--name NAME] [--copy N]
+struct records_filter {
+  std::vector<int> types;  // record types (dbr_type & 15); empty: any
+  std::optional<volrid_t> rid;
+  std::optional<std::string> name;
+  int copy = -1;
+};
+// The accepted type names, for the help text.
+std::string record_type_names();
+bool records_parse(session& s, const std::vector<std::string>& types, const std::string& rid,
+                   const std::string& name, records_filter& f);
+int inspect_records(session& s, const inspect_target& t, const records_filter& f);
+
+}  // namespace pd

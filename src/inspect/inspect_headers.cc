@@ -1,0 +1,280 @@
+// headers: both header copies read from where the disk attributes put them,
+// each decoded whatever its state, then the fields in which they differ and
+// the copy the scan chose, with the reason.
+//
+// A copy whose magic or checksum is wrong is decoded a second time with
+// both set aside (magic restored, checksum recomputed in a scratch copy of
+// the sector), so that its fields can still be shown and compared; the
+// decode result printed first is always the real one.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "base/errors.h"
+#include "codec/integers.h"
+#include "codec/text_forms.h"
+#include "driver/messages.h"
+#include "inspect/inspect.h"
+#include "private_region/header.h"
+
+namespace pd {
+
+namespace {
+
+constexpr std::size_t HDR_SIZE = 512;
+constexpr const char HDR_MAGIC[] = "PRIVHEAD";
+
+struct header_copy {
+  const char* name = "";
+  voff_t sector = 0;
+  std::size_t nread = 0;            // bytes of the sector found in the image
+  std::uint8_t buf[HDR_SIZE] = {};
+  bool magic_ok = false;
+  std::uint32_t stored_sum = 0;
+  std::uint32_t computed_sum = 0;
+  int res = -1;                     // the real decode result
+  int lenient_res = -1;             // with magic and checksum set aside
+  bool has_fields = false;          // the body was decoded one way or the other
+  priv_header_info hdr;
+};
+
+bool read_copy(inspect_image& img, header_copy& c) {
+  std::uint64_t ss = static_cast<std::uint64_t>(img.sector_size());
+  if (c.sector < 0) return false;
+  c.nread = img.read_at(static_cast<std::uint64_t>(c.sector) * ss, c.buf, HDR_SIZE);
+  return c.nread == HDR_SIZE;
+}
+
+// The header's decoder gives up at the first fault; 165 after magic and
+// checksum is a name fault and 168 a range fault, both past the body.
+bool body_decoded(int res) {
+  return res == 0 || res == VE_PRIV_FORMAT || res == VE_PRIV_INVALID;
+}
+
+void decode_copy(header_copy& c) {
+  c.magic_ok = std::memcmp(c.buf, HDR_MAGIC, 8) == 0;
+  c.stored_sum = get_be32(c.buf + 8);
+  c.computed_sum = static_cast<std::uint32_t>(priv_header_checksum(c.buf));
+  c.res = priv_unformat_header(&c.hdr, c.buf);
+  if (c.magic_ok && c.stored_sum == c.computed_sum) {
+    c.has_fields = body_decoded(c.res);
+    return;
+  }
+  std::uint8_t fixed[HDR_SIZE];
+  std::memcpy(fixed, c.buf, HDR_SIZE);
+  std::memcpy(fixed, HDR_MAGIC, 8);
+  put_be32(fixed + 8, static_cast<std::uint32_t>(priv_header_checksum(fixed)));
+  c.hdr = priv_header_info{};
+  c.lenient_res = priv_unformat_header(&c.hdr, fixed);
+  c.has_fields = body_decoded(c.lenient_res);
+}
+
+std::string printable(const std::uint8_t* p, std::size_t n) {
+  std::string out;
+  for (std::size_t i = 0; i < n; i++) {
+    char ch = static_cast<char>(p[i]);
+    out += (p[i] >= 0x20 && p[i] < 0x7f) ? ch : '.';
+  }
+  return out;
+}
+
+const char* fault_of(const header_copy& c) {
+  if (!c.magic_ok) return " (bad magic)";
+  if (c.stored_sum != c.computed_sum) return " (bad checksum)";
+  return "";
+}
+
+void print_copy(session& s, const header_copy& c, const inspect_image& img) {
+  std::uint64_t ss = static_cast<std::uint64_t>(img.sector_size());
+  std::fprintf(s.out, "%s header: sector %lld", c.name, static_cast<long long>(c.sector));
+  if (c.sector >= 0) {
+    std::fprintf(s.out, ", byte offset %llu",
+                 static_cast<unsigned long long>(c.sector) * static_cast<unsigned long long>(ss));
+  }
+  std::fputc('\n', s.out);
+  if (c.nread < HDR_SIZE) {
+    std::fprintf(s.out, "    not read: %zu of %zu bytes lie inside the image (%llu bytes)\n",
+                 c.nread, HDR_SIZE, static_cast<unsigned long long>(img.file_size()));
+    return;
+  }
+  std::fprintf(s.out, "    magic:    \"%s\"%s\n", printable(c.buf, 8).c_str(),
+               c.magic_ok ? "" : " (expected \"PRIVHEAD\")");
+  if (c.stored_sum == c.computed_sum) {
+    std::fprintf(s.out, "    checksum: 0x%08x correct\n", c.stored_sum);
+  } else {
+    std::fprintf(s.out, "    checksum: 0x%08x expected 0x%08x\n", c.stored_sum, c.computed_sum);
+  }
+  if (c.res == 0) {
+    std::fprintf(s.out, "    decode:   ok\n");
+  } else {
+    std::fprintf(s.out, "    decode:   error %d: %s%s\n", c.res, vol_strerror(c.res), fault_of(c));
+  }
+  if (c.lenient_res == 0) {
+    std::fprintf(s.out, "    with magic and checksum set aside: decodes\n");
+  } else if (c.lenient_res > 0) {
+    std::fprintf(s.out, "    with magic and checksum set aside: error %d: %s\n", c.lenient_res,
+                 vol_strerror(c.lenient_res));
+  }
+  if (c.has_fields) {
+    char seq[24];
+    std::fprintf(s.out, "    version %u.%u, update seqno %s, diskid \"%s\"\n",
+                 c.hdr.phi_version_major, c.hdr.phi_version_minor,
+                 volseqnotostr(c.hdr.phi_update_seqno, seq), c.hdr.phi_diskid);
+  }
+}
+
+// One compared field: its name and its text in a header.
+struct header_field {
+  const char* name;
+  std::string (*text)(const priv_header_info&);
+};
+
+std::string num(unsigned long long v) { return std::to_string(v); }
+std::string snum(long long v) { return std::to_string(v); }
+std::string str(const char* v) { return std::string("\"") + v + "\""; }
+std::string seq(volseqno_t v) {
+  char b[24];
+  return volseqnotostr(v, b);
+}
+std::string guid(const voldguid_t& g) {
+  char b[37];
+  voldguid_to_string(b, &g);
+  return b;
+}
+
+const header_field header_fields[] = {
+    {"phi_version", [](const priv_header_info& h) {
+       return num(h.phi_version_major) + "." + num(h.phi_version_minor);
+     }},
+    {"phi_update_time", [](const priv_header_info& h) { return num(h.phi_update_time); }},
+    {"phi_update_seqno", [](const priv_header_info& h) { return seq(h.phi_update_seqno); }},
+    {"phi_primary_header", [](const priv_header_info& h) { return snum(h.phi_primary_header); }},
+    {"phi_alt_header", [](const priv_header_info& h) { return snum(h.phi_alt_header); }},
+    {"phi_diskid", [](const priv_header_info& h) { return str(h.phi_diskid); }},
+    {"phi_hostid", [](const priv_header_info& h) { return str(h.phi_hostid); }},
+    {"phi_dgid", [](const priv_header_info& h) { return str(h.phi_dgid); }},
+    {"phi_dg_name", [](const priv_header_info& h) { return str(h.phi_dg_name); }},
+    {"phi_atomic_iosize", [](const priv_header_info& h) { return num(h.phi_atomic_iosize); }},
+    {"phi_flags", [](const priv_header_info& h) { return num(h.phi_flags); }},
+    {"phi_pub_id", [](const priv_header_info& h) { return num(h.phi_pub_id); }},
+    {"phi_priv_id", [](const priv_header_info& h) { return num(h.phi_priv_id); }},
+    {"phi_pub_offset", [](const priv_header_info& h) { return snum(h.phi_pub_offset); }},
+    {"phi_pub_len", [](const priv_header_info& h) { return snum(h.phi_pub_len); }},
+    {"phi_priv_offset", [](const priv_header_info& h) { return snum(h.phi_priv_offset); }},
+    {"phi_priv_len", [](const priv_header_info& h) { return snum(h.phi_priv_len); }},
+    {"phi_first_toc", [](const priv_header_info& h) { return snum(h.phi_first_toc); }},
+    {"phi_first_alt_toc", [](const priv_header_info& h) { return snum(h.phi_first_alt_toc); }},
+    {"phi_nconfig", [](const priv_header_info& h) { return num(h.phi_nconfig); }},
+    {"phi_nlogs", [](const priv_header_info& h) { return num(h.phi_nlogs); }},
+    {"phi_config_len", [](const priv_header_info& h) { return snum(h.phi_config_len); }},
+    {"phi_log_len", [](const priv_header_info& h) { return snum(h.phi_log_len); }},
+    {"phi_nt_boot_disk_sig", [](const priv_header_info& h) { return num(h.phi_nt_boot_disk_sig); }},
+    {"phi_nt_diskset_id", [](const priv_header_info& h) { return guid(h.phi_nt_diskset_id); }},
+    {"phi_nt_new_diskset_id",
+     [](const priv_header_info& h) { return guid(h.phi_nt_new_diskset_id); }},
+    {"phi_move_dgid", [](const priv_header_info& h) { return str(h.phi_move_dgid); }},
+};
+
+// The fields on which the scan insists that two decoded copies agree.
+const char* const geometry_fields[] = {"phi_atomic_iosize", "phi_priv_id",    "phi_pub_id",
+                                       "phi_priv_len",      "phi_priv_offset", "phi_pub_len",
+                                       "phi_pub_offset"};
+
+const header_field* find_field(const char* name) {
+  for (const header_field& f : header_fields) {
+    if (std::strcmp(f.name, name) == 0) return &f;
+  }
+  return nullptr;
+}
+
+void print_differences(session& s, const header_copy& p, const header_copy& a) {
+  if (!p.has_fields || !a.has_fields) {
+    std::fprintf(s.out, "differences: not compared, the %s copy has no decoded fields\n",
+                 p.has_fields ? "alternate" : "primary");
+    return;
+  }
+  int n = 0;
+  for (const header_field& f : header_fields) {
+    std::string pv = f.text(p.hdr);
+    std::string av = f.text(a.hdr);
+    if (pv == av) continue;
+    if (n++ == 0) std::fprintf(s.out, "differences:\n");
+    std::fprintf(s.out, "    %-22s primary %s, alternate %s\n", f.name, pv.c_str(), av.c_str());
+  }
+  if (n == 0) std::fprintf(s.out, "differences: none\n");
+}
+
+// The geometry fields in which two decoded copies disagree, or "".
+std::string geometry_disagreement(const header_copy& p, const header_copy& a) {
+  std::string out;
+  for (const char* name : geometry_fields) {
+    const header_field* f = find_field(name);
+    if (f->text(p.hdr) == f->text(a.hdr)) continue;
+    out += out.empty() ? name : std::string(", ") + name;
+  }
+  return out;
+}
+
+void print_choice(session& s, inspect_image& img, int res, const header_copy& p,
+                  const header_copy& a) {
+  if (res != 0) {
+    std::fprintf(s.out, "scan: no header chosen: error %d: %s\n", res, vol_strerror(res));
+    std::fprintf(s.out,
+                 "    the primary does not decode; the search of sectors 8 to 248 found no "
+                 "header that names its own sector as the alternate, and the alternate copy "
+                 "is not consulted then\n");
+    return;
+  }
+  unsigned long fl = img.priv()->pri_flags;
+  bool pok = (fl & PRI_PRIMARY_OK) != 0;
+  bool aok = (fl & PRI_ALT_OK) != 0;
+  bool used_alt = (fl & PRI_USED_ALT) != 0;
+  std::string ps = seq(p.hdr.phi_update_seqno);
+  std::string as = seq(a.hdr.phi_update_seqno);
+  if (!pok && used_alt) {
+    std::fprintf(s.out,
+                 "scan: alternate found by search: the primary does not decode; the scan keeps "
+                 "the header as it stood before the search, without a region length, so the "
+                 "join fails\n");
+  } else if (pok && !aok) {
+    std::fprintf(s.out, "scan: primary chosen: the alternate does not decode\n");
+  } else if (!pok) {
+    std::fprintf(s.out, "scan: alternate chosen: the primary does not decode\n");
+  } else if (std::string g = geometry_disagreement(p, a); !g.empty()) {
+    std::fprintf(s.out, "scan: primary chosen: the copies disagree on %s, and the primary is kept\n",
+                 g.c_str());
+  } else if (used_alt) {
+    std::fprintf(s.out, "scan: alternate chosen: its update seqno %s is newer than the primary's %s\n",
+                 as.c_str(), ps.c_str());
+  } else {
+    std::fprintf(s.out,
+                 "scan: primary chosen: its update seqno %s is not older than the alternate's %s\n",
+                 ps.c_str(), as.c_str());
+  }
+}
+
+}  // namespace
+
+int inspect_headers(session& s, const inspect_target& t) {
+  inspect_image img(s);
+  if (!img.open(t)) return INSPECT_USAGE_IO;
+  header_copy p, a;
+  p.name = "primary";
+  p.sector = img.attrs().dka_primary_header;
+  a.name = "alternate";
+  a.sector = img.attrs().dka_alternate_header;
+  for (header_copy* c : {&p, &a}) {
+    if (read_copy(img, *c)) decode_copy(*c);
+    print_copy(s, *c, img);
+  }
+  print_differences(s, p, a);
+  if (p.sector < 0 || a.sector < 0) {
+    std::fprintf(s.out, "scan: not run: the image is too short to hold both header positions\n");
+    return INSPECT_FINDINGS;
+  }
+  int res = img.scan();
+  print_choice(s, img, res, p, a);
+  return res == 0 ? INSPECT_OK : INSPECT_FINDINGS;
+}
+
+}  // namespace pd

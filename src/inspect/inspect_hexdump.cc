@@ -1,0 +1,183 @@
+// hexdump: raw bytes in the puthex form, of image sectors (read straight
+// from the file, whatever the header says), of 512-byte blocks of a
+// configuration copy (numbered as the report's ":624:" messages number
+// them), or of the store blocks that carry one record.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "codec/integers.h"
+#include "codec/text_forms.h"
+#include "config_db/block_store.h"
+#include "driver/messages.h"
+#include "inspect/inspect.h"
+#include "inspect/inspect_load.h"
+
+namespace pd {
+
+namespace {
+
+constexpr std::size_t COPY_BLKSIZE = 512;
+constexpr std::size_t COPY_RUN_BLOCKS = 128;
+constexpr std::size_t COPY_BUFSIZE = 0x200000;
+
+// A whole decimal number; false on anything else.
+bool parse_number(const std::string& text, unsigned long long& v) {
+  if (text.empty() || text[0] < '0' || text[0] > '9') return false;
+  errno = 0;
+  char* end = nullptr;
+  v = std::strtoull(text.c_str(), &end, 10);
+  return errno == 0 && *end == '\0';
+}
+
+int dump_sectors(session& s, inspect_image& img, std::uint64_t first, std::size_t count) {
+  std::size_t ss = static_cast<std::size_t>(img.sector_size());
+  std::vector<std::uint8_t> buf(ss);
+  std::uint64_t nsect = img.file_size() / ss;
+  for (std::uint64_t sec = first; sec < first + count; sec++) {
+    std::size_t n = sec <= UINT64_MAX / ss ? img.read_at(sec * ss, buf.data(), ss) : 0;
+    if (n == 0) {
+      std::fprintf(s.out, "sector %llu: beyond the end of the image (%llu sectors)\n",
+                   static_cast<unsigned long long>(sec), static_cast<unsigned long long>(nsect));
+      return INSPECT_FINDINGS;
+    }
+    std::fprintf(s.out, "sector %llu (byte %llu):\n", static_cast<unsigned long long>(sec),
+                 static_cast<unsigned long long>(sec * ss));
+    puthex(s.out, buf.data(), static_cast<long>(n));
+    if (n < ss) {
+      std::fprintf(s.out, "sector %llu: only %zu bytes before the end of the image\n",
+                   static_cast<unsigned long long>(sec), n);
+      return INSPECT_FINDINGS;
+    }
+  }
+  return INSPECT_OK;
+}
+
+int dump_blocks(session& s, inspect_image& img, int copy, std::size_t first, std::size_t count) {
+  if (!img.locate()) return INSPECT_FINDINGS;
+  copy_info* cp = inspect_select_config_copy(s, img.priv(), copy);
+  if (cp == nullptr) return INSPECT_FINDINGS;
+  std::uint8_t* buf = get_aligned_buf(s, COPY_BUFSIZE);
+  std::size_t blk = first;
+  while (blk < first + count) {
+    std::size_t want = first + count - blk;
+    if (want > COPY_RUN_BLOCKS) want = COPY_RUN_BLOCKS;
+    std::size_t nread = 0;
+    if (priv_read_copy(s, img.priv(), cp, buf, blk, want, &nread) != 0) {
+      volpfmt(s, s.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
+      return INSPECT_FINDINGS;
+    }
+    for (std::size_t i = 0; i < nread; i++) {
+      std::fprintf(s.out, "config copy %d block %zu:\n", cp->ci_copy, blk + i);
+      puthex(s.out, buf + i * COPY_BLKSIZE, COPY_BLKSIZE);
+    }
+    blk += nread;
+    if (nread < want) {
+      std::fprintf(s.out, "config copy %d: block %zu is beyond its end\n", cp->ci_copy, blk);
+      return INSPECT_FINDINGS;
+    }
+  }
+  return INSPECT_OK;
+}
+
+bool record_matches(const record* r, const std::string& ref) {
+  const char* end = nullptr;
+  volrid_t rid = strtovolrid(ref.c_str(), &end);
+  if (end != ref.c_str() && *end == '\0') return seqno_equal(rid, r->rid);
+  return ref == r->name;
+}
+
+// Dumps the `blksize` bytes of store block `blkno` of the loaded copy.
+void dump_store_block(session& s, priv_info* priv, loaded_copy& lc, std::size_t blkno) {
+  std::size_t blksize = lc.rep.db->ddb_blksize;
+  std::size_t byte = blkno * blksize;
+  std::size_t first = byte / COPY_BLKSIZE;
+  std::size_t nblks = (byte + blksize + COPY_BLKSIZE - 1) / COPY_BLKSIZE - first;
+  std::uint8_t* buf = get_aligned_buf(s, COPY_BUFSIZE);
+  std::size_t nread = 0;
+  std::fprintf(s.out, "block %zu (copy byte %zu):\n", blkno, byte);
+  if (nblks > COPY_RUN_BLOCKS ||
+      priv_read_copy(s, priv, lc.cp, buf, first, nblks, &nread) != 0 || nread < nblks) {
+    std::fprintf(s.out, "block %zu: cannot be read from the copy\n", blkno);
+    return;
+  }
+  puthex(s.out, buf + (byte - first * COPY_BLKSIZE), static_cast<long>(blksize));
+}
+
+int dump_record(session& s, inspect_image& img, int copy, const std::string& ref) {
+  if (!img.locate()) return INSPECT_FINDINGS;
+  copy_info* cp = inspect_select_config_copy(s, img.priv(), copy);
+  if (cp == nullptr) return INSPECT_FINDINGS;
+  loaded_copy lc(s);
+  if (!lc.load(img.priv(), cp)) return INSPECT_FINDINGS;
+  int matched = 0;
+  for (record* r = lc.rep.rlist; r != nullptr; r = r->next) {
+    if (!record_matches(r, ref)) continue;
+    matched++;
+    const db_record* dr = r->dbrec;
+    char rid[24];
+    std::fprintf(s.out, "record %s rid=%s ref=%lu type=0x%04x size=%zu:\n", r->name,
+                 volridtostr(r->rid, rid), dr->dbr_ref, static_cast<unsigned>(dr->dbr_type),
+                 dr->dbr_size);
+    std::size_t guard = 0;
+    for (std::size_t b = dr->dbr_first_blkno; b != DDB_NOBLOCK && b < lc.rep.db->ddb_nblocks &&
+                                              guard < lc.rep.db->ddb_nblocks;
+         b = ddb_block(lc.rep.db, b).dbb_next_blkno, guard++) {
+      dump_store_block(s, img.priv(), lc, b);
+    }
+  }
+  if (matched == 0) {
+    std::fprintf(s.err, "%s: no record of config copy %d is named or numbered %s\n", s.progname,
+                 cp->ci_copy, ref.c_str());
+    return INSPECT_FINDINGS;
+  }
+  return INSPECT_OK;
+}
+
+}  // namespace
+
+bool hexdump_parse(session& s, const std::string& sector, const std::string& block,
+                   const std::string& record, hexdump_request& r) {
+  unsigned long long v = 0;
+  if (!sector.empty()) {
+    r.what = hexdump_what::sector;
+    if (!parse_number(sector, v)) {
+      std::fprintf(s.err, "%s: --sector: not a sector number: %s\n", s.progname, sector.c_str());
+      return false;
+    }
+    r.sector = v;
+    return true;
+  }
+  if (!block.empty()) {
+    r.what = hexdump_what::block;
+    std::size_t colon = block.find(':');
+    unsigned long long c = 0;
+    if (colon == std::string::npos || !parse_number(block.substr(0, colon), c) ||
+        !parse_number(block.substr(colon + 1), v) || c > 65535) {
+      std::fprintf(s.err, "%s: --block: expected COPY:N, got %s\n", s.progname, block.c_str());
+      return false;
+    }
+    r.copy = static_cast<int>(c);
+    r.block = static_cast<std::size_t>(v);
+    return true;
+  }
+  r.what = hexdump_what::record;
+  r.ref = record;
+  return true;
+}
+
+int inspect_hexdump(session& s, const inspect_target& t, const hexdump_request& r) {
+  inspect_image img(s);
+  if (!img.open(t)) return INSPECT_USAGE_IO;
+  switch (r.what) {
+    case hexdump_what::sector: return dump_sectors(s, img, r.sector, r.count);
+    case hexdump_what::block: return dump_blocks(s, img, r.copy, r.block, r.count);
+    case hexdump_what::record: return dump_record(s, img, r.copy, r.ref);
+  }
+  return INSPECT_FINDINGS;
+}
+
+}  // namespace pd

@@ -1,0 +1,83 @@
+// Opening, locating and joining the image for privinspect.
+#include "inspect/inspect_image.h"
+
+#include <cstdio>
+
+#include "driver/driver.h"
+#include "driver/dump_device.h"
+#include "driver/messages.h"
+#include "driver/pipeline.h"
+#include "private_region/join.h"
+
+namespace pd {
+
+inspect_image::inspect_image(session& sess) : s(sess) {}
+
+inspect_image::~inspect_image() {
+  if (priv_ != nullptr) priv_free(priv_);
+  if (s.priv_fd != nullptr) {
+    std::fclose(s.priv_fd);
+    s.priv_fd = nullptr;
+  }
+}
+
+bool inspect_image::open(const inspect_target& t) {
+  sector_size_ = t.sector_size;
+  s.devicename = t.image;
+  s.priv_fd = std::fopen(t.image.c_str(), "rb");
+  if (s.priv_fd == nullptr) {
+    std::fprintf(s.err, "Cannot open dump file %s.\n", t.image.c_str());
+    return false;
+  }
+  (void)fseeko(s.priv_fd, 0, SEEK_END);
+  off_t end = ftello(s.priv_fd);
+  (void)fseeko(s.priv_fd, 0, SEEK_SET);
+  file_size_ = end > 0 ? static_cast<std::uint64_t>(end) : 0;
+  dattrs_ = derive_disk_attrs(file_size_, sector_size_);
+
+  priv_ = priv_alloc();
+  if (priv_ == nullptr) {
+    volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
+    return false;
+  }
+  priv_->pri_io_private = &s;
+  priv_->pri_read = privutil_read;
+  priv_->pri_write = privutil_write;
+  priv_->pri_flags |= PRI_NOUPDATE;
+  return true;
+}
+
+int inspect_image::scan() {
+  return priv_scan(priv_, &dattrs_);
+}
+
+int inspect_image::join() {
+  saved_offset_ = priv_->pri_header->phi_priv_offset;
+  priv_->pri_header->phi_priv_offset = 0;
+  int res = priv_join(priv_);
+  joined_ = res == 0;
+  return res;
+}
+
+bool inspect_image::locate() {
+  int res = scan();
+  if (res != 0) {
+    volpfmt(s, s.err, 1, ":1735:scan operation failed:\n\t%s\n", vol_strerror(res));
+    return false;
+  }
+  res = join();
+  if (res != 0) {
+    volpfmt(s, s.err, 1, ":1650:join operation failed:\n\t%s\n", vol_strerror(res));
+    return false;
+  }
+  return true;
+}
+
+std::size_t inspect_image::read_at(std::uint64_t offset, std::uint8_t* buf,
+                                   std::size_t len) const {
+  if (s.priv_fd == nullptr || offset >= file_size_) return 0;
+  if (fseeko(s.priv_fd, static_cast<off_t>(offset), SEEK_SET) != 0) return 0;
+  return std::fread(buf, 1, len, s.priv_fd);
+}
+
+}  // namespace pd

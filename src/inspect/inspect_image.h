@@ -1,0 +1,75 @@
+// The image under inspection: the file opened read-only, the disk
+// attributes its length gives, and the private-region handle, located and
+// joined the way privdiag does it (no-update flag set, region offset forced
+// to 0 for the join and for every read after it).
+//
+// Besides the handle's sector I/O, the inspector reads raw bytes of the
+// image (read_at) for the views that must not trust any decoded structure:
+// a short read there is not an error, it just returns fewer bytes.
+//
+// The status numbers every subcommand ends with are gathered here.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "base/session.h"
+#include "private_region/priv_info.h"
+
+namespace pd {
+
+// Exit statuses of privinspect.
+inline constexpr int INSPECT_OK = 0;          // done; check: consistent
+inline constexpr int INSPECT_FINDINGS = 1;    // check: inconsistencies; others: stopped
+inline constexpr int INSPECT_UNUSABLE = 2;    // check: no usable header, TOC or config copy
+inline constexpr int INSPECT_USAGE_IO = 3;    // usage error, image cannot be opened or read
+
+// What every subcommand is given: the image and its sector size.
+struct inspect_target {
+  std::string image;
+  int sector_size = 512;
+};
+
+class inspect_image {
+ public:
+  explicit inspect_image(session& s);
+  ~inspect_image();
+  inspect_image(const inspect_image&) = delete;
+  inspect_image& operator=(const inspect_image&) = delete;
+
+  // Opens the image "rb" into the session and derives the disk attributes.
+  // On failure writes "Cannot open dump file %s.\n" and returns false.
+  bool open(const inspect_target& t);
+
+  // The header scan: 0 or the volume error of priv_scan.
+  int scan();
+  // The join, with the region offset at 0 during and after it (the stored
+  // offset is kept in stored_priv_offset()). 0 or the volume error.
+  int join();
+  // scan() then join(); reports the failing stage (":1735:" / ":1650:")
+  // like privdiag and returns false when the handle is not joined.
+  bool locate();
+
+  // Up to `len` bytes of the image from byte `offset`; returns the count
+  // read (0 past the end).
+  std::size_t read_at(std::uint64_t offset, std::uint8_t* buf, std::size_t len) const;
+
+  session& s;
+  priv_info* priv() { return priv_; }
+  const disk_attrs& attrs() const { return dattrs_; }
+  int sector_size() const { return sector_size_; }
+  std::uint64_t file_size() const { return file_size_; }
+  voff_t stored_priv_offset() const { return saved_offset_; }
+  bool joined() const { return joined_; }
+
+ private:
+  priv_info* priv_ = nullptr;
+  disk_attrs dattrs_;
+  int sector_size_ = 512;
+  std::uint64_t file_size_ = 0;
+  voff_t saved_offset_ = 0;
+  bool joined_ = false;
+};
+
+}  // namespace pd

@@ -1,0 +1,60 @@
+// Where the copies of a joined image lie, byte by byte, so that a raw
+// position can be named ("config copy 1, block 3") and a stored block
+// number checked against the position of its block.
+//
+// A copy is made of parts (TOC entries) that lie end to end in copy order;
+// part k starts at byte phi_chunk_size * dkr_offset of the image (the region
+// offset is 0 for every read) and holds phi_chunk_size * dkr_len bytes. The
+// unit of a configuration copy is the block size its database header
+// states (512 when the header cannot be read); a log copy's unit is the
+// 512-byte log block.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "base/types.h"
+#include "inspect/inspect_image.h"
+
+namespace pd {
+
+enum class copy_kind { config, log };
+
+struct copy_part_place {
+  copy_kind kind;
+  int copy;
+  std::uint64_t start;        // image byte of the part's first byte
+  std::uint64_t len;          // bytes
+  std::uint64_t copy_offset;  // copy byte of the part's first byte
+  std::uint64_t unit;         // bytes per block of this copy
+};
+
+class copy_places {
+ public:
+  // Scans and joins the image without printing; an image that cannot be
+  // located yields no places (summary() says why).
+  static copy_places locate_quietly(inspect_image& img);
+
+  // One line: the header chosen and the copies known, or why none is known.
+  std::string summary() const { return summary_; }
+  // "; config copy 1, block 3" (with " + N bytes" when not on a block
+  // boundary), "; outside every copy", or "" when nothing is located. With
+  // `blkno` given, a copy of kind `kind` whose block at this place has
+  // another number adds ": block number differs".
+  std::string describe(std::uint64_t sector) const;
+  std::string describe(std::uint64_t sector, copy_kind kind, std::uint32_t blkno) const;
+
+  bool header_seqno_known = false;
+  volseqno_t header_seqno;
+
+ private:
+  const copy_part_place* find(std::uint64_t byte) const;
+
+  std::vector<copy_part_place> parts_;
+  std::string summary_;
+  std::uint64_t sector_size_ = 512;
+  bool joined_ = false;
+};
+
+}  // namespace pd

@@ -1,0 +1,214 @@
+// scan: every sector of the image is searched for the magic of each stored
+// structure at its start, and every candidate is listed with what decoding
+// it says: checksums, sequence numbers and block numbers. When the header
+// and the table of contents can be located, each candidate is also placed:
+// the copy (configuration or log) and the block within it, so that a block
+// number that disagrees with its position shows up, and TOC blocks carry
+// the header's sequence number for comparison.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/errors.h"
+#include "codec/integers.h"
+#include "codec/text_forms.h"
+#include "config_db/block_store.h"
+#include "config_db/record_layouts.h"
+#include "config_db/records.h"
+#include "driver/messages.h"
+#include "inspect/inspect.h"
+#include "inspect/inspect_places.h"
+#include "private_region/header.h"
+#include "private_region/toc.h"
+#include "report/log_dump.h"
+
+namespace pd {
+
+namespace {
+
+constexpr std::size_t SCAN_RUN = 1 << 20;  // bytes read at a time
+
+struct scan_magic {
+  const char* magic;
+  std::size_t len;
+};
+
+const scan_magic scan_magics[] = {
+    {"PRIVHEAD", 8}, {"TOCBLOCK", 8}, {"VMDB", 4}, {"VBLK", 4}, {"KLOG", 4}, {"kLOG", 4},
+};
+
+class scanner {
+ public:
+  scanner(session& s, inspect_image& img, const copy_places& places)
+      : s_(s), img_(img), places_(places) {}
+
+  // Examines the sector at `sector` whose bytes (`len`, at most one sector)
+  // are `p`; returns whether it was a candidate.
+  bool examine(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
+
+ private:
+  void prefix(std::uint64_t sector, const char* magic);
+  void privhead(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
+  void tocblock(const std::uint8_t* p, std::size_t len);
+  void vmdb(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
+  void vblk(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
+  void klog(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
+  void truncated(std::size_t len);
+
+  session& s_;
+  inspect_image& img_;
+  const copy_places& places_;
+};
+
+void scanner::prefix(std::uint64_t sector, const char* magic) {
+  std::uint64_t ss = static_cast<std::uint64_t>(img_.sector_size());
+  std::fprintf(s_.out, "sector %llu (byte %llu): %s", static_cast<unsigned long long>(sector),
+               static_cast<unsigned long long>(sector * ss), magic);
+}
+
+void scanner::truncated(std::size_t len) {
+  std::fprintf(s_.out, " truncated: only %zu bytes before the end of the image\n", len);
+}
+
+void scanner::privhead(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
+  if (len < 512) return truncated(len);
+  std::uint32_t stored = get_be32(p + 8);
+  std::uint32_t computed = static_cast<std::uint32_t>(priv_header_checksum(p));
+  if (stored == computed) {
+    std::fprintf(s_.out, " checksum correct");
+  } else {
+    std::fprintf(s_.out, " checksum 0x%08x expected 0x%08x", stored, computed);
+  }
+  priv_header_info hdr;
+  int res = priv_unformat_header(&hdr, p);
+  if (res != 0) {
+    std::fprintf(s_.out, ", does not decode: error %d: %s\n", res, vol_strerror(res));
+    return;
+  }
+  char seq[24];
+  std::fprintf(s_.out, ", decodes: version %u.%u seqno %s", hdr.phi_version_major,
+               hdr.phi_version_minor, volseqnotostr(hdr.phi_update_seqno, seq));
+  voff_t here = static_cast<voff_t>(sector);
+  if (here == hdr.phi_primary_header) std::fprintf(s_.out, ", at its primary position");
+  if (here == hdr.phi_alt_header) std::fprintf(s_.out, ", at its alternate position");
+  if (here != hdr.phi_primary_header && here != hdr.phi_alt_header) {
+    std::fprintf(s_.out, ", names sectors %lld/%lld as its positions",
+                 static_cast<long long>(hdr.phi_primary_header),
+                 static_cast<long long>(hdr.phi_alt_header));
+  }
+  std::fputc('\n', s_.out);
+}
+
+void scanner::tocblock(const std::uint8_t* p, std::size_t len) {
+  if (len < 36) return truncated(len);
+  std::uint32_t stored = get_be32(p + 8);
+  std::uint32_t computed = static_cast<std::uint32_t>(priv_toc_checksum(p, len));
+  if (stored == computed) {
+    std::fprintf(s_.out, " checksum correct");
+  } else {
+    std::fprintf(s_.out, " checksum 0x%08x expected 0x%08x", stored, computed);
+  }
+  volseqno_t seq;
+  seq.seqno_hi = get_be32(p + 12);
+  seq.seqno_lo = get_be32(p + 16);
+  char sb[24];
+  std::fprintf(s_.out, ", seqno %s", volseqnotostr(seq, sb));
+  if (places_.header_seqno_known) {
+    if (seqno_equal(seq, places_.header_seqno)) {
+      std::fprintf(s_.out, " (the header's)");
+    } else {
+      std::fprintf(s_.out, " (header has %s)", volseqnotostr(places_.header_seqno, sb));
+    }
+  }
+  std::fprintf(s_.out, ", next %lld/%lld\n", static_cast<long long>(get_be64(p + 20)),
+               static_cast<long long>(get_be64(p + 28)));
+}
+
+void scanner::vmdb(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
+  if (len < 22) return truncated(len);
+  std::fprintf(s_.out, " nblocks %u, blksize %u, hdrsize %u, version %u.%u, state %u",
+               get_be32(p + 4), get_be32(p + 8), get_be32(p + 12), get_be16(p + 18),
+               get_be16(p + 20), get_be16(p + 16));
+  static const dbase_ops no_ops{};
+  dbase* db = ddb_alloc(&no_ops);
+  int res = VE_NOMEM;
+  if (db != nullptr) {
+    voldb_info vi{};
+    res = voldbsup_unformat_header(db, p, len < 512 ? len : 512, &vi);
+    ddb_free(db);
+  }
+  if (res == 0) {
+    std::fprintf(s_.out, ", decodes");
+  } else {
+    std::fprintf(s_.out, ", does not decode: error %d: %s", res, vol_strerror(res));
+  }
+  std::fprintf(s_.out, "%s\n", places_.describe(sector, copy_kind::config, 0).c_str());
+}
+
+void scanner::vblk(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
+  if (len < DDB_BLKHDR_SIZE) return truncated(len);
+  std::uint32_t blkno = get_be32(p + 4);
+  std::fprintf(s_.out, " block %u, ref %u, fragment %u of %u%s\n", blkno, get_be32(p + 8),
+               get_be16(p + 12), get_be16(p + 14),
+               places_.describe(sector, copy_kind::config, blkno).c_str());
+}
+
+void scanner::klog(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
+  if (len < KLOG_OFF_ENTRIES) return truncated(len);
+  std::uint32_t blkno = get_be32(p + KLOG_OFF_BLKNO);
+  volseqno_t tid;
+  tid.seqno_hi = get_be32(p + KLOG_OFF_TID_HI);
+  tid.seqno_lo = get_be32(p + KLOG_OFF_TID_LO);
+  char tb[24];
+  std::fprintf(s_.out, " block %u, tid %s, seqno %u, len %u%s\n", blkno, volseqnotostr(tid, tb),
+               get_be32(p + KLOG_OFF_SEQNO), get_be32(p + KLOG_OFF_LOGLEN),
+               places_.describe(sector, copy_kind::log, blkno).c_str());
+}
+
+bool scanner::examine(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
+  for (const scan_magic& m : scan_magics) {
+    if (len < m.len || std::memcmp(p, m.magic, m.len) != 0) continue;
+    prefix(sector, m.magic);
+    if (m.magic[0] == 'P') {
+      privhead(sector, p, len);
+    } else if (m.magic[0] == 'T') {
+      tocblock(p, len);
+    } else if (m.magic[1] == 'M') {
+      vmdb(sector, p, len);
+    } else if (m.magic[0] == 'V') {
+      vblk(sector, p, len);
+    } else {
+      klog(sector, p, len);
+    }
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int inspect_scan(session& s, const inspect_target& t) {
+  inspect_image img(s);
+  if (!img.open(t)) return INSPECT_USAGE_IO;
+  copy_places places = copy_places::locate_quietly(img);
+  std::fprintf(s.out, "%s\n", places.summary().c_str());
+  scanner sc(s, img, places);
+  std::size_t ss = static_cast<std::size_t>(img.sector_size());
+  std::vector<std::uint8_t> run(SCAN_RUN);
+  std::uint64_t found = 0;
+  std::uint64_t sector = 0;
+  for (std::uint64_t off = 0; off < img.file_size(); off += SCAN_RUN) {
+    std::size_t n = img.read_at(off, run.data(), SCAN_RUN);
+    if (n == 0) break;
+    for (std::size_t at = 0; at < n; at += ss, sector++) {
+      std::size_t len = n - at < ss ? n - at : ss;
+      if (sc.examine(sector, run.data() + at, len)) found++;
+    }
+  }
+  std::fprintf(s.out, "%llu candidate(s) in %llu sector(s)\n",
+               static_cast<unsigned long long>(found), static_cast<unsigned long long>(sector));
+  return INSPECT_OK;
+}
+
+}  // namespace pd

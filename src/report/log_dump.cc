@@ -1,0 +1,195 @@
+// Kernel log copy dump: reads the first run of blocks of a log copy into the
+// shared aligned buffer, validates each block and prints each entry.
+#include "report/log_dump.h"
+
+#include <array>
+#include <cstdio>
+
+#include "base/errors.h"
+#include "codec/integers.h"
+#include "codec/text_forms.h"
+#include "driver/messages.h"
+#include "report/copy_loading.h"
+
+namespace pd {
+
+namespace {
+
+// The size of the shared buffer that copy reads go through.
+constexpr std::size_t LOG_IOBUF_SIZE = 2097152;
+static_assert(KLOG_READ_BLOCKS * KLOG_BLKSIZE <= LOG_IOBUF_SIZE, "one read fits the buffer");
+
+// What an entry carries after its type byte, and so how its line is filled.
+enum class klog_words {
+  rid_tid,    // rid (words 0-1), tid (words 2-3)
+  rid,        // rid (words 0-1)
+  tid,        // tid (words 0-1)
+  app_dirty,  // rid, tid, recovery sequence number (word 4, signed)
+};
+
+struct klog_entry_form {
+  std::uint8_t type;
+  klog_words words;
+  const char* fmt;  // after "BLOCK %d: "; first conversion is the entry index
+};
+
+constexpr std::array<klog_entry_form, 8> klog_entry_forms{{
+    {VOL_KLOG_DETACH, klog_words::rid_tid, "KLOG %-3d:   DETACH rid=%s tid=%s\n"},
+    {VOL_KLOG_DIRTY, klog_words::rid, "KLOG %-3d:   DIRTY rid=%s\n"},
+    {VOL_KLOG_COMMIT, klog_words::tid, "KLOG %-3d:   COMMIT tid=%s\n"},
+    {VOL_KLOG_LOGDETACH, klog_words::rid, "KLOG %-3d:   LOGDETACH rid=%s\n"},
+    // The rid is printed behind "tid" and the tid behind "rid": this crossing
+    // is part of the output format and is kept.
+    {VOL_KLOG_APP_DIRTY, klog_words::app_dirty,
+     "KLOG %-3d:   APP_DIRTY tid %s rid %s recover_seqno %d\n"},
+    {VOL_KLOG_DG_CHANGE_LOG, klog_words::tid, "KLOG %-3d:   DG_CHANGE_LOG tid=%s\n"},
+    {VOL_KLOG_DIRTY_SEQNO, klog_words::rid, "KLOG %-3d:   DIRTY_SEQNO rid=%s\n"},
+    {VOL_KLOG_CACHE_SEQNO, klog_words::rid, "KLOG %-3d:   CACHE_SEQNO rid=%s\n"},
+}};
+
+const klog_entry_form* klog_find_form(std::uint8_t type) {
+  for (const auto& f : klog_entry_forms) {
+    if (f.type == type) return &f;
+  }
+  return nullptr;
+}
+
+// Word `k` (0..4) of the entry at `bp`; the caller has checked the bounds.
+std::uint32_t klog_word(const std::uint8_t* bp, std::size_t k) { return get_be32(bp + 1 + 4 * k); }
+
+// Words `k` and `k+1` as a sequence number, high half first.
+volseqno_t klog_seqno(const std::uint8_t* bp, std::size_t k) {
+  volseqno_t v;
+  v.seqno_hi = klog_word(bp, k);
+  v.seqno_lo = klog_word(bp, k + 1);
+  return v;
+}
+
+void klog_print_form(session& s, const klog_entry_form& f, const std::uint8_t* bp, int n) {
+  char ridbuf[24];
+  char tidbuf[24];
+  switch (f.words) {
+    case klog_words::rid_tid:
+      std::fprintf(s.out, f.fmt, n, volridtostr(klog_seqno(bp, 0), ridbuf),
+                   volseqnotostr(klog_seqno(bp, 2), tidbuf));
+      break;
+    case klog_words::rid:
+      std::fprintf(s.out, f.fmt, n, volridtostr(klog_seqno(bp, 0), ridbuf));
+      break;
+    case klog_words::tid:
+      std::fprintf(s.out, f.fmt, n, volseqnotostr(klog_seqno(bp, 0), tidbuf));
+      break;
+    case klog_words::app_dirty:
+      std::fprintf(s.out, f.fmt, n, volridtostr(klog_seqno(bp, 0), ridbuf),
+                   volseqnotostr(klog_seqno(bp, 2), tidbuf),
+                   static_cast<int>(klog_word(bp, 4)));
+      break;
+  }
+}
+
+bool log_copy_disabled(const copy_info* cp) {
+  return cp->ci_npart > 0 && cp->ci_parts != nullptr && cp->ci_parts[0] != nullptr &&
+         (cp->ci_parts[0]->tei_region.dkr_flags & DKR_DISABLED) != 0;
+}
+
+// Prints the valid blocks of one copy read into `buf` (`nblks` blocks).
+void log_dump_blocks(session& s, const std::uint8_t* buf, std::size_t nblks) {
+  for (std::size_t blk = 0; blk < nblks; blk++) {
+    const std::uint8_t* bp = buf + blk * KLOG_BLKSIZE;
+    volseqno_t tid;
+    unsigned long logseqno = 0;
+    std::size_t loglen = 0;
+    if (!logblk_valid(bp, KLOG_BLKSIZE, blk, &tid, &logseqno, &loglen)) {
+      volpfmt(s, s.err, 1, ":721:Log block %d: Log block invalid\n", static_cast<int>(blk));
+      continue;
+    }
+    // Only block 0 says how long the log is, and it can only shorten it.
+    if (blk == 0 && loglen < nblks) nblks = loglen;
+    if (s.l_long_listing) {
+      std::fprintf(s.out, "#BLOCK %d: tid=%s seqno=%lu (len=%lu)\n", static_cast<int>(blk),
+                   volseqnotostr(tid), logseqno, static_cast<unsigned long>(loglen));
+    }
+    const std::uint8_t* limit = bp + KLOG_BLKSIZE;
+    for (int n = 0; n < KLOG_NENTRIES; n++) {
+      priv_print_log(s, bp + KLOG_OFF_ENTRIES + KLOG_ENTRY_SIZE * n, limit, n,
+                     static_cast<int>(blk));
+    }
+  }
+}
+
+// Reads and prints one copy; read faults are reported and the dump goes on.
+void log_dump_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf) {
+  std::size_t nread = 0;
+  if (priv_read_copy(s, priv, cp, buf, 0, KLOG_READ_BLOCKS, &nread) != 0) {
+    volpfmt(s, s.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
+    return;
+  }
+  log_dump_blocks(s, buf, nread);
+}
+
+}  // namespace
+
+int logblk_valid(const std::uint8_t* buf, std::size_t len, std::size_t logblkno,
+                 volseqno_t* tidp, unsigned long* logseqnop, std::size_t* nblksp) {
+  if (buf == nullptr || len < KLOG_OFF_ENTRIES) return 0;
+  std::uint32_t magic = get_be32(buf + KLOG_OFF_MAGIC);
+  if (magic != KLOG_MAGIC && magic != KLOG_MAGIC_ALT) return 0;
+  volseqno_t tid;
+  tid.seqno_hi = get_be32(buf + KLOG_OFF_TID_HI);
+  tid.seqno_lo = get_be32(buf + KLOG_OFF_TID_LO);
+  std::uint32_t logseqno = get_be32(buf + KLOG_OFF_SEQNO);
+  std::uint32_t loglen = get_be32(buf + KLOG_OFF_LOGLEN);
+  std::uint32_t blkno = get_be32(buf + KLOG_OFF_BLKNO);
+  if (blkno != logblkno) return 0;
+  *tidp = tid;
+  *logseqnop = logseqno;
+  *nblksp = loglen;
+  return 1;
+}
+
+int priv_print_log(session& s, const std::uint8_t* bp, const std::uint8_t* limit, int n,
+                   int blk) {
+  if (bp == nullptr || limit <= bp) return -1;
+  std::uint8_t type = bp[0];
+  if (type == MIN_KLOG_TYPE_ENT) return 0;
+  if (static_cast<std::size_t>(limit - bp) < KLOG_ENTRY_USED) return -1;
+  std::fprintf(s.out, "BLOCK %d: ", blk);
+  if (const klog_entry_form* f = klog_find_form(type)) {
+    klog_print_form(s, *f, bp, n);
+  } else {
+    std::fprintf(s.out, "KLOG %-3d: INVALID %d\n", n, static_cast<int>(type));
+  }
+  return 0;
+}
+
+int priv_dump_logs(session& s, priv_info* priv, int copy) {
+  std::uint8_t* buf = get_aligned_buf(s, LOG_IOBUF_SIZE);
+  if (buf == nullptr) {
+    volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
+    throw fatal_exit{1};
+  }
+  bool found = false;
+  for (copy_info* cp = priv->pri_log_copies; cp != nullptr; cp = cp->ci_next) {
+    if (copy >= 0 && cp->ci_copy != copy) continue;
+    found = true;
+    std::fprintf(s.out, "LOG #%02lu\n", static_cast<unsigned long>(cp->ci_copy));
+    if (log_copy_disabled(cp)) {
+      if (copy < 0) {
+        std::fprintf(s.out, "DISABLED\n");
+        continue;
+      }
+      std::fprintf(s.out, "# NOTE: Copy is disabled\n");
+    }
+    log_dump_copy(s, priv, cp, buf);
+    if (copy >= 0) break;
+  }
+  if (found) return 1;
+  if (copy >= 0) {
+    volpfmt(s, s.err, 1, ":567:Disk does not have log copy %d\n", copy);
+  } else {
+    volpfmt(s, s.err, 1, ":596:Disk has no log copies\n");
+  }
+  throw fatal_exit{1};
+}
+
+}  // namespace pd

@@ -1,0 +1,154 @@
+// privinspect headers on builder images: both copies good, a bad checksum,
+// a bad magic, a newer alternate, copies that disagree, and an image too
+// short for the header positions.
+#include <cstdio>
+#include <string>
+
+#include "codec/integers.h"
+#include "inspect_support.h"
+
+namespace pd::test {
+namespace {
+
+// The stored checksum of the header sector at `sector` of an image.
+std::string stored_sum(const std::string& path, long sector) {
+  std::vector<std::uint8_t> img = read_file(path);
+  char b[16];
+  std::snprintf(b, sizeof b, "0x%08x", get_be32(img.data() + sector * 512 + 8));
+  return b;
+}
+
+// What the checksum of that sector should be: bytes 0-7 and 12-511, modulo
+// 4294967295.
+std::string computed_sum(const std::string& path, long sector) {
+  std::vector<std::uint8_t> img = read_file(path);
+  const std::uint8_t* p = img.data() + sector * 512;
+  std::uint64_t sum = 0;
+  for (int i = 0; i < 512; i++) sum += (i >= 8 && i < 12) ? 0 : p[i];
+  char b[16];
+  std::snprintf(b, sizeof b, "0x%08x", static_cast<unsigned>(sum % 4294967295u));
+  return b;
+}
+
+const char* const base_desc =
+    "disk sector-size=512 sectors=2048\n"
+    "header diskid=disk01 seqno=0.17\n"
+    "region config copy=1 offset=17 len=800\n";
+
+std::string copy_lines(const char* name, long sector, const std::string& sum) {
+  return std::string(name) + " header: sector " + std::to_string(sector) + ", byte offset " +
+         std::to_string(sector * 512) + "\n" +
+         "    magic:    \"PRIVHEAD\"\n"
+         "    checksum: " + sum + " correct\n"
+         "    decode:   ok\n";
+}
+
+TEST(InspectHeaders, BothCopiesGood) {
+  std::string image = build_to_file(base_desc, "good.img");
+  process_result r = inspect({"headers", image});
+  EXPECT_EQ(r.status, 0);
+  std::string ident = "    version 3.1, update seqno 0.17, diskid \"disk01\"\n";
+  EXPECT_EQ(r.out, copy_lines("primary", 2047, computed_sum(image, 2047)) + ident +
+                       copy_lines("alternate", 1856, computed_sum(image, 1856)) + ident +
+                       "differences: none\n"
+                       "scan: primary chosen: its update seqno 0.17 is not older than the "
+                       "alternate's 0.17\n");
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(InspectHeaders, ANewerAlternateWithOtherFieldsIsChosen) {
+  std::string image = build_to_file(std::string(base_desc) +
+                                        "hdrcopy primary\n"
+                                        "hdrcopy alternate seqno=1.2 time=99 diskid=disk02\n",
+                                    "newer.img");
+  process_result r = inspect({"headers", image});
+  EXPECT_EQ(r.status, 0);
+  std::string out = r.out;
+  EXPECT_NE(out.find("differences:\n"
+                     "    phi_update_time        primary 0, alternate 99\n"
+                     "    phi_update_seqno       primary 0.17, alternate 1.2\n"
+                     "    phi_diskid             primary \"disk01\", alternate \"disk02\"\n"
+                     "scan: alternate chosen: its update seqno 1.2 is newer than the "
+                     "primary's 0.17\n"),
+            std::string::npos)
+      << out;
+}
+
+TEST(InspectHeaders, CopiesThatDisagreeOnTheLayoutKeepThePrimary) {
+  std::string image = build_to_file(std::string(base_desc) +
+                                        "hdrcopy primary\n"
+                                        "hdrcopy alternate seqno=0.18 pub-offset=4096\n",
+                                    "disagree.img");
+  process_result r = inspect({"headers", image});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("    phi_pub_offset         primary 0, alternate 4096\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("scan: primary chosen: the copies disagree on phi_pub_offset, and the "
+                       "primary is kept\n"),
+            std::string::npos)
+      << r.out;
+}
+
+TEST(InspectHeaders, ABadChecksumIsShownAndTheFieldsStillCompared) {
+  std::string image = build_to_file(std::string(base_desc) +
+                                        "hdrcopy primary\n"
+                                        "hdrcopy alternate damage=checksum seqno=0.16\n",
+                                    "badsum.img");
+  process_result r = inspect({"headers", image});
+  EXPECT_EQ(r.status, 0);
+  std::string alt =
+      "alternate header: sector 1856, byte offset 950272\n"
+      "    magic:    \"PRIVHEAD\"\n"
+      "    checksum: " + stored_sum(image, 1856) + " expected " + computed_sum(image, 1856) + "\n"
+      "    decode:   error 165: Format error in disk private region (bad checksum)\n"
+      "    with magic and checksum set aside: decodes\n"
+      "    version 3.1, update seqno 0.16, diskid \"disk01\"\n"
+      "differences:\n"
+      "    phi_update_seqno       primary 0.17, alternate 0.16\n"
+      "scan: primary chosen: the alternate does not decode\n";
+  ASSERT_GE(r.out.size(), alt.size());
+  EXPECT_EQ(r.out.substr(r.out.size() - alt.size()), alt);
+}
+
+TEST(InspectHeaders, ABadPrimaryMagicStopsTheScan) {
+  std::string image = build_to_file(std::string(base_desc) +
+                                        "hdrcopy primary damage=magic\n"
+                                        "hdrcopy alternate\n",
+                                    "badmagic.img");
+  process_result r = inspect({"headers", image});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("primary header: sector 2047, byte offset 1048064\n"
+                       "    magic:    \"pRIVHEAD\" (expected \"PRIVHEAD\")\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("    decode:   error 165: Format error in disk private region (bad magic)\n"
+                       "    with magic and checksum set aside: decodes\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("differences: none\n"
+                       "scan: no header chosen: error 165: Format error in disk private region\n"),
+            std::string::npos)
+      << r.out;
+}
+
+TEST(InspectHeaders, AnImageTooShortForTheHeaderPositions) {
+  std::string image = temp_dir() + "/short.img";
+  write_file(image, std::vector<std::uint8_t>(100 * 512, 0));
+  process_result r = inspect({"headers", image});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out,
+            "primary header: sector 99, byte offset 50688\n"
+            "    magic:    \"........\" (expected \"PRIVHEAD\")\n"
+            "    checksum: 0x00000000 correct\n"
+            "    decode:   error 165: Format error in disk private region (bad magic)\n"
+            "    with magic and checksum set aside: error 169: Disk private region version not "
+            "supported\n"
+            "alternate header: sector -92\n"
+            "    not read: 0 of 512 bytes lie inside the image (51200 bytes)\n"
+            "differences: not compared, the primary copy has no decoded fields\n"
+            "scan: not run: the image is too short to hold both header positions\n");
+}
+
+}  // namespace
+}  // namespace pd::test

@@ -1,0 +1,35 @@
+// Helpers of the privinspect end-to-end tests: images written by the
+// builder into the test's temporary directory, and privinspect run on them
+// as a real process.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "privbuild/builder.h"
+#include "test_support.h"
+
+namespace pd::test {
+
+// Builds `description` into <temp>/<name> and returns the path.
+inline std::string build_to_file(const std::string& description, const std::string& name) {
+  std::string error;
+  std::vector<std::uint8_t> img = build_image(description, &error);
+  EXPECT_FALSE(img.empty()) << error;
+  std::string path = temp_dir() + "/" + name;
+  write_file(path, img);
+  return path;
+}
+
+// privinspect with the given arguments.
+inline process_result inspect(std::vector<std::string> args) {
+  args.insert(args.begin(), PD_PRIVINSPECT_BIN);
+  return run_process(args);
+}
+
+// The label and severity in front of every library message.
+inline std::string error_line(const std::string& text) { return "qztool:priv: ERROR: " + text; }
+
+}  // namespace pd::test
