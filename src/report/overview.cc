@@ -30,13 +30,20 @@ const char* commit_state_word(unsigned state) {
   }
 }
 
+// The record counters start from the header's claims, any 32-bit value, and
+// wrap as 32-bit two's complement integers.
+int wrapping_sub(int a, int b) {
+  return static_cast<int>(static_cast<unsigned>(a) - static_cast<unsigned>(b));
+}
+
 // One record-count check: "fewer" when the header counts more records than
 // were found, "more" when it counts fewer.
 void print_count_check(FILE* out, int cnt, const char* what) {
   if (cnt > 0) {
     std::fprintf(out, "!!Database has %d fewer %s record(s) than header does.!!\n", cnt, what);
   } else if (cnt < 0) {
-    std::fprintf(out, "!!Database has %d more %s record(s) than header does.!!\n", -cnt, what);
+    std::fprintf(out, "!!Database has %d more %s record(s) than header does.!!\n",
+                 wrapping_sub(0, cnt), what);
   }
 }
 
@@ -281,10 +288,22 @@ void overview_collect(FILE* out, dbase* db, overview_state& st) {
       continue;
     }
     switch (rec->type) {
-      case REC_TYPE_VOL: st.v_cnt -= 1; listadd(st.pool, &st.vollist, r); break;
-      case REC_TYPE_PLEX: st.pl_cnt -= 1; listadd(st.pool, &st.plexlist, r); break;
-      case REC_TYPE_SD: st.sd_cnt -= 1; listadd(st.pool, &st.sdlist, r); break;
-      case REC_TYPE_DM: st.dm_cnt -= 1; listadd(st.pool, &st.dmlist, r); break;
+      case REC_TYPE_VOL:
+        st.v_cnt = wrapping_sub(st.v_cnt, 1);
+        listadd(st.pool, &st.vollist, r);
+        break;
+      case REC_TYPE_PLEX:
+        st.pl_cnt = wrapping_sub(st.pl_cnt, 1);
+        listadd(st.pool, &st.plexlist, r);
+        break;
+      case REC_TYPE_SD:
+        st.sd_cnt = wrapping_sub(st.sd_cnt, 1);
+        listadd(st.pool, &st.sdlist, r);
+        break;
+      case REC_TYPE_DM:
+        st.dm_cnt = wrapping_sub(st.dm_cnt, 1);
+        listadd(st.pool, &st.dmlist, r);
+        break;
       case REC_TYPE_DG:
         if (st.dglist != nullptr) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
         listadd(st.pool, &st.dglist, r);
