@@ -121,12 +121,25 @@ int join_block(priv_info* priv, std::uint8_t* buf, voff_t* toc, voff_t* alt, vof
   return VE_OK;
 }
 
+// Whether a chunk fits on the disk the handle was scanned on (true when the
+// disk's size is not known). A larger chunk cannot be read whole anywhere.
+bool chunk_fits_disk(const priv_info* priv) {
+  const disk_attrs& d = priv->pri_disk_attrs;
+  const std::size_t chunk = priv->pri_header->phi_chunk_size;
+  if (d.dka_priv_len <= 0 || d.dka_atomic_iosize == 0 || chunk == 0) return true;
+  return (chunk - 1) / d.dka_atomic_iosize < static_cast<std::size_t>(d.dka_priv_len);
+}
+
 int join_chains(priv_info* priv) {
   priv_header_info* hdr = priv->pri_header;
   const voff_t privlen = hdr->phi_priv_len;
   const voff_t nbits = priv_len_chunks(hdr);
-  std::uint8_t* buf = priv_io_buffer(priv, hdr->phi_chunk_size);
-  if (buf == nullptr) return VE_NOMEM;
+  // A header may claim any sector size: a chunk larger than the disk would
+  // make every TOC read short (141), so it is not read, and no buffer is
+  // sized by the claim.
+  const bool readable = chunk_fits_disk(priv);
+  std::uint8_t* buf = readable ? priv_io_buffer(priv, hdr->phi_chunk_size) : nullptr;
+  if (readable && buf == nullptr) return VE_NOMEM;
   // A negative or oversized length cannot describe a region either.
   if (privlen <= 0 || nbits <= 0 || nbits > std::numeric_limits<int>::max())
     return VE_PRIV_INVALID;
@@ -143,6 +156,7 @@ int join_chains(priv_info* priv) {
   while (toc != 0 || visit_zero) {
     visit_zero = false;
     if (static_cast<voff_t>(priv->pri_toc_len) >= privlen) return VE_PRIV_INVALID;  // a loop
+    if (!readable) return VE_SHORT_READ;
     if (int res = join_block(priv, buf, &toc, &alt, privlen, nbits); res != VE_OK) return res;
   }
   return VE_OK;

@@ -77,6 +77,9 @@ int priv_scan(priv_info* priv, disk_attrs* dattrs) {
   priv_header_info hdrbuf;
   priv_header_info hdrbuf2;
   for (;;) {
+    // The handle remembers the disk it was scanned on (the join bounds its
+    // reads by the disk's size).
+    priv->pri_disk_attrs = *dattrs;
     header_from_attrs(hdr, dattrs, blpsctr);
     priv->pri_flags &= ~PRI_HEADER_OK_BITS;
     install_header(priv, hdr);
@@ -158,6 +161,10 @@ int priv_find_alt_header(priv_info* priv, priv_header_info* /*hdrbuf*/) {
 
   while (remain > 0) {
     if (remain < ioskip) ioskip = remain;
+    // Every candidate is read as one sector of the size searched with: a
+    // candidate that failed to decode may have left any sector size in the
+    // header, and the buffer holds one sector of the searched size.
+    hdr->phi_atomic_iosize = iosize;
     // Any read failure passes over the candidate.
     if (priv->pri_read(priv, buf, cursect, 1, PRI_IO_PRIVATE) == VE_OK) {
       *hdr = savehdr;

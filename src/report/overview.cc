@@ -3,6 +3,12 @@
 #include "report/overview.h"
 
 #include <cstring>
+#include <deque>
+#include <map>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 #include "base/errors.h"
 #include "codec/text_forms.h"
@@ -47,15 +53,23 @@ void print_count_check(FILE* out, int cnt, const char* what) {
   }
 }
 
+// Every pair (A, B) of disks with equal ids, B after A in list order, in
+// the order of a nested walk over the list, found through an index by id so
+// that the cost follows the pairs printed rather than the square of the list.
 void print_duplicate_ids(FILE* out, const reclist* dmlist) {
+  std::vector<const dmrec*> disks;
+  std::unordered_map<std::string_view, std::vector<std::size_t>> by_id;
   for (const reclist* a = dmlist; a != nullptr; a = a->next) {
-    const dmrec* da = record_of(a->r)->dm();
-    for (const reclist* b = a->next; b != nullptr; b = b->next) {
-      const dmrec* db = record_of(b->r)->dm();
-      if (std::strcmp(da->dm_diskid, db->dm_diskid) == 0) {
-        std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", da->dm_name,
-                     db->dm_name, da->dm_diskid);
-      }
+    const dmrec* d = record_of(a->r)->dm();
+    by_id[d->dm_diskid].push_back(disks.size());
+    disks.push_back(d);
+  }
+  std::unordered_map<std::string_view, std::size_t> seen;  // members already passed
+  for (const dmrec* da : disks) {
+    const std::vector<std::size_t>& same = by_id[da->dm_diskid];
+    for (std::size_t k = ++seen[da->dm_diskid]; k < same.size(); ++k) {
+      std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", da->dm_name,
+                   disks[same[k]]->dm_name, da->dm_diskid);
     }
   }
 }
@@ -74,35 +88,55 @@ void print_block_map(FILE* out, const dbase* db, int showfree) {
   }
 }
 
-// The subdisks of sdlist that belong to the plex of node `pn`.
-void attach_subdisks(overview_state& st, sview* pn, const plexrec* pl) {
-  reclist* s = st.sdlist;
-  while (s != nullptr) {
-    if (seqno_equal(record_of(s->r)->sd()->sd_plex_rid, pl->pl_rid)) {
-      pn->diff -= 1;
-      addchild(pn, st.pool.new_sview(s->r, 0));
-      listdelete(&st.sdlist, &s);
+// The tree is built as nested walks over the lists would build it (each
+// volume in list order takes the plexes of the plex list that name it, each
+// such plex the subdisks that name it, in list order, and what one took is
+// gone for the next), but through indexes by record id, so that the cost
+// follows the number of records rather than products of list lengths.
+std::uint64_t rid_key(const volrid_t& rid) {
+  return (std::uint64_t{rid.seqno_hi} << 32) | rid.seqno_lo;
+}
+
+using rid_index = std::unordered_map<std::uint64_t, std::vector<reclist*>>;
+
+template <class Owner>
+rid_index index_by(const reclist* head, Owner owner) {
+  rid_index idx;
+  for (const reclist* n = head; n != nullptr; n = n->next) {
+    idx[rid_key(owner(record_of(n->r)))].push_back(const_cast<reclist*>(n));
+  }
+  return idx;
+}
+
+// Takes (and forgets) the nodes filed under `rid`, in list order.
+std::vector<reclist*> take(rid_index& idx, const volrid_t& rid) {
+  auto it = idx.find(rid_key(rid));
+  if (it == idx.end()) return {};
+  std::vector<reclist*> nodes = std::move(it->second);
+  idx.erase(it);
+  return nodes;
+}
+
+// Unlinks the nodes in `gone` from the list, keeping the order of the rest.
+void drop_nodes(reclist** head, const std::unordered_set<const reclist*>& gone) {
+  reclist** link = head;
+  while (*link != nullptr) {
+    if (gone.count(*link) != 0) {
+      *link = (*link)->next;
+    } else {
+      link = &(*link)->next;
     }
-    s = s != nullptr ? s->next : st.sdlist;
   }
 }
 
-// The plexes of plexlist that belong to the volume of node `vn`.
-void attach_plexes(overview_state& st, sview* vn, const volrec* vol) {
-  reclist* p = st.plexlist;
-  while (p != nullptr) {
-    const plexrec* pl = record_of(p->r)->plex();
-    if (seqno_equal(pl->pl_vol_rid, vol->v_rid)) {
-      vn->diff -= 1;
-      // A plex is always expected to have at least one subdisk.
-      const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
-      sview* pn = st.pool.new_sview(p->r, expected);
-      addchild(vn, pn);
-      listdelete(&st.plexlist, &p);
-      attach_subdisks(st, pn, pl);
-    }
-    p = p != nullptr ? p->next : st.plexlist;
+// Appends children after `*last` (the parent's last child, null when none).
+void append_child(sview* parent, sview** last, sview* c) {
+  if (*last == nullptr) {
+    parent->dlink = c;
+  } else {
+    (*last)->rlink = c;
   }
+  *last = c;
 }
 
 }  // namespace
@@ -137,6 +171,29 @@ void listadd(node_pool& pool, reclist** head, db_record* r) {
   while (cur->next != nullptr && std::strcmp(rec_name(cur->next->r), name) < 0) cur = cur->next;
   node->next = cur->next;
   cur->next = node;
+}
+
+void sorted_list_builder::add(db_record* r) {
+  auto it = groups_.try_emplace(rec_name(r)).first;
+  std::deque<db_record*>& g = it->second;
+  if (g.empty()) {
+    g.push_back(r);
+  } else if (it == groups_.begin()) {
+    g.insert(g.begin() + 1, r);  // behind the equal head
+  } else {
+    g.push_front(r);
+  }
+}
+
+void sorted_list_builder::link(node_pool& pool, reclist** head) const {
+  reclist** tail = head;
+  for (const auto& [name, g] : groups_) {
+    for (db_record* r : g) {
+      *tail = pool.new_reclist(r);
+      tail = &(*tail)->next;
+    }
+  }
+  *tail = nullptr;
 }
 
 void listdelete(reclist** head, reclist** p) {
@@ -277,6 +334,7 @@ void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* 
 }
 
 void overview_collect(FILE* out, dbase* db, overview_state& st) {
+  sorted_list_builder dgs, vols, plexes, sds, dms, others;
   dbrec_iter it;
   dbrlist_iter(&it, db);
   while (db_record* r = dbrlist_next(&it)) {
@@ -284,46 +342,71 @@ void overview_collect(FILE* out, dbase* db, overview_state& st) {
     if (rec == nullptr) {
       std::fprintf(out, "!! Corrupted ref=%d, 1st block=%d !!\n\n", static_cast<int>(r->dbr_ref),
                    static_cast<int>(r->dbr_first_blkno));
-      listadd(st.pool, &st.otherlist, r);
+      others.add(r);
       continue;
     }
     switch (rec->type) {
       case REC_TYPE_VOL:
         st.v_cnt = wrapping_sub(st.v_cnt, 1);
-        listadd(st.pool, &st.vollist, r);
+        vols.add(r);
         break;
       case REC_TYPE_PLEX:
         st.pl_cnt = wrapping_sub(st.pl_cnt, 1);
-        listadd(st.pool, &st.plexlist, r);
+        plexes.add(r);
         break;
       case REC_TYPE_SD:
         st.sd_cnt = wrapping_sub(st.sd_cnt, 1);
-        listadd(st.pool, &st.sdlist, r);
+        sds.add(r);
         break;
       case REC_TYPE_DM:
         st.dm_cnt = wrapping_sub(st.dm_cnt, 1);
-        listadd(st.pool, &st.dmlist, r);
+        dms.add(r);
         break;
       case REC_TYPE_DG:
-        if (st.dglist != nullptr) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
-        listadd(st.pool, &st.dglist, r);
+        if (!dgs.empty()) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
+        dgs.add(r);
         break;
-      default: listadd(st.pool, &st.otherlist, r); break;
+      default: others.add(r); break;
     }
   }
+  dgs.link(st.pool, &st.dglist);
+  vols.link(st.pool, &st.vollist);
+  plexes.link(st.pool, &st.plexlist);
+  sds.link(st.pool, &st.sdlist);
+  dms.link(st.pool, &st.dmlist);
+  others.link(st.pool, &st.otherlist);
 }
 
 void overview_build_tree(overview_state& st) {
   st.root = st.pool.new_sview(st.dglist != nullptr ? st.dglist->r : nullptr, 0);
-  reclist* v = st.vollist;
-  while (v != nullptr) {
+  rid_index plexes = index_by(st.plexlist, [](const record* r) { return r->plex()->pl_vol_rid; });
+  rid_index sds = index_by(st.sdlist, [](const record* r) { return r->sd()->sd_plex_rid; });
+  std::unordered_set<const reclist*> placed;
+  sview* last_vol = nullptr;
+  for (reclist* v = st.vollist; v != nullptr; v = v->next) {
     const volrec* vol = record_of(v->r)->vol();
     sview* vn = st.pool.new_sview(v->r, static_cast<int>(vol->v_pl_num));
-    addchild(st.root, vn);
-    listdelete(&st.vollist, &v);
-    attach_plexes(st, vn, vol);
-    v = v != nullptr ? v->next : st.vollist;
+    append_child(st.root, &last_vol, vn);
+    sview* last_plex = nullptr;
+    for (reclist* p : take(plexes, vol->v_rid)) {
+      const plexrec* pl = record_of(p->r)->plex();
+      vn->diff -= 1;
+      // A plex is always expected to have at least one subdisk.
+      const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
+      sview* pn = st.pool.new_sview(p->r, expected);
+      append_child(vn, &last_plex, pn);
+      placed.insert(p);
+      sview* last_sd = nullptr;
+      for (reclist* sd : take(sds, pl->pl_rid)) {
+        pn->diff -= 1;
+        append_child(pn, &last_sd, st.pool.new_sview(sd->r, 0));
+        placed.insert(sd);
+      }
+    }
   }
+  st.vollist = nullptr;  // every volume is in the tree
+  drop_nodes(&st.plexlist, placed);
+  drop_nodes(&st.sdlist, placed);
 }
 
 int config_report::configcopy_eof() {
