@@ -111,8 +111,8 @@ TEST_F(InspectConfig, RecordsMatchEveryFilter) {
 }
 
 TEST_F(InspectConfig, RecordsOfAnotherCopyAndNoMatch) {
-  process_result r = inspect({"records", *image, "--copy", "2", "--type", "volume", "--type",
-                              "plex"});
+  process_result r =
+      inspect({"records", *image, "--copy", "2", "--type", "volume", "--type", "plex"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find(" Volume:   vol2 rid=0.1005"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("#1 of 2 record(s) of config copy 2 match\n"), std::string::npos);
@@ -180,11 +180,10 @@ end
                                     "findings.img");
   process_result r = inspect({"check", image});
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out,
-            error_line("Error (File block 20): Invalid magic number\n") +
-                "vol1 !!1 missing child(ren)!!\n"
-                "!!Database has 1 fewer volume record(s) than header does.!!\n"
-                "check: status 1: inconsistencies found\n");
+  EXPECT_EQ(r.out, error_line("Error (File block 20): Invalid magic number\n") +
+                       "vol1 !!1 missing child(ren)!!\n"
+                       "!!Database has 1 fewer volume record(s) than header does.!!\n"
+                       "check: status 1: inconsistencies found\n");
   EXPECT_EQ(r.err, "");
   r = inspect({"check", image, "--quiet"});
   EXPECT_EQ(r.status, 1);
