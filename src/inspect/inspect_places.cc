@@ -95,25 +95,30 @@ const copy_part_place* copy_places::find(std::uint64_t byte) const {
   return nullptr;
 }
 
+std::optional<copy_position> copy_places::position(std::uint64_t sector) const {
+  const copy_part_place* p = joined_ ? find(sector * sector_size_) : nullptr;
+  if (p == nullptr) return std::nullopt;
+  std::uint64_t at = p->copy_offset + sector * sector_size_ - p->start;
+  return copy_position{p->kind, p->copy, at / p->unit, at % p->unit};
+}
+
 std::string copy_places::describe(std::uint64_t sector) const {
   if (!joined_) return "";
-  const copy_part_place* p = find(sector * sector_size_);
-  if (p == nullptr) return "; outside every copy";
-  std::uint64_t at = p->copy_offset + sector * sector_size_ - p->start;
-  std::string out = std::string("; ") + (p->kind == copy_kind::config ? "config" : "log") +
-                    " copy " + std::to_string(p->copy) + ", block " +
-                    std::to_string(at / p->unit);
-  if (at % p->unit != 0) out += " + " + std::to_string(at % p->unit) + " bytes";
+  std::optional<copy_position> at = position(sector);
+  if (!at) return "; outside every copy";
+  std::string out = std::string("; ") + (at->kind == copy_kind::config ? "config" : "log") +
+                    " copy " + std::to_string(at->copy) + ", block " + std::to_string(at->block);
+  if (at->rem != 0) out += " + " + std::to_string(at->rem) + " bytes";
   return out;
 }
 
 std::string copy_places::describe(std::uint64_t sector, copy_kind kind,
                                   std::uint32_t blkno) const {
   std::string out = describe(sector);
-  const copy_part_place* p = joined_ ? find(sector * sector_size_) : nullptr;
-  if (p == nullptr || p->kind != kind) return out;
-  std::uint64_t at = p->copy_offset + sector * sector_size_ - p->start;
-  if (at % p->unit == 0 && at / p->unit != blkno) out += ": block number differs";
+  std::optional<copy_position> at = position(sector);
+  if (at && at->kind == kind && at->rem == 0 && at->block != blkno) {
+    out += ": block number differs";
+  }
   return out;
 }
 
