@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "codec/integers.h"
 #include "priv_test_support.h"
 #include "private_region/bitmap.h"
 #include "private_region/header.h"
@@ -438,6 +439,43 @@ TEST(UpdateTest, CheckWithRewrite) {
   ASSERT_EQ(priv_check(d.priv, 1), VE_OK);
   EXPECT_EQ(d.priv->pri_header->phi_update_seqno.seqno_lo, 42u);
   EXPECT_EQ(priv_check(d.priv, 0), VE_OK) << "the rewritten header is on disk";
+}
+
+}  // namespace
+}  // namespace pd
+
+namespace pd {
+namespace {
+
+// Every byte of the only TOC block and of the header, corrupted in turn (with
+// the checksum fixed so that the decoders see the change): the join ends
+// with a status, never reads outside its buffers, and frees what it built.
+TEST(JoinTest, CorruptingEachByteNeverEscapes) {
+  const auto good = build("disk sector-size=512 sectors=400\ntocblock at=1 alt=398 write=primary\n"
+                                 "region config copy=1 offset=17 len=100\n"
+                                 "region tagid tag-name=site tag-value=v offset=5\n"
+                                 "region lockrgn offset=200 len=4\n");
+  int refused = 0;
+  for (std::size_t at = 12; at < 512; ++at) {
+    auto img = good;
+    std::uint8_t* block = img.data() + 512;
+    block[at] ^= 0xA5;
+    put_be32(block + 8, static_cast<std::uint32_t>(priv_toc_checksum(block, 512)));
+    memory_disk d(img);
+    ASSERT_EQ(d.scan(), VE_OK);
+    if (priv_join(d.priv) != VE_OK) ++refused;
+  }
+  EXPECT_GT(refused, 0);
+  for (std::size_t at = 12; at < 455; ++at) {
+    auto img = good;
+    std::uint8_t* hdr = img.data() + 399 * 512;
+    hdr[at] ^= 0x5A;
+    put_be32(hdr + 8, static_cast<std::uint32_t>(priv_header_checksum(hdr)));
+    memory_disk d(img);
+    if (d.scan() != VE_OK) continue;
+    d.priv->pri_header->phi_priv_offset = 0;  // as privdiag joins
+    (void)priv_join(d.priv);
+  }
 }
 
 }  // namespace

@@ -51,10 +51,13 @@ struct memory_disk : session {
   static memory_disk* of(priv_info* p) {
     return static_cast<memory_disk*>(static_cast<session*>(p->pri_io_private));
   }
+  // The byte position, or -1 when it does not fit in 64 bits.
   static std::int64_t byte_pos(priv_info* p, voff_t offset, unsigned long flag) {
     const priv_header_info* h = p->pri_header;
-    if (!(flag & PRI_IO_ABSOLUTE)) offset += h->phi_priv_offset;
-    return offset * static_cast<std::int64_t>(h->phi_atomic_iosize);
+    std::int64_t at = 0;
+    if (!(flag & PRI_IO_ABSOLUTE) && __builtin_add_overflow(offset, h->phi_priv_offset, &offset)) return -1;
+    if (__builtin_mul_overflow(offset, static_cast<std::int64_t>(h->phi_atomic_iosize), &at)) return -1;
+    return at;
   }
   static int read(priv_info* p, void* buf, voff_t offset, std::size_t len, unsigned long flag) {
     memory_disk* d = of(p);

@@ -224,6 +224,15 @@ TEST(PrivbuildTest, TheSampleDescriptionIsAValidDisk) {
   EXPECT_EQ(d.priv->pri_header->phi_nlogs, 1u);
   EXPECT_NE(d.priv->pri_config_copies, nullptr);
   EXPECT_NE(d.priv->pri_log_copies, nullptr);
+
+  // The README's first command: build the sample, then report it.
+  const std::string out = test::temp_dir() + "/sample.img";
+  auto r = test::run_process({PD_PRIVBUILD_BIN, std::string(PD_SOURCE_DIR) + "/examples/sample.desc", out});
+  ASSERT_EQ(r.status, 0) << r.err;
+  r = test::run_process({PD_PRIVDIAG_BIN, out});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("diskid:  a0000002-1234-0002-4041-424344454647\n", 0), 0u);
+  EXPECT_NE(r.out.find("========== Configuration Overview ========"), std::string::npos);
 }
 
 }  // namespace

@@ -36,21 +36,21 @@ bool run_generator(const std::string& name, const content_request& req, int line
   return true;
 }
 
-bool write_region_contents(const image_spec& spec, const priv_header_info& hdr, image* img,
+bool write_region_contents(const image_plan& plan, const priv_header_info& hdr, image* img,
                            std::string* error) {
-  for (const region_spec& r : spec.regions) {
+  for (const region_plan& r : plan.regions) {
     if ((r.flags & DKR_PUBLIC) || (r.content.empty() && r.fill < 0)) continue;
-    const std::size_t size = static_cast<std::size_t>(std::max<voff_t>(r.len, 0)) * spec.sector_size;
+    const std::size_t size = static_cast<std::size_t>(std::max<voff_t>(r.len, 0)) * plan.sector_size;
     std::vector<std::uint8_t> bytes(r.fill >= 0 ? size : 0, static_cast<std::uint8_t>(r.fill));
     if (!r.content.empty()) {
-      const content_request req{r.type, static_cast<int>(r.copy), r.body, size, spec.sector_size, &hdr};
+      const content_request req{r.type, static_cast<int>(r.copy), r.body, size, plan.sector_size, &hdr};
       std::vector<std::uint8_t> gen;
       if (!run_generator(r.content, req, r.line, &gen, error)) return false;
       if (bytes.size() < gen.size()) bytes.resize(gen.size());
       if (!gen.empty()) std::memcpy(bytes.data(), gen.data(), gen.size());
     }
     if (r.offset < 0 ||
-        !img->write(static_cast<std::uint64_t>(r.offset) * spec.sector_size, bytes.data(), bytes.size())) {
+        !img->write(static_cast<std::uint64_t>(r.offset) * plan.sector_size, bytes.data(), bytes.size())) {
       *error = at_line(r.line, "region contents lie outside the image");
       return false;
     }
@@ -59,12 +59,12 @@ bool write_region_contents(const image_spec& spec, const priv_header_info& hdr, 
 }
 
 // Generates a whole copy and spreads it over the copy's parts.
-bool write_copy_contents(const image_spec& spec, const priv_header_info& hdr, image* img,
+bool write_copy_contents(const image_plan& plan, const priv_header_info& hdr, image* img,
                          std::string* error) {
-  for (const copy_content_spec& c : spec.copy_contents) {
-    std::vector<const region_spec*> parts;
+  for (const copy_content_plan& c : plan.copy_contents) {
+    std::vector<const region_plan*> parts;
     std::uint64_t total = 0;
-    for (const region_spec& r : spec.regions) {
+    for (const region_plan& r : plan.regions) {
       if (r.type != c.type || r.copy != c.copy) continue;
       parts.push_back(&r);
       total = std::max<std::uint64_t>(total, static_cast<std::uint64_t>(r.part_offset + r.len));
@@ -74,15 +74,15 @@ bool write_copy_contents(const image_spec& spec, const priv_header_info& hdr, im
       return false;
     }
     const content_request req{c.type, static_cast<int>(c.copy), c.body,
-                              static_cast<std::size_t>(total) * spec.sector_size, spec.sector_size, &hdr};
+                              static_cast<std::size_t>(total) * plan.sector_size, plan.sector_size, &hdr};
     std::vector<std::uint8_t> bytes;
     if (!run_generator(c.content, req, c.line, &bytes, error)) return false;
-    for (const region_spec* r : parts) {
-      const std::size_t from = static_cast<std::size_t>(r->part_offset) * spec.sector_size;
+    for (const region_plan* r : parts) {
+      const std::size_t from = static_cast<std::size_t>(r->part_offset) * plan.sector_size;
       if ((r->flags & DKR_PUBLIC) || from >= bytes.size()) continue;
       const std::size_t n =
-          std::min(bytes.size() - from, static_cast<std::size_t>(r->len) * spec.sector_size);
-      if (r->offset < 0 || !img->write(static_cast<std::uint64_t>(r->offset) * spec.sector_size,
+          std::min(bytes.size() - from, static_cast<std::size_t>(r->len) * plan.sector_size);
+      if (r->offset < 0 || !img->write(static_cast<std::uint64_t>(r->offset) * plan.sector_size,
                                        bytes.data() + from, n)) {
         *error = at_line(r->line, "copy contents lie outside the image");
         return false;
@@ -94,17 +94,17 @@ bool write_copy_contents(const image_spec& spec, const priv_header_info& hdr, im
 
 // The header copies: primary and alternate unless hdrcopy statements list
 // the copies to write.
-bool write_header_copies(const image_spec& spec, const priv_header_info& base, image* img,
+bool write_header_copies(const image_plan& plan, const priv_header_info& base, image* img,
                          build_layout* layout, std::string* error) {
-  std::vector<hdrcopy_spec> copies = spec.hdrcopies;
+  std::vector<hdrcopy_plan> copies = plan.hdrcopies;
   if (copies.empty()) {
-    copies.push_back(hdrcopy_spec{0, "primary", {}, {}});
-    copies.push_back(hdrcopy_spec{0, "alternate", {}, {}});
+    copies.push_back(hdrcopy_plan{0, "primary", {}, {}});
+    copies.push_back(hdrcopy_plan{0, "alternate", {}, {}});
   }
   layout->primary_header = base.phi_primary_header;
   layout->alt_header = base.phi_alt_header;
-  std::vector<std::uint8_t> buf(std::max<std::size_t>(spec.sector_size, PRIV_HEADER_SIZE));
-  for (const hdrcopy_spec& c : copies) {
+  std::vector<std::uint8_t> buf(std::max<std::size_t>(plan.sector_size, PRIV_HEADER_SIZE));
+  for (const hdrcopy_plan& c : copies) {
     priv_header_info h = base;
     for (const auto& [k, v] : c.fields) {
       std::string why;
@@ -124,18 +124,18 @@ bool write_header_copies(const image_spec& spec, const priv_header_info& base, i
     std::fill(buf.begin(), buf.end(), 0);
     priv_format_header(&h, buf.data());
     apply_damage(buf.data(), c.damage);
-    std::uint8_t* dst = img->sector(at, spec.sector_size);
+    std::uint8_t* dst = img->sector(at, plan.sector_size);
     if (dst == nullptr) {
       *error = at_line(c.line, "header copy at sector " + std::to_string(at) + " lies outside the image");
       return false;
     }
-    std::memcpy(dst, buf.data(), spec.sector_size);
+    std::memcpy(dst, buf.data(), plan.sector_size);
   }
   return true;
 }
 
-bool run_late_ops(const image_spec& spec, image* img, std::string* error) {
-  for (const late_op& op : spec.late) {
+bool run_late_ops(const image_plan& plan, image* img, std::string* error) {
+  for (const late_op& op : plan.late) {
     if (op.kind == "poke") {
       if (!img->write(op.at, op.bytes.data(), op.bytes.size())) {
         *error = at_line(op.line, "poke lies outside the image");
@@ -143,7 +143,7 @@ bool run_late_ops(const image_spec& spec, image* img, std::string* error) {
       }
     } else if (op.kind == "fixsum") {
       const bool header = op.what == "header";
-      const std::size_t n = header ? PRIV_HEADER_SIZE : spec.sector_size;
+      const std::size_t n = header ? PRIV_HEADER_SIZE : plan.sector_size;
       std::uint8_t* p = img->sector(static_cast<voff_t>(op.at), n);
       if (p == nullptr) {
         *error = at_line(op.line, "fixsum lies outside the image");
@@ -152,7 +152,7 @@ bool run_late_ops(const image_spec& spec, image* img, std::string* error) {
       put_be32(p + 8, static_cast<std::uint32_t>(header ? priv_header_checksum(p)
                                                         : priv_toc_checksum(p, n)));
     } else {
-      img->bytes.resize(op.length, spec.fill);
+      img->bytes.resize(op.length, plan.fill);
     }
   }
   return true;
@@ -160,10 +160,10 @@ bool run_late_ops(const image_spec& spec, image* img, std::string* error) {
 
 }  // namespace
 
-priv_header_info layout_header(const image_spec& spec) {
-  priv_header_info h = spec.header;
-  h.phi_atomic_iosize = spec.sector_size;
-  h.phi_chunk_size = spec.sector_size;
+priv_header_info layout_header(const image_plan& plan) {
+  priv_header_info h = plan.header;
+  h.phi_atomic_iosize = plan.sector_size;
+  h.phi_chunk_size = plan.sector_size;
   h.phi_chunk_shift = 9;
   h.phi_sctr_shift = 9;
   h.phi_priv_offset = 0;
@@ -177,23 +177,23 @@ std::vector<std::uint8_t> build_image(const std::string& description, std::strin
   error->clear();
   *layout = build_layout{};
   std::vector<desc_statement> statements;
-  image_spec spec;
+  image_plan plan;
   if (!parse_description(description, &statements, error) ||
-      !read_image_spec(statements, &spec, error))
+      !read_image_plan(statements, &plan, error))
     return {};
   image img;
-  img.ss = spec.sector_size;
-  img.bytes.assign(spec.bytes, spec.fill);
-  layout->sector_size = spec.sector_size;
+  img.ss = plan.sector_size;
+  img.bytes.assign(plan.bytes, plan.fill);
+  layout->sector_size = plan.sector_size;
 
-  priv_header_info lay = layout_header(spec);
-  if (!write_region_contents(spec, lay, &img, error) ||
-      !write_copy_contents(spec, lay, &img, error) || !write_toc(spec, &lay, &img, layout, error))
+  priv_header_info lay = layout_header(plan);
+  if (!write_region_contents(plan, lay, &img, error) ||
+      !write_copy_contents(plan, lay, &img, error) || !write_toc(plan, &lay, &img, layout, error))
     return {};
-  priv_header_info base = spec.header;
-  if (!spec.first_toc_given) base.phi_first_toc = lay.phi_first_toc;
-  if (!spec.first_alt_toc_given) base.phi_first_alt_toc = lay.phi_first_alt_toc;
-  if (!write_header_copies(spec, base, &img, layout, error) || !run_late_ops(spec, &img, error))
+  priv_header_info base = plan.header;
+  if (!plan.first_toc_given) base.phi_first_toc = lay.phi_first_toc;
+  if (!plan.first_alt_toc_given) base.phi_first_alt_toc = lay.phi_first_alt_toc;
+  if (!write_header_copies(plan, base, &img, layout, error) || !run_late_ops(plan, &img, error))
     return {};
   return std::move(img.bytes);
 }

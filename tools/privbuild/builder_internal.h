@@ -36,11 +36,11 @@ inline std::string at_line(int line, const std::string& what) {
 
 // The header the layout works with: the described one in the image's own
 // sector size, addressing the image from its first sector.
-priv_header_info layout_header(const image_spec& spec);
+priv_header_info layout_header(const image_plan& plan);
 
 // Writes both TOC chains and fills layout->toc_sectors/alt_toc_sectors;
 // sets hdr->phi_first_toc/phi_first_alt_toc to the first block.
-bool write_toc(const image_spec& spec, priv_header_info* hdr, image* img, build_layout* layout,
+bool write_toc(const image_plan& plan, priv_header_info* hdr, image* img, build_layout* layout,
                std::string* error);
 
 // Corrupts a block whose stored checksum is at byte 8: "magic" changes the

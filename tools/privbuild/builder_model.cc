@@ -89,7 +89,7 @@ bool copy_text(char* dst, std::size_t cap, const std::string* s, const char* nam
   return true;
 }
 
-bool read_disk(const desc_statement& st, image_spec* spec, std::string* error) {
+bool read_disk(const desc_statement& st, image_plan* plan, std::string* error) {
   attr_reader a(st);
   unsigned long long ss = 512, sectors = 0, bytes = 0, fill = 0;
   if (!opt_uint(a, "sector-size", &ss, st.line, error) ||
@@ -104,17 +104,17 @@ bool read_disk(const desc_statement& st, image_spec* spec, std::string* error) {
     *error = at_line(st.line, "disk needs sectors= or bytes= (and fill= a byte)");
     return false;
   }
-  spec->sector_size = ss;
-  spec->bytes = bytes != 0 ? bytes : sectors * ss;
-  spec->fill = static_cast<std::uint8_t>(fill);
-  if (spec->bytes > (1ull << 31)) {
+  plan->sector_size = ss;
+  plan->bytes = bytes != 0 ? bytes : sectors * ss;
+  plan->fill = static_cast<std::uint8_t>(fill);
+  if (plan->bytes > (1ull << 31)) {
     *error = at_line(st.line, "image larger than 2 GiB");
     return false;
   }
   return a.check_all_used(error);
 }
 
-bool read_region_payload(attr_reader& a, region_spec& r, std::string* error) {
+bool read_region_payload(attr_reader& a, region_plan& r, std::string* error) {
   long long tag_flags = 0;
   if (!opt_int(a, "copy", &r.copy, r.line, error) ||
       !opt_int(a, "part-offset", &r.part_offset, r.line, error) ||
@@ -142,8 +142,8 @@ bool read_region_payload(attr_reader& a, region_spec& r, std::string* error) {
   return true;
 }
 
-bool read_region(const desc_statement& st, image_spec* spec, std::string* error) {
-  region_spec r;
+bool read_region(const desc_statement& st, image_plan* plan, std::string* error) {
+  region_plan r;
   r.line = st.line;
   if (st.words.size() != 1 || st.words[0].size() > TOC_ENTRY_TYPE_LEN) {
     *error = at_line(st.line, "region needs one type name of at most 8 characters");
@@ -177,13 +177,13 @@ bool read_region(const desc_statement& st, image_spec* spec, std::string* error)
     return false;
   }
   r.body = st.body;
-  spec->regions.push_back(std::move(r));
+  plan->regions.push_back(std::move(r));
   return a.check_all_used(error);
 }
 
-bool read_copy_content(const desc_statement& st, image_spec* spec, std::string* error) {
+bool read_copy_content(const desc_statement& st, image_plan* plan, std::string* error) {
   attr_reader a(st);
-  copy_content_spec c;
+  copy_content_plan c;
   c.line = st.line;
   c.copy = 1;
   if (st.words.size() != 1 || !opt_int(a, "copy", &c.copy, st.line, error)) {
@@ -198,12 +198,12 @@ bool read_copy_content(const desc_statement& st, image_spec* spec, std::string* 
   }
   c.content = *gen;
   c.body = st.body;
-  spec->copy_contents.push_back(std::move(c));
+  plan->copy_contents.push_back(std::move(c));
   return a.check_all_used(error);
 }
 
-bool read_hdrcopy(const desc_statement& st, image_spec* spec, std::string* error) {
-  hdrcopy_spec h;
+bool read_hdrcopy(const desc_statement& st, image_plan* plan, std::string* error) {
+  hdrcopy_plan h;
   h.line = st.line;
   for (const auto& w : st.words) h.at = w;
   for (const auto& [k, v] : st.attrs) {
@@ -224,13 +224,13 @@ bool read_hdrcopy(const desc_statement& st, image_spec* spec, std::string* error
     return false;
   }
   if (!check_damage(h.damage, st.line, error)) return false;
-  spec->hdrcopies.push_back(std::move(h));
+  plan->hdrcopies.push_back(std::move(h));
   return true;
 }
 
-bool read_tocblock(const desc_statement& st, image_spec* spec, std::string* error) {
+bool read_tocblock(const desc_statement& st, image_plan* plan, std::string* error) {
   attr_reader a(st);
-  tocblock_spec t;
+  tocblock_plan t;
   t.line = st.line;
   long long v = 0;
   for (const char* name : {"at", "alt", "next", "alt-next"}) {
@@ -266,11 +266,11 @@ bool read_tocblock(const desc_statement& st, image_spec* spec, std::string* erro
     return false;
   }
   if (!check_damage(t.damage, st.line, error)) return false;
-  spec->tocblocks.push_back(t);
+  plan->tocblocks.push_back(t);
   return a.check_all_used(error);
 }
 
-bool read_late(const desc_statement& st, image_spec* spec, std::string* error) {
+bool read_late(const desc_statement& st, image_plan* plan, std::string* error) {
   attr_reader a(st);
   late_op op;
   op.line = st.line;
@@ -289,7 +289,7 @@ bool read_late(const desc_statement& st, image_spec* spec, std::string* error) {
       return false;
     }
     op.bytes.assign(b.begin(), b.end());
-    op.at = a.has("sector") ? sector * spec->sector_size + offset : at;
+    op.at = a.has("sector") ? sector * plan->sector_size + offset : at;
   } else if (op.kind == "fixsum") {
     if (st.words.size() != 1 || (st.words[0] != "header" && st.words[0] != "toc")) {
       *error = at_line(st.line, "fixsum needs header or toc");
@@ -298,41 +298,41 @@ bool read_late(const desc_statement& st, image_spec* spec, std::string* error) {
     op.what = st.words[0];
     op.at = sector;
   } else {  // truncate
-    op.length = a.has("sectors") ? sectors * spec->sector_size : bytes;
+    op.length = a.has("sectors") ? sectors * plan->sector_size : bytes;
   }
-  spec->late.push_back(std::move(op));
+  plan->late.push_back(std::move(op));
   return a.check_all_used(error);
 }
 
 // The lowest copy number of `type`, its length, and the number of copies.
-void copy_summary(const image_spec& spec, const std::string& type, std::size_t* ncopies,
+void copy_summary(const image_plan& plan, const std::string& type, std::size_t* ncopies,
                   voff_t* len) {
   std::map<long long, voff_t> copies;
-  for (const auto& r : spec.regions)
+  for (const auto& r : plan.regions)
     if (r.type == type) copies[r.copy] += r.len;
   *ncopies = copies.size();
   *len = copies.empty() ? 0 : copies.begin()->second;
 }
 
-void default_header(image_spec* spec) {
-  priv_header_info& h = spec->header;
-  const voff_t sectors = static_cast<voff_t>(spec->bytes / spec->sector_size);
+void default_header(image_plan* plan) {
+  priv_header_info& h = plan->header;
+  const voff_t sectors = static_cast<voff_t>(plan->bytes / plan->sector_size);
   h = priv_header_info{};
   h.phi_version_major = 3;
   h.phi_version_minor = 1;
   std::strcpy(h.phi_diskid, "disk01");
-  h.phi_atomic_iosize = spec->sector_size;
+  h.phi_atomic_iosize = plan->sector_size;
   h.phi_priv_len = sectors;
   h.phi_primary_header = sectors - 1;
-  h.phi_alt_header = sectors - 192 / static_cast<voff_t>(spec->sector_size / 512);
+  h.phi_alt_header = sectors - 192 / static_cast<voff_t>(plan->sector_size / 512);
   h.phi_update_seqno.seqno_lo = 1;
-  copy_summary(*spec, "config", &h.phi_nconfig, &h.phi_config_len);
-  copy_summary(*spec, "log", &h.phi_nlogs, &h.phi_log_len);
+  copy_summary(*plan, "config", &h.phi_nconfig, &h.phi_config_len);
+  copy_summary(*plan, "log", &h.phi_nlogs, &h.phi_log_len);
 }
 
-void assign_part_offsets(image_spec* spec) {
+void assign_part_offsets(image_plan* plan) {
   std::map<std::pair<std::string, long long>, long long> next;
-  for (auto& r : spec->regions) {
+  for (auto& r : plan->regions) {
     if (r.type != "config" && r.type != "log") continue;
     long long& at = next[{r.type, r.copy}];
     if (r.part_offset < 0) r.part_offset = at;
@@ -342,7 +342,7 @@ void assign_part_offsets(image_spec* spec) {
 
 }  // namespace
 
-bool read_image_spec(const std::vector<desc_statement>& statements, image_spec* spec,
+bool read_image_plan(const std::vector<desc_statement>& statements, image_plan* plan,
                      std::string* error) {
   if (statements.empty() || statements[0].keyword != "disk") {
     *error = "the description must begin with a 'disk' statement";
@@ -353,28 +353,28 @@ bool read_image_spec(const std::vector<desc_statement>& statements, image_spec* 
     const desc_statement& st = statements[i];
     bool ok = true;
     if (st.keyword == "disk") {
-      ok = i == 0 ? read_disk(st, spec, error)
+      ok = i == 0 ? read_disk(st, plan, error)
                   : (*error = at_line(st.line, "only one 'disk' statement"), false);
     } else if (st.keyword == "header") {
       header_statements.push_back(&st);
     } else if (st.keyword == "region") {
-      ok = read_region(st, spec, error);
+      ok = read_region(st, plan, error);
     } else if (st.keyword == "copy-content") {
-      ok = read_copy_content(st, spec, error);
+      ok = read_copy_content(st, plan, error);
     } else if (st.keyword == "hdrcopy") {
-      ok = read_hdrcopy(st, spec, error);
+      ok = read_hdrcopy(st, plan, error);
     } else if (st.keyword == "tocblock") {
-      ok = read_tocblock(st, spec, error);
+      ok = read_tocblock(st, plan, error);
     } else if (st.keyword == "poke" || st.keyword == "fixsum" || st.keyword == "truncate") {
-      ok = read_late(st, spec, error);
+      ok = read_late(st, plan, error);
     } else {
       *error = at_line(st.line, "unknown statement '" + st.keyword + "'");
       ok = false;
     }
     if (!ok) return false;
   }
-  assign_part_offsets(spec);
-  default_header(spec);
+  assign_part_offsets(plan);
+  default_header(plan);
   for (const desc_statement* st : header_statements) {
     if (!st->words.empty()) {
       *error = at_line(st->line, "header takes name=value settings only");
@@ -382,12 +382,12 @@ bool read_image_spec(const std::vector<desc_statement>& statements, image_spec* 
     }
     for (const auto& [k, v] : st->attrs) {
       std::string why;
-      if (!apply_header_field(&spec->header, k, v, &why)) {
+      if (!apply_header_field(&plan->header, k, v, &why)) {
         *error = at_line(st->line, why);
         return false;
       }
-      if (k == "first-toc") spec->first_toc_given = true;
-      if (k == "first-alt-toc") spec->first_alt_toc_given = true;
+      if (k == "first-toc") plan->first_toc_given = true;
+      if (k == "first-alt-toc") plan->first_alt_toc_given = true;
     }
   }
   return true;

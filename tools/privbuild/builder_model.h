@@ -13,7 +13,7 @@
 
 namespace pd {
 
-struct region_spec {
+struct region_plan {
   int line = 0;
   std::string type;
   voff_t offset = 0;
@@ -32,7 +32,7 @@ struct region_spec {
   int fill = -1;               // fill=0xNN, -1: none
 };
 
-struct copy_content_spec {
+struct copy_content_plan {
   int line = 0;
   std::string type;
   long long copy = 0;
@@ -40,14 +40,14 @@ struct copy_content_spec {
   std::vector<std::string> body;
 };
 
-struct hdrcopy_spec {
+struct hdrcopy_plan {
   int line = 0;
   std::string at;  // "primary", "alternate" or a sector number
   std::vector<std::pair<std::string, std::string>> fields;
   std::vector<std::string> damage;
 };
 
-struct tocblock_spec {
+struct tocblock_plan {
   int line = 0;
   std::optional<voff_t> at, alt;  // explicit positions (both or neither)
   std::optional<voff_t> next, alt_next;
@@ -67,21 +67,21 @@ struct late_op {
   std::uint64_t length = 0;       // truncate: new length in bytes
 };
 
-struct image_spec {
+struct image_plan {
   std::size_t sector_size = 512;
   std::uint64_t bytes = 0;  // image length
   std::uint8_t fill = 0;
   priv_header_info header;  // the header statements applied to the defaults
   bool first_toc_given = false, first_alt_toc_given = false;
-  std::vector<region_spec> regions;
-  std::vector<copy_content_spec> copy_contents;
-  std::vector<hdrcopy_spec> hdrcopies;
-  std::vector<tocblock_spec> tocblocks;
+  std::vector<region_plan> regions;
+  std::vector<copy_content_plan> copy_contents;
+  std::vector<hdrcopy_plan> hdrcopies;
+  std::vector<tocblock_plan> tocblocks;
   std::vector<late_op> late;
 };
 
 // Reads the statements into the model; false with "line N: ..." in *error.
-bool read_image_spec(const std::vector<desc_statement>& statements, image_spec* spec,
+bool read_image_plan(const std::vector<desc_statement>& statements, image_plan* plan,
                      std::string* error);
 
 }  // namespace pd

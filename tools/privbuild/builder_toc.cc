@@ -45,7 +45,7 @@ int builder_write(priv_info* priv, void* buf, voff_t offset, std::size_t len, un
   return VE_OK;
 }
 
-toc_entry_info* make_entry(const region_spec& r) {
+toc_entry_info* make_entry(const region_plan& r) {
   toc_entry_info* e = priv_alloc_toc_entry(r.has_info ? r.info.size() : 0);
   if (e == nullptr) return nullptr;
   disk_region& d = e->tei_region;
@@ -75,7 +75,7 @@ toc_entry_info* make_entry(const region_spec& r) {
 }
 
 // Bytes the region's entry takes in a block.
-std::size_t entry_bytes(const region_spec& r) {
+std::size_t entry_bytes(const region_plan& r) {
   toc_entry_info* e = make_entry(r);
   const std::size_t size = TOC_ENTRY_FIXED + (e ? e->tei_region.dkr_info_size : 0);
   priv_free_toc_entry(e);
@@ -94,7 +94,7 @@ struct handle_guard {
 };
 
 // The system's TOC writer over a handle holding the described entries.
-bool write_toc_auto(const image_spec& spec, priv_header_info* hdr, image* img,
+bool write_toc_auto(const image_plan& plan, priv_header_info* hdr, image* img,
                     build_layout* layout, std::string* error) {
   builder_io io;
   io.img = img;
@@ -123,11 +123,11 @@ bool write_toc_auto(const image_spec& spec, priv_header_info* hdr, image* img,
   mark_range(priv->pri_alloc_map, nbits, 0, 1);
   mark_range(priv->pri_alloc_map, nbits, h->phi_primary_header, 1);
   mark_range(priv->pri_alloc_map, nbits, h->phi_alt_header, 1);
-  for (const hdrcopy_spec& c : spec.hdrcopies) {
+  for (const hdrcopy_plan& c : plan.hdrcopies) {
     long long at = 0;
     if (parse_int(c.at, &at)) mark_range(priv->pri_alloc_map, nbits, at, 1);
   }
-  for (const region_spec& r : spec.regions) {
+  for (const region_plan& r : plan.regions) {
     if (r.block >= 0) {
       *error = at_line(r.line, "block= needs tocblock statements with at= and alt=");
       return false;
@@ -143,7 +143,7 @@ bool write_toc_auto(const image_spec& spec, priv_header_info* hdr, image* img,
 
   // The header sectors keep what they held: the builder writes its own copies.
   std::vector<std::uint8_t> saved_primary, saved_alt;
-  const std::size_t ss = spec.sector_size;
+  const std::size_t ss = plan.sector_size;
   if (std::uint8_t* p = img->sector(h->phi_primary_header, ss)) saved_primary.assign(p, p + ss);
   if (std::uint8_t* p = img->sector(h->phi_alt_header, ss)) saved_alt.assign(p, p + ss);
 
@@ -169,13 +169,13 @@ bool write_toc_auto(const image_spec& spec, priv_header_info* hdr, image* img,
   return true;
 }
 
-bool damages(const tocblock_spec& t, int copy) {
+bool damages(const tocblock_plan& t, int copy) {
   return t.damage_copy == "both" || t.damage_copy == (copy == 0 ? "primary" : "alternate");
 }
 
 // Sets the patched fields of a block, re-sums it, then damages copy `copy`
 // (0 primary, 1 alternate) when the statement asks for it.
-void patch_block(std::uint8_t* block, std::size_t chunk, const tocblock_spec& t, int copy) {
+void patch_block(std::uint8_t* block, std::size_t chunk, const tocblock_plan& t, int copy) {
   if (t.next) put_be64(block + TOC_NEXT_OFFSET, static_cast<std::uint64_t>(*t.next));
   if (t.alt_next) put_be64(block + TOC_ALT_NEXT_OFFSET, static_cast<std::uint64_t>(*t.alt_next));
   if (t.seqno) {
@@ -186,11 +186,11 @@ void patch_block(std::uint8_t* block, std::size_t chunk, const tocblock_spec& t,
   if (damages(t, copy)) apply_damage(block, t.damage);
 }
 
-bool patch_auto_blocks(const image_spec& spec, image* img, const build_layout& layout,
+bool patch_auto_blocks(const image_plan& plan, image* img, const build_layout& layout,
                        std::string* error) {
-  const std::size_t chunk = spec.sector_size;
-  for (std::size_t i = 0; i < spec.tocblocks.size(); ++i) {
-    const tocblock_spec& t = spec.tocblocks[i];
+  const std::size_t chunk = plan.sector_size;
+  for (std::size_t i = 0; i < plan.tocblocks.size(); ++i) {
+    const tocblock_plan& t = plan.tocblocks[i];
     if (i >= layout.toc_sectors.size()) {
       *error = at_line(t.line, "the TOC has only " + std::to_string(layout.toc_sectors.size()) +
                                    " block(s)");
@@ -205,7 +205,7 @@ bool patch_auto_blocks(const image_spec& spec, image* img, const build_layout& l
       if (keep[c]) {
         patch_block(block, chunk, t, c);
       } else {
-        std::memset(block, spec.fill, chunk);
+        std::memset(block, plan.fill, chunk);
       }
     }
   }
@@ -213,13 +213,13 @@ bool patch_auto_blocks(const image_spec& spec, image* img, const build_layout& l
 }
 
 // Explicit mode: which block each region's entry goes to.
-bool place_explicit(const image_spec& spec, std::vector<int>* block_of, std::string* error) {
-  const std::size_t nblocks = spec.tocblocks.size();
-  const std::size_t room0 = spec.sector_size - TOC_ENTRIES_OFFSET;
+bool place_explicit(const image_plan& plan, std::vector<int>* block_of, std::string* error) {
+  const std::size_t nblocks = plan.tocblocks.size();
+  const std::size_t room0 = plan.sector_size - TOC_ENTRIES_OFFSET;
   std::vector<std::size_t> used(nblocks, 0);
-  block_of->assign(spec.regions.size(), -1);
-  for (std::size_t i = 0; i < spec.regions.size(); ++i) {
-    const region_spec& r = spec.regions[i];
+  block_of->assign(plan.regions.size(), -1);
+  for (std::size_t i = 0; i < plan.regions.size(); ++i) {
+    const region_plan& r = plan.regions[i];
     if (r.block < 0) continue;
     if (static_cast<std::size_t>(r.block) >= nblocks) {
       *error = at_line(r.line, "no TOC block " + std::to_string(r.block));
@@ -229,9 +229,9 @@ bool place_explicit(const image_spec& spec, std::vector<int>* block_of, std::str
     (*block_of)[i] = r.block;
   }
   std::size_t cur = 0;
-  for (std::size_t i = 0; i < spec.regions.size(); ++i) {
+  for (std::size_t i = 0; i < plan.regions.size(); ++i) {
     if ((*block_of)[i] >= 0) continue;
-    const region_spec& r = spec.regions[i];
+    const region_plan& r = plan.regions[i];
     const std::size_t size = entry_bytes(r);
     while (cur < nblocks && used[cur] + size > room0) ++cur;
     if (cur >= nblocks) {
@@ -244,28 +244,28 @@ bool place_explicit(const image_spec& spec, std::vector<int>* block_of, std::str
   return true;
 }
 
-bool write_toc_explicit(const image_spec& spec, priv_header_info* hdr, image* img,
+bool write_toc_explicit(const image_plan& plan, priv_header_info* hdr, image* img,
                         build_layout* layout, std::string* error) {
   std::vector<int> block_of;
-  if (!place_explicit(spec, &block_of, error)) return false;
-  const std::size_t chunk = spec.sector_size;
-  const std::size_t n = spec.tocblocks.size();
+  if (!place_explicit(plan, &block_of, error)) return false;
+  const std::size_t chunk = plan.sector_size;
+  const std::size_t n = plan.tocblocks.size();
   std::vector<std::uint8_t> buf(chunk);
   for (std::size_t b = 0; b < n; ++b) {
-    const tocblock_spec& t = spec.tocblocks[b];
+    const tocblock_plan& t = plan.tocblocks[b];
     std::fill(buf.begin(), buf.end(), 0);
     put_be32(buf.data() + TOC_SEQNO_HI_OFFSET, hdr->phi_update_seqno.seqno_hi);
     put_be32(buf.data() + TOC_SEQNO_LO_OFFSET, hdr->phi_update_seqno.seqno_lo);
     const bool last = b + 1 == n;
-    put_be64(buf.data() + TOC_NEXT_OFFSET, last ? 0 : static_cast<std::uint64_t>(*spec.tocblocks[b + 1].at));
-    put_be64(buf.data() + TOC_ALT_NEXT_OFFSET, last ? 0 : static_cast<std::uint64_t>(*spec.tocblocks[b + 1].alt));
+    put_be64(buf.data() + TOC_NEXT_OFFSET, last ? 0 : static_cast<std::uint64_t>(*plan.tocblocks[b + 1].at));
+    put_be64(buf.data() + TOC_ALT_NEXT_OFFSET, last ? 0 : static_cast<std::uint64_t>(*plan.tocblocks[b + 1].alt));
     std::uint8_t* cursor = buf.data() + TOC_ENTRIES_OFFSET;
-    for (std::size_t i = 0; i < spec.regions.size(); ++i) {
+    for (std::size_t i = 0; i < plan.regions.size(); ++i) {
       if (block_of[i] != static_cast<int>(b)) continue;
-      toc_entry_info* e = make_entry(spec.regions[i]);
+      toc_entry_info* e = make_entry(plan.regions[i]);
       if (e == nullptr || cursor + TOC_ENTRY_FIXED + e->tei_region.dkr_info_size > buf.data() + chunk) {
         priv_free_toc_entry(e);
-        *error = at_line(spec.regions[i].line, "the entry does not fit in TOC block " + std::to_string(b));
+        *error = at_line(plan.regions[i].line, "the entry does not fit in TOC block " + std::to_string(b));
         return false;
       }
       priv_pack_toc_entry(e, &cursor);
@@ -288,8 +288,8 @@ bool write_toc_explicit(const image_spec& spec, priv_header_info* hdr, image* im
     layout->toc_sectors.push_back(*t.at);
     layout->alt_toc_sectors.push_back(*t.alt);
   }
-  hdr->phi_first_toc = n ? *spec.tocblocks[0].at : 0;
-  hdr->phi_first_alt_toc = n ? *spec.tocblocks[0].alt : 0;
+  hdr->phi_first_toc = n ? *plan.tocblocks[0].at : 0;
+  hdr->phi_first_alt_toc = n ? *plan.tocblocks[0].alt : 0;
   return true;
 }
 
@@ -302,21 +302,21 @@ void apply_damage(std::uint8_t* block, const std::vector<std::string>& damage) {
   }
 }
 
-bool write_toc(const image_spec& spec, priv_header_info* hdr, image* img, build_layout* layout,
+bool write_toc(const image_plan& plan, priv_header_info* hdr, image* img, build_layout* layout,
                std::string* error) {
   const bool explicit_blocks =
-      std::any_of(spec.tocblocks.begin(), spec.tocblocks.end(), [](const tocblock_spec& t) { return t.at.has_value(); });
+      std::any_of(plan.tocblocks.begin(), plan.tocblocks.end(), [](const tocblock_plan& t) { return t.at.has_value(); });
   if (explicit_blocks) {
-    for (const tocblock_spec& t : spec.tocblocks) {
+    for (const tocblock_plan& t : plan.tocblocks) {
       if (!t.at) {
         *error = at_line(t.line, "every tocblock needs at= and alt= once one has them");
         return false;
       }
     }
-    return write_toc_explicit(spec, hdr, img, layout, error);
+    return write_toc_explicit(plan, hdr, img, layout, error);
   }
-  if (!write_toc_auto(spec, hdr, img, layout, error)) return false;
-  return patch_auto_blocks(spec, img, *layout, error);
+  if (!write_toc_auto(plan, hdr, img, layout, error)) return false;
+  return patch_auto_blocks(plan, img, *layout, error);
 }
 
 }  // namespace pd
