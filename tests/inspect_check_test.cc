@@ -47,8 +47,9 @@ TEST(InspectCheck, NoHeaderNoTableOfContentsNoEnabledCopy) {
     std::string image = build_to_file(c.desc, "stop" + std::to_string(n++) + ".img");
     process_result r = inspect({"check", image});
     EXPECT_EQ(r.status, 2) << c.desc;
-    EXPECT_EQ(r.out, c.finding + "\ncheck: status 2: no usable header, table of contents or "
-                                 "configuration copy\n")
+    EXPECT_EQ(r.out, c.finding +
+                         "\ncheck: status 2: no usable header, table of contents or "
+                         "configuration copy\n")
         << c.desc;
   }
 }
@@ -92,10 +93,13 @@ TEST(InspectReadOnly, NoSubcommandChangesTheImage) {
   struct stat st_before {};
   ASSERT_EQ(stat(image.c_str(), &st_before), 0);
   const std::vector<std::vector<std::string>> runs = {
-      {"logs", image},          {"logs", image, "--copy", "1"},
+      {"logs", image},
+      {"logs", image, "--copy", "1"},
       {"config", image, "--copy", "1"},
-      {"headers", image},       {"check", image},
-      {"scan", image},          {"hexdump", image, "--sector", "0"},
+      {"headers", image},
+      {"check", image},
+      {"scan", image},
+      {"hexdump", image, "--sector", "0"},
       {"hexdump", image, "--block", "1:0"},
       {"hexdump", image, "--record", "vol1"},
       {"records", image},

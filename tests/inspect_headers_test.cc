@@ -39,7 +39,9 @@ std::string copy_lines(const char* name, long sector, const std::string& sum) {
   return std::string(name) + " header: sector " + std::to_string(sector) + ", byte offset " +
          std::to_string(sector * 512) + "\n" +
          "    magic:    \"PRIVHEAD\"\n"
-         "    checksum: " + sum + " correct\n"
+         "    checksum: " +
+         sum +
+         " correct\n"
          "    decode:   ok\n";
 }
 
@@ -81,8 +83,7 @@ TEST(InspectHeaders, CopiesThatDisagreeOnTheLayoutKeepThePrimary) {
                                     "disagree.img");
   process_result r = inspect({"headers", image});
   EXPECT_EQ(r.status, 0);
-  EXPECT_NE(r.out.find("    phi_pub_offset         primary 0, alternate 4096\n"),
-            std::string::npos)
+  EXPECT_NE(r.out.find("    phi_pub_offset         primary 0, alternate 4096\n"), std::string::npos)
       << r.out;
   EXPECT_NE(r.out.find("scan: primary chosen: the copies disagree on phi_pub_offset, and the "
                        "primary is kept\n"),
@@ -100,7 +101,9 @@ TEST(InspectHeaders, ABadChecksumIsShownAndTheFieldsStillCompared) {
   std::string alt =
       "alternate header: sector 1856, byte offset 950272\n"
       "    magic:    \"PRIVHEAD\"\n"
-      "    checksum: " + stored_sum(image, 1856) + " expected " + computed_sum(image, 1856) + "\n"
+      "    checksum: " +
+      stored_sum(image, 1856) + " expected " + computed_sum(image, 1856) +
+      "\n"
       "    decode:   error 165: Format error in disk private region (bad checksum)\n"
       "    with magic and checksum set aside: decodes\n"
       "    version 3.1, update seqno 0.16, diskid \"disk01\"\n"

@@ -158,9 +158,9 @@ hdrcopy alternate damage=magic
 }
 
 TEST(InspectLogsDisk, UsageErrorsEndWithStatusThree) {
-  EXPECT_EQ(inspect({"logs"}).status, 3);                             // no image
-  EXPECT_EQ(inspect({"logs", "x.img", "--copy", "one"}).status, 3);   // not a number
-  EXPECT_EQ(inspect({"logs", "x.img", "--copy", "-1"}).status, 3);    // negative
+  EXPECT_EQ(inspect({"logs"}).status, 3);                            // no image
+  EXPECT_EQ(inspect({"logs", "x.img", "--copy", "one"}).status, 3);  // not a number
+  EXPECT_EQ(inspect({"logs", "x.img", "--copy", "-1"}).status, 3);   // negative
   EXPECT_EQ(inspect({"--sector-size", "1024", "logs", "x.img"}).status, 3);
   process_result r = inspect({"logs", temp_dir() + "/absent.img"});
   EXPECT_EQ(r.status, 3);

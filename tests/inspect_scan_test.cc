@@ -45,8 +45,7 @@ TEST(InspectScan, ListsAndPlacesEveryCandidate) {
 TEST(InspectScan, DamageThatStopsTheJoinStillListsEveryStructure) {
   // Both TOC copies carry another update's sequence number: the join fails,
   // so nothing can be placed, but every block is still found.
-  std::string image = build_to_file(std::string(scan_desc) + "tocblock seqno=0.16\n",
-                                    "oldtoc.img");
+  std::string image = build_to_file(std::string(scan_desc) + "tocblock seqno=0.16\n", "oldtoc.img");
   process_result r = inspect({"scan", image});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("located: primary header, seqno 0.17; table of contents not joined: "
@@ -83,10 +82,11 @@ TEST(InspectScan, BadHeadersAreListedWithTheirFault) {
 }
 
 TEST(InspectScan, FourKilobyteSectorsAreSearchedAtTheirOwnBoundaries) {
-  std::string image = build_to_file("disk sector-size=4096 sectors=256\n"
-                                    "region log copy=1 offset=10 len=2 content=log begin\n"
-                                    "  block\n  block\nend\n",
-                                    "scan4k.img");
+  std::string image = build_to_file(
+      "disk sector-size=4096 sectors=256\n"
+      "region log copy=1 offset=10 len=2 content=log begin\n"
+      "  block\n  block\nend\n",
+      "scan4k.img");
   process_result r = inspect({"scan", "--sector-size", "4096", image});
   EXPECT_EQ(r.status, 0) << r.err;
   // The second log block lies 512 bytes into sector 10: not a sector start.
@@ -106,8 +106,9 @@ TEST(InspectHexdump, SectorsOfTheImage) {
   process_result r = inspect({"hexdump", image, "--sector", "5"});
   EXPECT_EQ(r.status, 0);
   std::string zero_row = "00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  ................\n";
-  std::string expect = "sector 5 (byte 2560):\n   0000  41 42 43 44 00 00 00 00  00 00 00 00 00 00 "
-                       "00 00  ABCD............\n";
+  std::string expect =
+      "sector 5 (byte 2560):\n   0000  41 42 43 44 00 00 00 00  00 00 00 00 00 00 "
+      "00 00  ABCD............\n";
   for (int row = 1; row < 32; row++) {
     char off[16];
     std::snprintf(off, sizeof off, "   %04x  ", row * 16);
@@ -129,9 +130,8 @@ TEST(InspectHexdump, SectorsOfTheImage) {
 }
 
 TEST(InspectHexdump, BlocksOfAConfigurationCopy) {
-  std::string image = build_to_file(std::string(scan_desc) +
-                                        "poke sector=19 offset=16 hex=ff\n",
-                                    "hexblk.img");
+  std::string image =
+      build_to_file(std::string(scan_desc) + "poke sector=19 offset=16 hex=ff\n", "hexblk.img");
   process_result r = inspect({"hexdump", image, "--block", "1:2", "--count", "2"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out.find("config copy 1 block 2:\n"

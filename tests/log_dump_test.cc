@@ -21,8 +21,8 @@ namespace {
 using block = std::array<std::uint8_t, KLOG_BLKSIZE>;
 
 // A log block with the given header words and no entries.
-block log_block(const char* magic, std::uint32_t tid_hi, std::uint32_t tid_lo,
-                std::uint32_t seqno, std::uint32_t loglen, std::uint32_t blkno) {
+block log_block(const char* magic, std::uint32_t tid_hi, std::uint32_t tid_lo, std::uint32_t seqno,
+                std::uint32_t loglen, std::uint32_t blkno) {
   block b{};
   std::memcpy(b.data(), magic, 4);  // bytes 0-3 magic
   put_be32(b.data() + 4, tid_hi);   // bytes 4-7 tid high half
@@ -87,7 +87,8 @@ TEST(PrintLog, EveryEntryType) {
       {4, {0, 1234, 0, 0, 0}, "BLOCK 2: KLOG 3  :   LOGDETACH rid=0.1234\n"},
       // The record id stands behind "tid" and the transaction id behind "rid".
       {5, {0, 12, 0, 7, 42}, "BLOCK 2: KLOG 3  :   APP_DIRTY tid 0.12 rid 0.7 recover_seqno 42\n"},
-      {5, {0, 1, 0, 2, 0xFFFFFFFFu},
+      {5,
+       {0, 1, 0, 2, 0xFFFFFFFFu},
        "BLOCK 2: KLOG 3  :   APP_DIRTY tid 0.1 rid 0.2 recover_seqno -1\n"},
       {6, {3, 4, 0, 0, 0}, "BLOCK 2: KLOG 3  :   DG_CHANGE_LOG tid=3.4\n"},
       {7, {1, 2, 3, 4, 5}, "BLOCK 2: KLOG 3  : INVALID 7\n"},

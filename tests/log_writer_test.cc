@@ -55,7 +55,7 @@ TEST(LogWriter, WritesTheHeaderWordsAndEntriesWhereTheDumpReadsThem) {
   unsigned long seqno = 0;
   std::size_t len = 0;
   ASSERT_EQ(logblk_valid(b1, 512, 1, &tid, &seqno, &len), 1);  // blkno defaults to the index
-  EXPECT_EQ(len, 2u);                                            // len defaults to the blocks
+  EXPECT_EQ(len, 2u);                                          // len defaults to the blocks
   test::captured_session cs;
   priv_print_log(cs.get(), b1 + 24, b1 + 512, 0, 1);
   EXPECT_EQ(cs.out(), "BLOCK 1: KLOG 0  :   COMMIT tid=6.7\n");
@@ -64,14 +64,14 @@ TEST(LogWriter, WritesTheHeaderWordsAndEntriesWhereTheDumpReadsThem) {
 
 TEST(LogWriter, RefusesMalformedLines) {
   const std::vector<std::vector<std::string>> bad = {
-      {"entry type=dirty"},                  // no block yet
-      {"block magic=KLO"},                   // magic of three characters
-      {"block colour=red"},                  // unknown key
-      {"block seqno=-1"},                    // negative number
-      {"block tid=5"},                       // tid without a point
-      {"block", "entry rid=0.1"},            // no type
-      {"block", "entry type=256"},           // type byte out of range
-      {"block", "entry type=dirty slot=20"}, // no such slot
+      {"entry type=dirty"},                   // no block yet
+      {"block magic=KLO"},                    // magic of three characters
+      {"block colour=red"},                   // unknown key
+      {"block seqno=-1"},                     // negative number
+      {"block tid=5"},                        // tid without a point
+      {"block", "entry rid=0.1"},             // no type
+      {"block", "entry type=256"},            // type byte out of range
+      {"block", "entry type=dirty slot=20"},  // no such slot
       {"block", "entry type=dirty words=1,2,3"},
       {"frobnicate"},
       {"block len"},

@@ -3,7 +3,6 @@
 // command line is parsed here; every view lives in the library (src/inspect).
 // Usage errors end with status 3.
 #include <CLI/CLI.hpp>
-
 #include <clocale>
 #include <cstdio>
 #include <iostream>
@@ -59,19 +58,22 @@ subcommands define(CLI::App& app, cli_values& v) {
       ->required()
       ->check(CLI::NonNegativeNumber);
 
-  c.headers = app.add_subcommand("headers", "both header copies side by side, and the scan's choice");
+  c.headers =
+      app.add_subcommand("headers", "both header copies side by side, and the scan's choice");
   add_image(c.headers, v);
 
   c.check = app.add_subcommand(
-      "check", "run the whole report and set the exit status: 0 consistent, 1 inconsistencies, "
-               "2 no usable header/TOC/config copy, 3 usage or I/O error");
+      "check",
+      "run the whole report and set the exit status: 0 consistent, 1 inconsistencies, "
+      "2 no usable header/TOC/config copy, 3 usage or I/O error");
   add_image(c.check, v);
   c.check->add_flag("--quiet,-q", v.quiet, "print nothing, only set the exit status");
 
   c.scan = app.add_subcommand("scan", "find every structure's magic at every sector boundary");
   add_image(c.scan, v);
 
-  c.hexdump = app.add_subcommand("hexdump", "hex dump of sectors, configuration blocks or a record");
+  c.hexdump =
+      app.add_subcommand("hexdump", "hex dump of sectors, configuration blocks or a record");
   add_image(c.hexdump, v);
   auto* what = c.hexdump->add_option_group("what", "what to dump (exactly one)");
   what->add_option("--sector", v.sector_arg, "sector number N of the image");
@@ -81,13 +83,14 @@ subcommands define(CLI::App& app, cli_values& v) {
   what->require_option(1);
   c.hexdump->add_option("--count", v.count, "number of sectors or blocks (default 1)")
       ->check(CLI::PositiveNumber);
-  c.hexdump->add_option("--copy", v.copy, "configuration copy for --record (default: first enabled)")
+  c.hexdump
+      ->add_option("--copy", v.copy, "configuration copy for --record (default: first enabled)")
       ->check(CLI::NonNegativeNumber);
 
   c.records = app.add_subcommand("records", "long-format records that match every filter given");
   add_image(c.records, v);
-  c.records->add_option("--type", v.types, "record type name or number (repeatable): " +
-                                               pd::record_type_names());
+  c.records->add_option("--type", v.types,
+                        "record type name or number (repeatable): " + pd::record_type_names());
   c.records->add_option("--rid", v.rid_arg, "record id H.L");
   c.records->add_option("--name", v.name_arg, "record name");
   c.records->add_option("--copy", v.copy, "configuration copy (default: first enabled)")

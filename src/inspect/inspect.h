@@ -35,10 +35,10 @@ int inspect_scan(session& s, const inspect_target& t);
 enum class hexdump_what { sector, block, record };
 struct hexdump_request {
   hexdump_what what = hexdump_what::sector;
-  std::uint64_t sector = 0;   // --sector
-  int copy = -1;              // --block's COPY, or --copy for --record
-  std::size_t block = 0;      // --block's N
-  std::string ref;            // --record
+  std::uint64_t sector = 0;  // --sector
+  int copy = -1;             // --block's COPY, or --copy for --record
+  std::size_t block = 0;     // --block's N
+  std::string ref;           // --record
   std::size_t count = 1;
 };
 // Fills `r` from the one given argument; false (after a usage message) when

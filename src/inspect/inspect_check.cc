@@ -120,10 +120,14 @@ bool mentions_io_failure(const std::string& err) {
 
 const char* status_text(int status) {
   switch (status) {
-    case INSPECT_OK: return "consistent";
-    case INSPECT_FINDINGS: return "inconsistencies found";
-    case INSPECT_UNUSABLE: return "no usable header, table of contents or configuration copy";
-    default: return "the image cannot be read";
+    case INSPECT_OK:
+      return "consistent";
+    case INSPECT_FINDINGS:
+      return "inconsistencies found";
+    case INSPECT_UNUSABLE:
+      return "no usable header, table of contents or configuration copy";
+    default:
+      return "the image cannot be read";
   }
 }
 

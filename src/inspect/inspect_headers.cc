@@ -27,14 +27,14 @@ constexpr const char HDR_MAGIC[] = "PRIVHEAD";
 struct header_copy {
   const char* name = "";
   voff_t sector = 0;
-  std::size_t nread = 0;            // bytes of the sector found in the image
+  std::size_t nread = 0;  // bytes of the sector found in the image
   std::uint8_t buf[HDR_SIZE] = {};
   bool magic_ok = false;
   std::uint32_t stored_sum = 0;
   std::uint32_t computed_sum = 0;
-  int res = -1;                     // the real decode result
-  int lenient_res = -1;             // with magic and checksum set aside
-  bool has_fields = false;          // the body was decoded one way or the other
+  int res = -1;             // the real decode result
+  int lenient_res = -1;     // with magic and checksum set aside
+  bool has_fields = false;  // the body was decoded one way or the other
   priv_header_info hdr;
 };
 
@@ -47,9 +47,7 @@ bool read_copy(inspect_image& img, header_copy& c) {
 
 // The header's decoder gives up at the first fault; 165 after magic and
 // checksum is a name fault and 168 a range fault, both past the body.
-bool body_decoded(int res) {
-  return res == 0 || res == VE_PRIV_FORMAT || res == VE_PRIV_INVALID;
-}
+bool body_decoded(int res) { return res == 0 || res == VE_PRIV_FORMAT || res == VE_PRIV_INVALID; }
 
 void decode_copy(header_copy& c) {
   c.magic_ok = std::memcmp(c.buf, HDR_MAGIC, 8) == 0;
@@ -143,7 +141,8 @@ std::string guid(const voldguid_t& g) {
 }
 
 const header_field header_fields[] = {
-    {"phi_version", [](const priv_header_info& h) {
+    {"phi_version",
+     [](const priv_header_info& h) {
        return num(h.phi_version_major) + "." + num(h.phi_version_minor);
      }},
     {"phi_update_time", [](const priv_header_info& h) { return num(h.phi_update_time); }},
@@ -176,7 +175,7 @@ const header_field header_fields[] = {
 };
 
 // The fields on which the scan insists that two decoded copies agree.
-const char* const geometry_fields[] = {"phi_atomic_iosize", "phi_priv_id",    "phi_pub_id",
+const char* const geometry_fields[] = {"phi_atomic_iosize", "phi_priv_id",     "phi_pub_id",
                                        "phi_priv_len",      "phi_priv_offset", "phi_pub_len",
                                        "phi_pub_offset"};
 
@@ -241,10 +240,12 @@ void print_choice(session& s, inspect_image& img, int res, const header_copy& p,
   } else if (!pok) {
     std::fprintf(s.out, "scan: alternate chosen: the primary does not decode\n");
   } else if (std::string g = geometry_disagreement(p, a); !g.empty()) {
-    std::fprintf(s.out, "scan: primary chosen: the copies disagree on %s, and the primary is kept\n",
+    std::fprintf(s.out,
+                 "scan: primary chosen: the copies disagree on %s, and the primary is kept\n",
                  g.c_str());
   } else if (used_alt) {
-    std::fprintf(s.out, "scan: alternate chosen: its update seqno %s is newer than the primary's %s\n",
+    std::fprintf(s.out,
+                 "scan: alternate chosen: its update seqno %s is newer than the primary's %s\n",
                  as.c_str(), ps.c_str());
   } else {
     std::fprintf(s.out,

@@ -37,8 +37,10 @@ int dump_sectors(session& s, inspect_image& img, std::uint64_t first, std::size_
   std::size_t ss = static_cast<std::size_t>(img.sector_size());
   std::vector<std::uint8_t> buf(ss);
   std::uint64_t nsect = img.file_size() / ss;
-  for (std::uint64_t sec = first; sec < first + count; sec++) {
-    std::size_t n = sec <= UINT64_MAX / ss ? img.read_at(sec * ss, buf.data(), ss) : 0;
+  for (std::size_t i = 0; i < count; i++) {
+    std::uint64_t sec = first + i;
+    bool addressable = sec >= first && sec <= UINT64_MAX / ss;
+    std::size_t n = addressable ? img.read_at(sec * ss, buf.data(), ss) : 0;
     if (n == 0) {
       std::fprintf(s.out, "sector %llu: beyond the end of the image (%llu sectors)\n",
                    static_cast<unsigned long long>(sec), static_cast<unsigned long long>(nsect));
@@ -62,9 +64,8 @@ int dump_blocks(session& s, inspect_image& img, int copy, std::size_t first, std
   if (cp == nullptr) return INSPECT_FINDINGS;
   std::uint8_t* buf = get_aligned_buf(s, COPY_BUFSIZE);
   std::size_t blk = first;
-  while (blk < first + count) {
-    std::size_t want = first + count - blk;
-    if (want > COPY_RUN_BLOCKS) want = COPY_RUN_BLOCKS;
+  for (std::size_t left = count; left > 0;) {
+    std::size_t want = left < COPY_RUN_BLOCKS ? left : COPY_RUN_BLOCKS;
     std::size_t nread = 0;
     if (priv_read_copy(s, img.priv(), cp, buf, blk, want, &nread) != 0) {
       volpfmt(s, s.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
@@ -75,6 +76,7 @@ int dump_blocks(session& s, inspect_image& img, int copy, std::size_t first, std
       puthex(s.out, buf + i * COPY_BLKSIZE, COPY_BLKSIZE);
     }
     blk += nread;
+    left -= nread;
     if (nread < want) {
       std::fprintf(s.out, "config copy %d: block %zu is beyond its end\n", cp->ci_copy, blk);
       return INSPECT_FINDINGS;
@@ -99,8 +101,8 @@ void dump_store_block(session& s, priv_info* priv, loaded_copy& lc, std::size_t 
   std::uint8_t* buf = get_aligned_buf(s, COPY_BUFSIZE);
   std::size_t nread = 0;
   std::fprintf(s.out, "block %zu (copy byte %zu):\n", blkno, byte);
-  if (nblks > COPY_RUN_BLOCKS ||
-      priv_read_copy(s, priv, lc.cp, buf, first, nblks, &nread) != 0 || nread < nblks) {
+  if (nblks > COPY_RUN_BLOCKS || priv_read_copy(s, priv, lc.cp, buf, first, nblks, &nread) != 0 ||
+      nread < nblks) {
     std::fprintf(s.out, "block %zu: cannot be read from the copy\n", blkno);
     return;
   }
@@ -123,8 +125,8 @@ int dump_record(session& s, inspect_image& img, int copy, const std::string& ref
                  volridtostr(r->rid, rid), dr->dbr_ref, static_cast<unsigned>(dr->dbr_type),
                  dr->dbr_size);
     std::size_t guard = 0;
-    for (std::size_t b = dr->dbr_first_blkno; b != DDB_NOBLOCK && b < lc.rep.db->ddb_nblocks &&
-                                              guard < lc.rep.db->ddb_nblocks;
+    for (std::size_t b = dr->dbr_first_blkno;
+         b != DDB_NOBLOCK && b < lc.rep.db->ddb_nblocks && guard < lc.rep.db->ddb_nblocks;
          b = ddb_block(lc.rep.db, b).dbb_next_blkno, guard++) {
       dump_store_block(s, img.priv(), lc, b);
     }
@@ -173,9 +175,12 @@ int inspect_hexdump(session& s, const inspect_target& t, const hexdump_request& 
   inspect_image img(s);
   if (!img.open(t)) return INSPECT_USAGE_IO;
   switch (r.what) {
-    case hexdump_what::sector: return dump_sectors(s, img, r.sector, r.count);
-    case hexdump_what::block: return dump_blocks(s, img, r.copy, r.block, r.count);
-    case hexdump_what::record: return dump_record(s, img, r.copy, r.ref);
+    case hexdump_what::sector:
+      return dump_sectors(s, img, r.sector, r.count);
+    case hexdump_what::block:
+      return dump_blocks(s, img, r.copy, r.block, r.count);
+    case hexdump_what::record:
+      return dump_record(s, img, r.copy, r.ref);
   }
   return INSPECT_FINDINGS;
 }

@@ -47,9 +47,7 @@ bool inspect_image::open(const inspect_target& t) {
   return true;
 }
 
-int inspect_image::scan() {
-  return priv_scan(priv_, &dattrs_);
-}
+int inspect_image::scan() { return priv_scan(priv_, &dattrs_); }
 
 int inspect_image::join() {
   saved_offset_ = priv_->pri_header->phi_priv_offset;
@@ -73,8 +71,7 @@ bool inspect_image::locate() {
   return true;
 }
 
-std::size_t inspect_image::read_at(std::uint64_t offset, std::uint8_t* buf,
-                                   std::size_t len) const {
+std::size_t inspect_image::read_at(std::uint64_t offset, std::uint8_t* buf, std::size_t len) const {
   if (s.priv_fd == nullptr || offset >= file_size_) return 0;
   if (fseeko(s.priv_fd, static_cast<off_t>(offset), SEEK_SET) != 0) return 0;
   return std::fread(buf, 1, len, s.priv_fd);

@@ -20,10 +20,10 @@
 namespace pd {
 
 // Exit statuses of privinspect.
-inline constexpr int INSPECT_OK = 0;          // done; check: consistent
-inline constexpr int INSPECT_FINDINGS = 1;    // check: inconsistencies; others: stopped
-inline constexpr int INSPECT_UNUSABLE = 2;    // check: no usable header, TOC or config copy
-inline constexpr int INSPECT_USAGE_IO = 3;    // usage error, image cannot be opened or read
+inline constexpr int INSPECT_OK = 0;        // done; check: consistent
+inline constexpr int INSPECT_FINDINGS = 1;  // check: inconsistencies; others: stopped
+inline constexpr int INSPECT_UNUSABLE = 2;  // check: no usable header, TOC or config copy
+inline constexpr int INSPECT_USAGE_IO = 3;  // usage error, image cannot be opened or read
 
 // What every subcommand is given: the image and its sector size.
 struct inspect_target {

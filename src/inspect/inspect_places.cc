@@ -29,8 +29,12 @@ void add_copies(const inspect_image& img, copy_kind kind, const copy_info* list,
     std::uint64_t unit = 512;
     for (int i = 0; i < cp->ci_npart; i++) {
       const disk_region& r = cp->ci_parts[i]->tei_region;
-      copy_part_place p{kind, cp->ci_copy, chunk * static_cast<std::uint64_t>(r.dkr_offset),
-                        chunk * static_cast<std::uint64_t>(r.dkr_len), at, 512};
+      copy_part_place p{kind,
+                        cp->ci_copy,
+                        chunk * static_cast<std::uint64_t>(r.dkr_offset),
+                        chunk * static_cast<std::uint64_t>(r.dkr_len),
+                        at,
+                        512};
       if (i == 0 && kind == copy_kind::config) unit = config_unit(img, p.start);
       p.unit = unit;
       out.push_back(p);
@@ -71,8 +75,8 @@ copy_places copy_places::locate_quietly(inspect_image& img) {
   res = img.join();
   if (res != 0) {
     std::snprintf(line, sizeof line,
-                  "located: %s header, seqno %s; table of contents not joined: error %d: %s",
-                  which, seq, res, vol_strerror(res));
+                  "located: %s header, seqno %s; table of contents not joined: error %d: %s", which,
+                  seq, res, vol_strerror(res));
     pl.summary_ = line;
     return pl;
   }
@@ -80,10 +84,9 @@ copy_places copy_places::locate_quietly(inspect_image& img) {
   std::uint64_t chunk = h->phi_chunk_size;
   add_copies(img, copy_kind::config, img.priv()->pri_config_copies, chunk, pl.parts_);
   add_copies(img, copy_kind::log, img.priv()->pri_log_copies, chunk, pl.parts_);
-  std::snprintf(line, sizeof line,
-                "located: %s header, seqno %s; %d configuration and %d log copies", which, seq,
-                count_copies(img.priv()->pri_config_copies),
-                count_copies(img.priv()->pri_log_copies));
+  std::snprintf(
+      line, sizeof line, "located: %s header, seqno %s; %d configuration and %d log copies", which,
+      seq, count_copies(img.priv()->pri_config_copies), count_copies(img.priv()->pri_log_copies));
   pl.summary_ = line;
   return pl;
 }
@@ -95,25 +98,29 @@ const copy_part_place* copy_places::find(std::uint64_t byte) const {
   return nullptr;
 }
 
+std::optional<copy_position> copy_places::position(std::uint64_t sector) const {
+  const copy_part_place* p = joined_ ? find(sector * sector_size_) : nullptr;
+  if (p == nullptr) return std::nullopt;
+  std::uint64_t at = p->copy_offset + sector * sector_size_ - p->start;
+  return copy_position{p->kind, p->copy, at / p->unit, at % p->unit};
+}
+
 std::string copy_places::describe(std::uint64_t sector) const {
   if (!joined_) return "";
-  const copy_part_place* p = find(sector * sector_size_);
-  if (p == nullptr) return "; outside every copy";
-  std::uint64_t at = p->copy_offset + sector * sector_size_ - p->start;
-  std::string out = std::string("; ") + (p->kind == copy_kind::config ? "config" : "log") +
-                    " copy " + std::to_string(p->copy) + ", block " +
-                    std::to_string(at / p->unit);
-  if (at % p->unit != 0) out += " + " + std::to_string(at % p->unit) + " bytes";
+  std::optional<copy_position> at = position(sector);
+  if (!at) return "; outside every copy";
+  std::string out = std::string("; ") + (at->kind == copy_kind::config ? "config" : "log") +
+                    " copy " + std::to_string(at->copy) + ", block " + std::to_string(at->block);
+  if (at->rem != 0) out += " + " + std::to_string(at->rem) + " bytes";
   return out;
 }
 
-std::string copy_places::describe(std::uint64_t sector, copy_kind kind,
-                                  std::uint32_t blkno) const {
+std::string copy_places::describe(std::uint64_t sector, copy_kind kind, std::uint32_t blkno) const {
   std::string out = describe(sector);
-  const copy_part_place* p = joined_ ? find(sector * sector_size_) : nullptr;
-  if (p == nullptr || p->kind != kind) return out;
-  std::uint64_t at = p->copy_offset + sector * sector_size_ - p->start;
-  if (at % p->unit == 0 && at / p->unit != blkno) out += ": block number differs";
+  std::optional<copy_position> at = position(sector);
+  if (at && at->kind == kind && at->rem == 0 && at->block != blkno) {
+    out += ": block number differs";
+  }
   return out;
 }
 

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,15 @@ struct copy_part_place {
   std::uint64_t unit;         // bytes per block of this copy
 };
 
+// A position inside a copy: the block of the copy's unit and the bytes
+// into it.
+struct copy_position {
+  copy_kind kind;
+  int copy;
+  std::uint64_t block;
+  std::uint64_t rem;
+};
+
 class copy_places {
  public:
   // Scans and joins the image without printing; an image that cannot be
@@ -44,6 +54,9 @@ class copy_places {
   // another number adds ": block number differs".
   std::string describe(std::uint64_t sector) const;
   std::string describe(std::uint64_t sector, copy_kind kind, std::uint32_t blkno) const;
+  // Where the sector lies, when the image is joined and a copy holds it.
+  std::optional<copy_position> position(std::uint64_t sector) const;
+  bool joined() const { return joined_; }
 
   bool header_seqno_known = false;
   volseqno_t header_seqno;

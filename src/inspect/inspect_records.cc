@@ -23,10 +23,10 @@ struct record_type_name {
 };
 
 constexpr record_type_name record_type_names_table[] = {
-    {"volume", 1},   {"vol", 1},       {"plex", 2},      {"subdisk", 3},  {"sd", 3},
-    {"disk", 4},     {"dm", 4},        {"diskgroup", 5}, {"dg", 5},       {"da", 6},
-    {"rvol", 7},     {"replica", 8},   {"rlink", 8},     {"dco", 9},      {"snapshot", 10},
-    {"snap", 10},    {"stpool", 11},   {"info", 12},     {"cache", 13},   {"vset", 14},
+    {"volume", 1}, {"vol", 1},     {"plex", 2},      {"subdisk", 3}, {"sd", 3},
+    {"disk", 4},   {"dm", 4},      {"diskgroup", 5}, {"dg", 5},      {"da", 6},
+    {"rvol", 7},   {"replica", 8}, {"rlink", 8},     {"dco", 9},     {"snapshot", 10},
+    {"snap", 10},  {"stpool", 11}, {"info", 12},     {"cache", 13},  {"vset", 14},
 };
 
 bool lookup_type(const std::string& text, int& type) {
@@ -107,8 +107,7 @@ int inspect_records(session& s, const inspect_target& t, const records_filter& f
     matched++;
     pr.print_record(lc.rep.db, r->dbrec);
   }
-  std::fprintf(s.out, "#%d of %d record(s) of config copy %d match\n", matched, total,
-               cp->ci_copy);
+  std::fprintf(s.out, "#%d of %d record(s) of config copy %d match\n", matched, total, cp->ci_copy);
   return matched > 0 ? INSPECT_OK : INSPECT_FINDINGS;
 }
 

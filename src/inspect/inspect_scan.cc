@@ -7,6 +7,7 @@
 // the header's sequence number for comparison.
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,8 +47,21 @@ class scanner {
   // Examines the sector at `sector` whose bytes (`len`, at most one sector)
   // are `p`; returns whether it was a candidate.
   bool examine(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
+  // Prints a pending run of unused blocks.
+  void flush();
 
  private:
+  // Consecutive unused blocks (reference 0) whose numbers count up with
+  // their sectors and agree with their places are listed as one line.
+  struct unused_run {
+    std::uint64_t first_sector = 0;
+    std::uint64_t count = 0;
+    std::uint32_t first_blkno = 0;
+    std::uint16_t frag = 0, nfrag = 0;  // of the first block
+    std::optional<copy_position> first_place;
+  };
+  bool extend_run(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
+
   void prefix(std::uint64_t sector, const char* magic);
   void privhead(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
   void tocblock(const std::uint8_t* p, std::size_t len);
@@ -59,7 +73,55 @@ class scanner {
   session& s_;
   inspect_image& img_;
   const copy_places& places_;
+  unused_run run_;
 };
+
+bool scanner::extend_run(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
+  if (len < DDB_BLKHDR_SIZE || std::memcmp(p, "VBLK", 4) != 0 || get_be32(p + 8) != 0) {
+    return false;
+  }
+  std::uint32_t blkno = get_be32(p + 4);
+  std::optional<copy_position> at = places_.position(sector);
+  if (at && (at->kind != copy_kind::config || at->rem != 0 || at->block != blkno)) return false;
+  if (places_.joined() && !at) return false;
+  bool continues = run_.count > 0 && sector == run_.first_sector + run_.count &&
+                   blkno == run_.first_blkno + run_.count &&
+                   (!at || (run_.first_place && run_.first_place->copy == at->copy));
+  if (!continues) {
+    flush();
+    run_.first_sector = sector;
+    run_.first_blkno = blkno;
+    run_.frag = get_be16(p + 12);
+    run_.nfrag = get_be16(p + 14);
+    run_.first_place = at;
+  }
+  run_.count++;
+  return true;
+}
+
+void scanner::flush() {
+  if (run_.count == 0) return;
+  std::uint64_t last = run_.first_sector + run_.count - 1;
+  std::uint32_t last_blkno = run_.first_blkno + static_cast<std::uint32_t>(run_.count - 1);
+  if (run_.count == 1) {
+    prefix(run_.first_sector, "VBLK");
+    std::fprintf(s_.out, " block %u, ref 0, fragment %u of %u%s\n", run_.first_blkno, run_.frag,
+                 run_.nfrag, places_.describe(run_.first_sector).c_str());
+  } else {
+    std::uint64_t ss = static_cast<std::uint64_t>(img_.sector_size());
+    std::fprintf(s_.out, "sectors %llu-%llu (bytes %llu-%llu): VBLK blocks %u-%u, unused (ref 0)",
+                 static_cast<unsigned long long>(run_.first_sector),
+                 static_cast<unsigned long long>(last),
+                 static_cast<unsigned long long>(run_.first_sector * ss),
+                 static_cast<unsigned long long>(last * ss), run_.first_blkno, last_blkno);
+    if (run_.first_place) {
+      std::fprintf(s_.out, "; config copy %d, blocks %u-%u", run_.first_place->copy,
+                   run_.first_blkno, last_blkno);
+    }
+    std::fputc('\n', s_.out);
+  }
+  run_ = unused_run{};
+}
 
 void scanner::prefix(std::uint64_t sector, const char* magic) {
   std::uint64_t ss = static_cast<std::uint64_t>(img_.sector_size());
@@ -167,8 +229,10 @@ void scanner::klog(std::uint64_t sector, const std::uint8_t* p, std::size_t len)
 }
 
 bool scanner::examine(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
+  if (extend_run(sector, p, len)) return true;
   for (const scan_magic& m : scan_magics) {
     if (len < m.len || std::memcmp(p, m.magic, m.len) != 0) continue;
+    flush();
     prefix(sector, m.magic);
     if (m.magic[0] == 'P') {
       privhead(sector, p, len);
@@ -206,6 +270,7 @@ int inspect_scan(session& s, const inspect_target& t) {
       if (sc.examine(sector, run.data() + at, len)) found++;
     }
   }
+  sc.flush();
   std::fprintf(s.out, "%llu candidate(s) in %llu sector(s)\n",
                static_cast<unsigned long long>(found), static_cast<unsigned long long>(sector));
   return INSPECT_OK;

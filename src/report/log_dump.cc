@@ -81,8 +81,7 @@ void klog_print_form(session& s, const klog_entry_form& f, const std::uint8_t* b
       break;
     case klog_words::app_dirty:
       std::fprintf(s.out, f.fmt, n, volridtostr(klog_seqno(bp, 0), ridbuf),
-                   volseqnotostr(klog_seqno(bp, 2), tidbuf),
-                   static_cast<int>(klog_word(bp, 4)));
+                   volseqnotostr(klog_seqno(bp, 2), tidbuf), static_cast<int>(klog_word(bp, 4)));
       break;
   }
 }
@@ -129,8 +128,8 @@ void log_dump_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf
 
 }  // namespace
 
-int logblk_valid(const std::uint8_t* buf, std::size_t len, std::size_t logblkno,
-                 volseqno_t* tidp, unsigned long* logseqnop, std::size_t* nblksp) {
+int logblk_valid(const std::uint8_t* buf, std::size_t len, std::size_t logblkno, volseqno_t* tidp,
+                 unsigned long* logseqnop, std::size_t* nblksp) {
   if (buf == nullptr || len < KLOG_OFF_ENTRIES) return 0;
   std::uint32_t magic = get_be32(buf + KLOG_OFF_MAGIC);
   if (magic != KLOG_MAGIC && magic != KLOG_MAGIC_ALT) return 0;
@@ -147,8 +146,7 @@ int logblk_valid(const std::uint8_t* buf, std::size_t len, std::size_t logblkno,
   return 1;
 }
 
-int priv_print_log(session& s, const std::uint8_t* bp, const std::uint8_t* limit, int n,
-                   int blk) {
+int priv_print_log(session& s, const std::uint8_t* bp, const std::uint8_t* limit, int n, int blk) {
   if (bp == nullptr || limit <= bp) return -1;
   std::uint8_t type = bp[0];
   if (type == MIN_KLOG_TYPE_ENT) return 0;

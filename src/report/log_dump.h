@@ -60,7 +60,7 @@ enum vol_klogent_type : std::uint8_t {
   VOL_KLOG_LOGDETACH = 4,
   VOL_KLOG_APP_DIRTY = 5,
   VOL_KLOG_DG_CHANGE_LOG = 6,
-  VOL_KLOG_SRL_ERROR = 7,      // 7..31 exist but the dump prints them as invalid
+  VOL_KLOG_SRL_ERROR = 7,  // 7..31 exist but the dump prints them as invalid
   VOL_KLOG_CACHE_DETACH = 31,
   VOL_KLOG_DIRTY_SEQNO = 32,
   VOL_KLOG_CACHE_SEQNO = 33,
@@ -71,14 +71,13 @@ enum vol_klogent_type : std::uint8_t {
 // is invalid): the magic must be KLOG or kLOG and the stored block number
 // must equal `logblkno`. On success stores the tid, the log sequence number
 // and the log length and returns 1; otherwise returns 0 and stores nothing.
-int logblk_valid(const std::uint8_t* buf, std::size_t len, std::size_t logblkno,
-                 volseqno_t* tidp, unsigned long* logseqnop, std::size_t* nblksp);
+int logblk_valid(const std::uint8_t* buf, std::size_t len, std::size_t logblkno, volseqno_t* tidp,
+                 unsigned long* logseqnop, std::size_t* nblksp);
 
 // Prints entry `n` of block `blk`, whose bytes start at `bp` and may not be
 // read at or past `limit`. An empty slot (type 0) prints nothing. Returns 0,
 // or -1 without printing when the entry's words do not fit before `limit`.
-int priv_print_log(session& s, const std::uint8_t* bp, const std::uint8_t* limit, int n,
-                   int blk);
+int priv_print_log(session& s, const std::uint8_t* bp, const std::uint8_t* limit, int n, int blk);
 
 // Dumps log copy `copy`, or every log copy when `copy` is negative, on
 // s.out (read and block faults go to s.err and do not stop the dump).

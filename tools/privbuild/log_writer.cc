@@ -1,8 +1,6 @@
 // Kernel log blocks for the image builder.
 #include "privbuild/log_writer.h"
 
-#include "privbuild/builder.h"
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +8,7 @@
 
 #include "codec/integers.h"
 #include "codec/text_forms.h"
+#include "privbuild/builder.h"
 #include "report/log_dump.h"
 
 namespace pd::privbuild {
@@ -73,7 +72,7 @@ bool parse_type(const std::string& text, std::uint8_t& type) {
 
 bool parse_block(const std::vector<std::pair<std::string, std::string>>& kv, log_content& c,
                  std::string& error) {
-  log_block_spec b;
+  log_block_desc b;
   for (const auto& [key, value] : kv) {
     std::uint32_t n = 0;
     bool ok = true;
@@ -120,7 +119,7 @@ bool parse_entry(const std::vector<std::pair<std::string, std::string>>& kv, log
     error = "log entry before any block";
     return false;
   }
-  log_entry_spec e;
+  log_entry_desc e;
   std::optional<volseqno_t> rid, tid;
   std::optional<std::uint32_t> recover;
   std::optional<std::array<std::uint32_t, 5>> words;
@@ -195,7 +194,7 @@ bool log_parse_line(const std::string& line, log_content& c, std::string& error)
   return false;
 }
 
-bool log_format_block(const log_block_spec& b, std::size_t index, std::size_t nblocks,
+bool log_format_block(const log_block_desc& b, std::size_t index, std::size_t nblocks,
                       std::uint8_t* out, std::string& error) {
   std::memset(out, 0, KLOG_BLKSIZE);
   std::memcpy(out + KLOG_OFF_MAGIC, b.magic.data(), 4);
@@ -205,7 +204,7 @@ bool log_format_block(const log_block_spec& b, std::size_t index, std::size_t nb
   put_be32(out + KLOG_OFF_LOGLEN, b.loglen.value_or(static_cast<std::uint32_t>(nblocks)));
   put_be32(out + KLOG_OFF_BLKNO, b.blkno.value_or(static_cast<std::uint32_t>(index)));
   bool used[KLOG_NENTRIES] = {};
-  for (const log_entry_spec& e : b.entries) {
+  for (const log_entry_desc& e : b.entries) {
     int slot = e.slot;
     if (slot < 0) {
       for (slot = 0; slot < KLOG_NENTRIES && used[slot]; slot++) {

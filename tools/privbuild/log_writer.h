@@ -33,23 +33,23 @@
 
 namespace pd::privbuild {
 
-struct log_entry_spec {
+struct log_entry_desc {
   int slot = -1;  // -1: the next free slot
   std::uint8_t type = 0;
   std::array<std::uint32_t, 5> words{};
 };
 
-struct log_block_spec {
+struct log_block_desc {
   std::string magic = "KLOG";
   volseqno_t tid;
   std::uint32_t seqno = 0;
   std::optional<std::uint32_t> loglen;  // default: number of blocks
   std::optional<std::uint32_t> blkno;   // default: the block's index
-  std::vector<log_entry_spec> entries;
+  std::vector<log_entry_desc> entries;
 };
 
 struct log_content {
-  std::vector<log_block_spec> blocks;
+  std::vector<log_block_desc> blocks;
 };
 
 // Parses one description line into `c`; false with `error` set on a fault.
@@ -64,7 +64,7 @@ void register_log_generator();
 
 // Encodes one block at `out` (512 bytes) as block `index` of a copy of
 // `nblocks` described blocks.
-bool log_format_block(const log_block_spec& b, std::size_t index, std::size_t nblocks,
+bool log_format_block(const log_block_desc& b, std::size_t index, std::size_t nblocks,
                       std::uint8_t* out, std::string& error);
 
 }  // namespace pd::privbuild
