@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <random>
 #include <string>
 #include <vector>
@@ -184,6 +185,55 @@ TEST(RobustnessTest, ReportOfTensOfThousandsOfRecords) {
                        "    |   |---s00000   (64/0MB)\n    |   |\n"
                        "    |   |---s08000   (64/0MB)\n    |\n    |---p00001\n"),
             std::string::npos);
+}
+
+// A TOC of thousands of entries in hundreds of blocks: the joined list is
+// ordered by start with equal starts in the order the blocks hold them, and
+// each of thousands of copy numbers becomes one copy.
+TEST(RobustnessTest, TocOfThousandsOfEntries) {
+  constexpr int nlogs = 3000, nother = 1200, per_block = 14;
+  std::mt19937 rng(11);
+  // (start, copy number; 0 for the zero-length entries of another type)
+  std::vector<std::pair<long, unsigned>> arrival;
+  std::vector<long> log_starts;
+  for (long i = 0; i < nlogs; ++i) log_starts.push_back(1000 + i);
+  std::shuffle(log_starts.begin(), log_starts.end(), rng);
+  for (int i = 0, l = 0; i < nlogs + nother; ++i) {
+    if (l < nlogs && rng() % 4 != 0) {
+      arrival.emplace_back(log_starts[l], static_cast<unsigned>(l + 1));
+      ++l;
+    } else {
+      arrival.emplace_back(1000 + static_cast<long>(rng() % 100), 0);
+    }
+  }
+  const int nblocks = (static_cast<int>(arrival.size()) + per_block - 1) / per_block;
+  std::string desc = "disk sector-size=512 sectors=8192\n";
+  for (int b = 0; b < nblocks; ++b) {
+    desc += "tocblock at=" + std::to_string(1 + b) + " alt=" + std::to_string(501 + b) + "\n";
+  }
+  for (std::size_t i = 0; i < arrival.size(); ++i) {
+    const auto& [start, copy] = arrival[i];
+    const std::string block = " block=" + std::to_string(i / per_block) + "\n";
+    if (copy != 0) {
+      desc += "region log copy=" + std::to_string(copy) + " offset=" + std::to_string(start) +
+              " len=1" + block;
+    } else {
+      desc += "region junk offset=" + std::to_string(start) + " len=0 info=0102" + block;
+    }
+  }
+  const measured_run r = run_measured(write_image("toc.img", build(desc)));
+  EXPECT_EQ(r.status, 1);  // no configuration copy
+  EXPECT_EQ(r.err, "qztool:priv: ERROR: Disk has no config copies\n");
+  std::vector<std::pair<long, unsigned>> listed;
+  for (std::size_t p = r.out.find(" priv "); p != std::string::npos; p = r.out.find(" priv ", p + 1)) {
+    const long start = std::strtol(r.out.c_str() + p + 6, nullptr, 10);
+    const bool log = r.out.compare(p - 9, 4, " log") == 0;
+    const std::size_t c = r.out.find("copy=", p);
+    listed.emplace_back(start, log ? static_cast<unsigned>(std::strtoul(r.out.c_str() + c + 5, nullptr, 10)) : 0);
+  }
+  std::stable_sort(arrival.begin(), arrival.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  EXPECT_EQ(listed, arrival);
 }
 
 // The sorted-list builder gives the list that inserting one by one gives,
