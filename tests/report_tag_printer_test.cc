@@ -236,6 +236,9 @@ TEST(FieldPrinterTest, DiskGroupCopiesVersionAndIds) {
   EXPECT_STREQ(tp.dg_sprint_field(&g, "nlog"), "3");
   g.dg_version = 171;
   EXPECT_STREQ(tp.dg_sprint_field(&g, "version"), "171");
+  // "%ld" of the member's value: an unsigned minor number is not negative.
+  g.dg_base_minor = 3000000000u;
+  EXPECT_STREQ(tp.dg_sprint_field(&g, "base_minor"), "3000000000");
   std::strcpy(g.dg_dgid, "1234.5.host");
   EXPECT_STREQ(tp.dg_sprint_field(&g, "dgid"), "1234.5.host");
   EXPECT_STREQ(tp.dg_sprint_field(&g, "actmode"), "");
