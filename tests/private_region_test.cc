@@ -129,6 +129,33 @@ TEST(ScanTest, TheSearchIgnoresOtherCandidates) {
   }
 }
 
+// A candidate that decodes (wholly or in part) leaves its own sector size in
+// the header; the next candidates are still read one searched-size sector
+// at a time into the search's buffer.
+TEST(ScanTest, ACandidateClaimingLargeSectorsDoesNotResizeTheSearch) {
+  const std::string scan_failed =
+      "qztool:priv: ERROR: scan operation failed:\n\tFormat error in disk private region\n";
+  const std::string join_failed =
+      "qztool:priv: ERROR: join operation failed:\n\tDisk private region contents are invalid\n";
+  struct {
+    std::string candidates;
+    std::string err;
+  } cases[] = {
+      {"hdrcopy 8 alternate=9 iosize=65536\n", scan_failed},
+      {"hdrcopy 8 alternate=8 iosize=65536 diskid=.bad\n", scan_failed},
+      {"hdrcopy 8 alternate=9 iosize=65536\nhdrcopy 64 alternate=64\n", join_failed},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    const std::string path = test::temp_dir() + "/bigsector" + std::to_string(n++) + ".img";
+    test::write_file(path, build(disk512 + "hdrcopy primary damage=magic\n" + c.candidates));
+    const auto r = test::run_process({PD_PRIVDIAG_BIN, path});
+    EXPECT_EQ(r.status, 1) << c.candidates;
+    EXPECT_EQ(r.err, c.err) << c.candidates;
+    EXPECT_EQ(r.out, "") << c.candidates;
+  }
+}
+
 TEST(ScanTest, FindAltHeaderDirectly) {
   memory_disk d(build(disk512 + "hdrcopy 64 alternate=64\n"));
   disk_attrs a = d.attrs();

@@ -158,6 +158,10 @@ int priv_find_alt_header(priv_info* priv, priv_header_info* /*hdrbuf*/) {
 
   while (remain > 0) {
     if (remain < ioskip) ioskip = remain;
+    // Every candidate is read as one sector of the size searched with: a
+    // candidate that failed to decode may have left any sector size in the
+    // header, and the buffer holds one sector of the searched size.
+    hdr->phi_atomic_iosize = iosize;
     // Any read failure passes over the candidate.
     if (priv->pri_read(priv, buf, cursect, 1, PRI_IO_PRIVATE) == VE_OK) {
       *hdr = savehdr;
