@@ -129,10 +129,11 @@ TEST(ScanTest, TheSearchIgnoresOtherCandidates) {
   }
 }
 
-// A candidate that decodes (wholly or in part) leaves its own sector size in
-// the header; the next candidates are still read one searched-size sector
-// at a time into the search's buffer.
-TEST(ScanTest, ACandidateClaimingLargeSectorsDoesNotResizeTheSearch) {
+// A candidate that decodes (wholly or in part) but is not the one sought
+// leaves its sector size and region offset in the header. The next
+// candidates are still read one searched-size sector at a time into the
+// search's buffer; an offset that leaves 64 bits is a failed seek.
+TEST(ScanTest, CandidatesOfAnotherGeometry) {
   const std::string scan_failed =
       "qztool:priv: ERROR: scan operation failed:\n\tFormat error in disk private region\n";
   const std::string join_failed =
@@ -144,10 +145,12 @@ TEST(ScanTest, ACandidateClaimingLargeSectorsDoesNotResizeTheSearch) {
       {"hdrcopy 8 alternate=9 iosize=65536\n", scan_failed},
       {"hdrcopy 8 alternate=8 iosize=65536 diskid=.bad\n", scan_failed},
       {"hdrcopy 8 alternate=9 iosize=65536\nhdrcopy 64 alternate=64\n", join_failed},
+      {"hdrcopy 8 alternate=9 priv-offset=0x7fffffffffffffff\n",
+       "nt_seek_dev SetFilePointer privdiag: Cannot seek to offset 0\n"},
   };
   int n = 0;
   for (const auto& c : cases) {
-    const std::string path = test::temp_dir() + "/bigsector" + std::to_string(n++) + ".img";
+    const std::string path = test::temp_dir() + "/geometry" + std::to_string(n++) + ".img";
     test::write_file(path, build(disk512 + "hdrcopy primary damage=magic\n" + c.candidates));
     const auto r = test::run_process({PD_PRIVDIAG_BIN, path});
     EXPECT_EQ(r.status, 1) << c.candidates;
