@@ -161,13 +161,11 @@ TEST(ScanTest, CandidatesOfAnotherGeometry) {
 
 TEST(ScanTest, FindAltHeaderDirectly) {
   memory_disk d(build(disk512 + "hdrcopy 64 alternate=64\n"));
-  disk_attrs a = d.attrs();
   d.priv->pri_header = priv_alloc_header();
   d.priv->pri_header->phi_atomic_iosize = 512;
   ASSERT_EQ(priv_find_alt_header(d.priv, nullptr), VE_OK);
   EXPECT_EQ(d.priv->pri_header->phi_priv_len, 2048);  // left decoded
   EXPECT_EQ(d.reads, 8);                             // sectors 8, 16, ... 64
-  (void)a;
 }
 
 TEST(ScanTest, WithFourKiBSectorsTheSearchCannotMatch) {
