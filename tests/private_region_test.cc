@@ -269,6 +269,13 @@ TEST(ScanOffsetTest, LocatesARegionFromTheCandidateStarts) {
 TEST(ScanOffsetTest, NothingAtTheCandidateStarts) {
   memory_disk d(std::vector<std::uint8_t>(512 * 300, 0));
   EXPECT_EQ(priv_scan_header(d.priv, -1, 512), 1);
+  // Sector sizes other than 512 fail every candidate; a given start reports
+  // why.
+  memory_disk region(device_with_region_at_one());
+  for (std::size_t iosize : {0u, 1024u}) {
+    EXPECT_EQ(priv_scan_header(region.priv, -1, iosize), 1) << iosize;
+    EXPECT_EQ(priv_scan_header(region.priv, 1, iosize), VE_SECTOR_SIZE) << iosize;
+  }
 }
 
 TEST(ScanOffsetTest, CopiesThatDisagreeAreRefused) {
