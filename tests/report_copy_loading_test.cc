@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/errors.h"
+#include "report_e2e_support.h"
 #include "test_support.h"
 
 namespace pd {
@@ -160,6 +161,107 @@ TEST_F(CopyReaderTest, CopySelectionFailures) {
   EXPECT_THROW(priv_dump_config(c3.get(), &priv_, 5), fatal_exit);
   EXPECT_EQ(c3.err(), "ERROR: Disk does not have config copy 5\n");
   EXPECT_EQ(c3.out(), "");
+}
+
+// An image holding one configuration copy at sector 17, 16 sectors long.
+class LoadedCopyTest : public CopyReaderTest {
+ protected:
+  void write_copy(const test::bytes& copy) {
+    std::vector<std::uint8_t> image(17 * 512);
+    image.insert(image.end(), copy.begin(), copy.end());
+    image.resize(64 * 512);
+    std::fclose(cs_->priv_fd);
+    test::write_file(path_, image);
+    cs_->priv_fd = std::fopen(path_.c_str(), "rb");
+  }
+  static test::config_copy group_copy() {
+    test::config_copy c(64);
+    test::set_header(c.header(), 30, 1, 0, 0, 0);
+    dgrec dg = test::make_dg("dg1", 1, 10);
+    dg.dg_nt_diskset_id = {0x01020304, 5, 6, {7, 8, 9, 10, 11, 12, 13, 14}};
+    const volrec v = test::make_vol("v1", 3, 2048, 0, 12);
+    stpoolrec pool{};
+    std::strcpy(pool.stp_name, "pool1");
+    c.add(1, test::T_DG, &dg);
+    c.add(3, test::T_VOL, &v);
+    c.add(4, 0x3B, &pool);  // a type without room: decoded and dropped
+    return c;
+  }
+};
+
+TEST_F(LoadedCopyTest, AnExplicitlyNamedDisabledCopyIsLoadedWithANote) {
+  test::config_copy c = group_copy();
+  write_copy(c.data());
+  make_copy(3, {{17, 16}}, DKR_DISABLED);
+  EXPECT_EQ(priv_dump_config(cs_.get(), &priv_, 3), 1);
+  const std::string out = cs_.out();
+  EXPECT_EQ(out.substr(0, 120),
+            std::string("#Config copy 03\n#NOTE: Copy is disabled\n\n"
+                        "========== Configuration Overview ========\n\n"
+                        "dg1\n|---v1   (2048/1MB)\n\nOther records:\n    pool1\n")
+                .substr(0, 120));
+  EXPECT_EQ(cs_.err(), "");
+}
+
+TEST_F(LoadedCopyTest, DiskSetIdLookup) {
+  test::config_copy c = group_copy();
+  write_copy(c.data());
+  make_copy(1, {{17, 16}});
+  char id[40] = "unchanged";
+  EXPECT_EQ(priv_dump_config_disksetID(cs_.get(), &priv_, -1, id), 1);
+  EXPECT_STREQ(id, "01020304-0005-0006-0708-090a0b0c0d0e");
+  EXPECT_EQ(cs_.out(), "");
+  EXPECT_EQ(priv_dump_config_disksetID(cs_.get(), &priv_, 7, id), -2);
+
+  // Without a disk-group record: -1.
+  test::config_copy nodg(64);
+  test::set_header(nodg.header(), 30, 1, 0, 0, 0);
+  const volrec v = test::make_vol("v1", 3, 2048, 0, 12);
+  nodg.add(3, test::T_VOL, &v);
+  write_copy(nodg.data());
+  EXPECT_EQ(priv_dump_config_disksetID(cs_.get(), &priv_, -1, id), -1);
+  EXPECT_EQ(cs_.err(), "");
+}
+
+TEST_F(LoadedCopyTest, SilentLoaderReportsItsErrorOnTheOutputStream) {
+  test::config_copy c = group_copy();
+  c.image().block(5)[0] = 'x';  // the volume's block
+  test::bytes data = c.data();
+  config_report rep(cs_.get());
+  ASSERT_EQ(rep.configcopy_setup(), 1);
+  EXPECT_EQ(rep.LoadRecords(data.data(), 0, 1), 1);
+  EXPECT_EQ(rep.lastoffset, 512);
+  EXPECT_EQ(rep.LoadRecords(data.data() + 512, 1, 2), -1);
+  EXPECT_EQ(cs_.out(), "ERROR: Error (File block 1): Invalid magic number\n");
+  EXPECT_EQ(cs_.err(), "");
+  EXPECT_EQ(rep.configcopy_eof_called, 0);
+  // The disk group was collected before the error.
+  ASSERT_NE(rep.rlist, nullptr);
+  EXPECT_STREQ(rep.rlist->name, "dg1");
+  EXPECT_EQ(rep.rlist->type, 5);
+}
+
+TEST_F(LoadedCopyTest, ReportIsPrintedOnceWhenTheDatabaseEndsAtARunBoundary) {
+  // 512 blocks of 128 bytes end exactly after the first run of 128 sectors.
+  test::config_copy c(512);
+  test::set_header(c.header(), 30, 0, 0, 0, 0);
+  const dgrec dg = test::make_dg("dg1", 1, 10);
+  c.add(1, test::T_DG, &dg);
+  std::vector<std::uint8_t> image(17 * 512);
+  const test::bytes data = c.data();
+  image.insert(image.end(), data.begin(), data.end());
+  image.resize(image.size() + 200 * 512);
+  std::fclose(cs_->priv_fd);
+  test::write_file(path_, image);
+  cs_->priv_fd = std::fopen(path_.c_str(), "rb");
+  make_copy(1, {{17, 300}});
+  EXPECT_EQ(priv_dump_config(cs_.get(), &priv_, -1), 1);
+  const std::string out = cs_.out();
+  const std::string head = "========== Configuration Overview ========";
+  ASSERT_NE(out.find(head), std::string::npos);
+  EXPECT_EQ(out.find(head), out.rfind(head));
+  // The zero sectors after the database are surplus, not errors.
+  EXPECT_EQ(cs_.err(), "");
 }
 
 }  // namespace

@@ -269,13 +269,6 @@ inline process_result run_privdiag_on(const std::string& description,
     return r;
   }
   static int serial = 0;
-  if (serial == 0) {
-    // Under AddressSanitizer the printf checker would warn once about the
-    // report's "%I64u" (a glibc flag it does not know) on standard error.
-    const char* old = std::getenv("ASAN_OPTIONS");
-    std::string opts = old != nullptr && *old != '\0' ? std::string(old) + ":" : "";
-    setenv("ASAN_OPTIONS", (opts + "check_printf=0").c_str(), 1);
-  }
   const std::string path = temp_dir() + "/e2e" + std::to_string(++serial) + ".img";
   write_file(path, img);
   if (sector_size.empty()) return run_process({PD_PRIVDIAG_BIN, path});
