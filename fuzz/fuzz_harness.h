@@ -22,7 +22,9 @@
 //   3  database header: the bytes
 // Whatever decodes is formatted again: the formatted size must be the size
 // the table computes, the formatted form must decode again, and formatting
-// that second decode must give the same bytes.
+// that second decode must give the same bytes. (Headers are written in the
+// newest layout of their major version: a private-region header of major 1
+// and a database header of 4.0 to 4.16 do not read back.)
 //
 // Store input: a configuration copy, fed in 512-byte pieces to the report's
 // loader (block store, record decoders and the report) as the tool feeds a

@@ -23,9 +23,9 @@ seconds=$2
 shift 2
 
 case "$target" in
-  pipeline) max_len=300000 ;;   # raw images up to 256 KiB; sparse ones are small
-  codec) max_len=20000 ;;
-  store) max_len=140000 ;;      # copies up to 128 KiB
+  pipeline) max_len=300000; dict=(-dict=fuzz/privdiag.dict) ;;  # raw images up to 256 KiB
+  codec) max_len=20000; dict=() ;;
+  store) max_len=140000; dict=(-dict=fuzz/privdiag.dict) ;;     # copies up to 128 KiB
   *) echo "unknown target $target (pipeline, codec, store)" >&2; exit 2 ;;
 esac
 
@@ -50,7 +50,7 @@ log=$build/logs/$target.log
 status=0
 "$build/fuzz/fuzz_$target" -max_total_time="$seconds" -max_len="$max_len" -timeout=10 \
   -rss_limit_mb=1024 -malloc_limit_mb=256 -print_final_stats=1 \
-  -artifact_prefix="$artifacts/" "$@" "$corpus" "$seeds/$target" >"$log" 2>&1 || status=$?
+  -artifact_prefix="$artifacts/" "${dict[@]}" "$@" "$corpus" "$seeds/$target" >"$log" 2>&1 || status=$?
 
 found=0
 for f in "$artifacts"/crash-* "$artifacts"/timeout-* "$artifacts"/oom-* "$artifacts"/leak-* \
