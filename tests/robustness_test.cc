@@ -30,8 +30,10 @@ struct measured_run {
   std::string err;
 };
 
-// Runs privdiag on `path` in a child process and measures its peak RSS.
-measured_run run_measured(const std::string& path, const std::string& sector_size = "512") {
+// Runs privdiag on `path` in a child process and measures its peak RSS;
+// with `as_limit` (bytes) the child's address space is limited to it.
+measured_run run_measured(const std::string& path, const std::string& sector_size = "512",
+                          rlim_t as_limit = 0) {
   const std::string base = temp_dir() + "/measured";
   const std::string out_path = base + ".out", err_path = base + ".err";
   const pid_t pid = fork();
@@ -41,6 +43,10 @@ measured_run run_measured(const std::string& path, const std::string& sector_siz
     dup2(o, 1);
     dup2(e, 2);
     setenv("LC_ALL", "C", 1);
+    if (as_limit != 0) {
+      const rlimit lim{as_limit, as_limit};
+      setrlimit(RLIMIT_AS, &lim);
+    }
     execl(PD_PRIVDIAG_BIN, PD_PRIVDIAG_BIN, sector_size.c_str(), path.c_str(),
           static_cast<char*>(nullptr));
     _exit(126);
@@ -135,8 +141,13 @@ TEST(RobustnessTest, CopyClaimedFarPastTheImageEnds) {
 // A copy of 4 MiB in 128-byte blocks holding tens of thousands of records:
 // the lists, the tree and the findings are built in n log n, and the whole
 // report comes out consistent.
-TEST(RobustnessTest, ReportOfTensOfThousandsOfRecords) {
-  constexpr unsigned nplex = 8000, nsd = 16000, ndm = 4000;
+constexpr unsigned nplex = 8000, nsd = 16000, ndm = 4000;
+
+// 4 MiB of 512-byte sectors whose first copy holds a group, a volume with
+// `nplex` plexes, `nsd` subdisks and `ndm` disks in 128-byte blocks.
+const std::string& big_image() {
+  static std::string path;
+  if (!path.empty()) return path;
   config_copy c(7900 * 4, 128);
   set_header(c.header(), 1, 1, nplex, nsd, ndm);
   std::uint32_t ref = 1;
@@ -167,7 +178,12 @@ TEST(RobustnessTest, ReportOfTensOfThousandsOfRecords) {
   bytes img = build(desc);
   const bytes copy = c.data();
   std::copy(copy.begin(), copy.end(), img.begin() + 17 * 512);
-  const measured_run r = run_measured(write_image("big.img", img));
+  path = write_image("big.img", img);
+  return path;
+}
+
+TEST(RobustnessTest, ReportOfTensOfThousandsOfRecords) {
+  const measured_run r = run_measured(big_image());
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out.find("!!"), std::string::npos);
   const auto count = [&](const std::string& what) {
@@ -185,6 +201,26 @@ TEST(RobustnessTest, ReportOfTensOfThousandsOfRecords) {
                        "    |   |---s00000   (64/0MB)\n    |   |\n"
                        "    |   |---s08000   (64/0MB)\n    |\n    |---p00001\n"),
             std::string::npos);
+}
+
+// However little memory there is, privdiag ends with 0 or 1: an exhausted
+// heap is reported, never an abort. (The sanitizers reserve address space of
+// their own: not under them.)
+TEST(RobustnessTest, ExhaustedMemoryEndsWithStatusOne) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "address space limits do not apply under AddressSanitizer";
+#else
+  int failed = 0;
+  for (rlim_t mib = 8; mib <= 64; mib += 4) {
+    const measured_run r = run_measured(big_image(), "512", mib << 20);
+    ASSERT_TRUE(r.status == 0 || r.status == 1) << mib << " MiB: " << r.status << "\n" << r.err;
+    if (r.status == 1) {
+      ++failed;
+      EXPECT_NE(r.err.find("emory"), std::string::npos) << mib << " MiB: " << r.err;
+    }
+  }
+  EXPECT_GT(failed, 0);  // the smallest limits do run out
+#endif
 }
 
 // A TOC of thousands of entries in hundreds of blocks: the joined list is

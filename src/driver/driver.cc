@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 #include "base/errors.h"
 #include "driver/dump_device.h"
@@ -141,6 +142,11 @@ int privdiag_main(session& s, int argc, char** argv) {
     status = privdiag_run(s, argc, argv);
   } catch (const fatal_exit& e) {
     status = e.status;
+  } catch (const std::bad_alloc&) {
+    // A standard container that found the heap exhausted: the tool's own
+    // allocation failure, whatever the image.
+    volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
+    status = 1;
   }
   // The exit routine: the image is closed whatever ended the run.
   if (s.priv_fd != nullptr) {
