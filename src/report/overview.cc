@@ -8,6 +8,7 @@
 #include "codec/text_forms.h"
 #include "driver/messages.h"
 #include "report/copy_loading.h"
+#include "report/overview_index.h"
 #include "report/record_printer.h"
 
 namespace pd {
@@ -37,19 +38,6 @@ void print_count_check(FILE* out, int cnt, const char* what) {
     std::fprintf(out, "!!Database has %d fewer %s record(s) than header does.!!\n", cnt, what);
   } else if (cnt < 0) {
     std::fprintf(out, "!!Database has %d more %s record(s) than header does.!!\n", -cnt, what);
-  }
-}
-
-void print_duplicate_ids(FILE* out, const reclist* dmlist) {
-  for (const reclist* a = dmlist; a != nullptr; a = a->next) {
-    const dmrec* da = record_of(a->r)->dm();
-    for (const reclist* b = a->next; b != nullptr; b = b->next) {
-      const dmrec* db = record_of(b->r)->dm();
-      if (std::strcmp(da->dm_diskid, db->dm_diskid) == 0) {
-        std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", da->dm_name,
-                     db->dm_name, da->dm_diskid);
-      }
-    }
   }
 }
 
@@ -99,6 +87,19 @@ void attach_plexes(overview_state& st, sview* vn, const volrec* vol) {
 }
 
 }  // namespace
+
+void print_duplicate_ids(FILE* out, const reclist* dmlist) {
+  for (const reclist* a = dmlist; a != nullptr; a = a->next) {
+    const dmrec* da = record_of(a->r)->dm();
+    for (const reclist* b = a->next; b != nullptr; b = b->next) {
+      const dmrec* db = record_of(b->r)->dm();
+      if (std::strcmp(da->dm_diskid, db->dm_diskid) == 0) {
+        std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", da->dm_name,
+                     db->dm_name, da->dm_diskid);
+      }
+    }
+  }
+}
 
 const char* rec_name(const db_record* r) {
   const record* rec = record_of(r);
@@ -325,15 +326,24 @@ int config_report::configcopy_eof() {
   st.sd_cnt = static_cast<int>(hdrinfo.vdbi_config_sum.vs_sd_cnt);
   st.dm_cnt = static_cast<int>(hdrinfo.vdbi_config_sum.vs_dm_cnt);
   FILE* out = s.out;
-  overview_collect(out, db, st);
-  overview_build_tree(st);
+  if (st.direct) {
+    overview_collect(out, db, st);
+    overview_build_tree(st);
+  } else {
+    overview_collect_indexed(out, db, st);
+    overview_build_tree_indexed(st);
+  }
 
   std::fputs("========== Configuration Overview ========\n\n", out);
   if (st.root->r == nullptr) std::fputs(NO_DG_FINDING, out);
   tree_printer(out).printsview(st.root, 0);
   std::fputs("\nOther records:\n", out);
   listprint(out, st.dmlist);
-  print_duplicate_ids(out, st.dmlist);
+  if (st.direct) {
+    print_duplicate_ids(out, st.dmlist);
+  } else {
+    print_duplicate_ids_indexed(out, st.dmlist);
+  }
   listprint(out, st.vollist);
   listprint(out, st.plexlist);
   listprint(out, st.sdlist);

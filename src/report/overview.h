@@ -103,11 +103,17 @@ struct overview_state {
   int sd_cnt = 0;
   int dm_cnt = 0;
   sview* root = nullptr;
+  // Build with the direct, quadratic algorithms above instead of those of
+  // overview_index.h (the reference the differential tests compare with).
+  bool direct = false;
 };
 
 // Sorts the store's records into the lists (printing the corrupted-record
 // and extra-disk-group findings) and builds the tree.
 void overview_collect(FILE* out, dbase* db, overview_state& st);
 void overview_build_tree(overview_state& st);
+// "!! Disks A and B have duplicate id: ID !!" for every pair of disks with
+// equal ids, A before B in list order, A the outer.
+void print_duplicate_ids(FILE* out, const reclist* dmlist);
 
 }  // namespace pd
