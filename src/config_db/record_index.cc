@@ -3,7 +3,6 @@
 #include "config_db/record_index.h"
 
 #include <iterator>
-#include <new>
 
 namespace pd {
 
@@ -97,7 +96,9 @@ void ref_table::erase(unsigned long ref) {
 
 db_record* rindex_new_record(db_record_index* ix) {
   if (ix->slabs.empty() || ix->slab_used == db_record_index::SLAB) {
-    std::unique_ptr<db_record[]> slab(new (std::nothrow) db_record[db_record_index::SLAB]());
+    // Zeroed pages straight from the system: no clearing pass.
+    std::unique_ptr<db_record[], db_record_index::slab_free> slab(
+        static_cast<db_record*>(std::calloc(db_record_index::SLAB, sizeof(db_record))));
     if (!slab) return nullptr;
     ix->slabs.push_back(std::move(slab));
     ix->slab_used = 0;

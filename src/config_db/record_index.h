@@ -21,6 +21,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <vector>
@@ -57,7 +58,10 @@ struct db_record_index {
   std::vector<std::unique_ptr<std::multimap<unsigned long, db_record*>>> ordered;
 
   static constexpr std::size_t SLAB = 4096;  // records per slab
-  std::vector<std::unique_ptr<db_record[]>> slabs;
+  struct slab_free {
+    void operator()(db_record* p) const { std::free(p); }
+  };
+  std::vector<std::unique_ptr<db_record[], slab_free>> slabs;  // calloc'd
   std::size_t slab_used = 0;             // records handed out of the last slab
   std::size_t foreign = 0;               // hashed records not from a slab
 };

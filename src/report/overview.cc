@@ -107,16 +107,16 @@ const char* rec_name(const db_record* r) {
 }
 
 reclist* node_pool::new_reclist(db_record* r) {
-  reclist& n = lists.emplace_back();
-  n.r = r;
-  return &n;
+  reclist* n = lists.make();
+  n->r = r;
+  return n;
 }
 
 sview* node_pool::new_sview(db_record* r, int diff) {
-  sview& n = views.emplace_back();
-  n.r = r;
-  n.diff = diff;
-  return &n;
+  sview* n = views.make();
+  n->r = r;
+  n->diff = diff;
+  return n;
 }
 
 void listadd(node_pool& pool, reclist** head, db_record* r) {
@@ -330,8 +330,7 @@ int config_report::configcopy_eof() {
     overview_collect(out, db, st);
     overview_build_tree(st);
   } else {
-    overview_collect_indexed(out, db, st);
-    overview_build_tree_indexed(st);
+    overview_build_indexed(out, db, st);
   }
 
   std::fputs("========== Configuration Overview ========\n\n", out);

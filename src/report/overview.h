@@ -21,7 +21,8 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <deque>
+#include <memory>
+#include <vector>
 
 #include "config_db/block_store.h"
 #include "config_db/records.h"
@@ -49,10 +50,28 @@ struct sview {
 // The name of a store record: its collected record's name, or "".
 const char* rec_name(const db_record* r);
 
+// Nodes handed out in chunks that live as long as their owner.
+template <class T>
+class chunk_pool {
+ public:
+  T* make() {
+    if (chunks_.empty() || used_ == CHUNK) {
+      chunks_.push_back(std::make_unique<T[]>(CHUNK));
+      used_ = 0;
+    }
+    return &chunks_.back()[used_++];
+  }
+
+ private:
+  static constexpr std::size_t CHUNK = 4096;
+  std::vector<std::unique_ptr<T[]>> chunks_;
+  std::size_t used_ = 0;
+};
+
 // Owner of list and tree nodes.
 struct node_pool {
-  std::deque<reclist> lists;
-  std::deque<sview> views;
+  chunk_pool<reclist> lists;
+  chunk_pool<sview> views;
   reclist* new_reclist(db_record* r);
   sview* new_sview(db_record* r, int diff);
 };

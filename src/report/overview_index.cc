@@ -1,5 +1,11 @@
 // The report's list, tree and duplicate steps in O(n log n); the order
 // rules they reproduce are described in overview_index.h.
+//
+// Everything the steps need of a record (its name as a sort key, its rid,
+// the rid of its parent, the children it announces) is read once, when the
+// record is met in the store, into compact arrays: a copy of many records
+// does not fit any cache, and going back to each record for every step
+// would cost a memory round trip per record and step.
 #include "report/overview_index.h"
 
 #include <algorithm>
@@ -14,17 +20,19 @@ namespace pd {
 namespace {
 
 using index_t = std::uint32_t;
+constexpr index_t NO_INDEX = std::numeric_limits<index_t>::max();
 
 // A string's sort key: its first 32 bytes, zero-padded, as four big-endian
 // words (so comparing keys compares the bytes as strcmp does), the string
 // itself for longer strings, and its position as the last tie-break.
 struct sort_key {
+  static constexpr std::size_t KEY_BYTES = 32;
   std::uint64_t w[4];
   const char* s;
   index_t pos;
   bool longer;  // more than 32 characters: the rest decides ties
 
-  sort_key(const char* str, index_t p) : s(str), pos(p) {
+  sort_key(const char* str, std::size_t p) : s(str), pos(static_cast<index_t>(p)) {
     unsigned char b[KEY_BYTES] = {};
     const std::size_t n = strnlen(str, KEY_BYTES);
     std::memcpy(b, str, n);
@@ -35,7 +43,6 @@ struct sort_key {
       w[i] = v;
     }
   }
-  static constexpr std::size_t KEY_BYTES = 32;
 };
 
 // strcmp's order of the two strings (-1, 0, 1).
@@ -48,142 +55,23 @@ int key_compare(const sort_key& a, const sort_key& b) {
   return (c > 0) - (c < 0);
 }
 
-// The keys of strings 0..n-1 sorted in strcmp order, equal strings in
-// position order.
-template <class Str>
-std::vector<sort_key> sorted_keys(std::size_t n, Str str) {
-  std::vector<sort_key> keys;
-  keys.reserve(n);
-  for (std::size_t i = 0; i < n; ++i) keys.emplace_back(str(i), static_cast<index_t>(i));
+// strcmp order, equal strings in position order.
+void sort_keys(std::vector<sort_key>& keys) {
   std::sort(keys.begin(), keys.end(), [](const sort_key& a, const sort_key& b) {
     const int c = key_compare(a, b);
     return c != 0 ? c < 0 : a.pos < b.pos;
   });
-  return keys;
 }
 
-reclist* chain(node_pool& pool, const std::vector<db_record*>& recs,
-               const std::vector<index_t>& order) {
-  reclist* head = nullptr;
-  reclist** link = &head;
-  for (index_t i : order) {
-    reclist* n = pool.new_reclist(recs[i]);
-    *link = n;
-    link = &n->next;
-  }
-  return head;
-}
-
-// First position of each rid among `nodes` (in their order): sorted
-// (rid, position) pairs, one per rid.
-class rid_index {
- public:
-  template <class Rid>
-  rid_index(std::size_t n, Rid rid_of) {
-    keys_.reserve(n);
-    for (std::size_t i = 0; i < n; ++i) keys_.emplace_back(seqno_value(rid_of(i)), i);
-    std::sort(keys_.begin(), keys_.end());
-    keys_.erase(std::unique(keys_.begin(), keys_.end(),
-                            [](const auto& a, const auto& b) { return a.first == b.first; }),
-                keys_.end());
-  }
-  // The first position with this rid, or npos.
-  std::size_t find(const volrid_t& rid) const {
-    const std::uint64_t v = seqno_value(rid);
-    auto it = std::lower_bound(keys_.begin(), keys_.end(), std::make_pair(v, std::size_t{0}));
-    return it != keys_.end() && it->first == v ? it->second : npos;
-  }
-  static constexpr std::size_t npos = std::numeric_limits<std::size_t>::max();
-
- private:
-  std::vector<std::pair<std::uint64_t, std::size_t>> keys_;
-};
-
-// Children appended in O(1): the last child of each parent.
-struct child_chains {
-  explicit child_chains(std::size_t n) : last(n, nullptr) {}
-  void append(sview* parent, std::size_t k, sview* c) {
-    if (last[k] == nullptr) {
-      parent->dlink = c;
-    } else {
-      last[k]->rlink = c;
-    }
-    last[k] = c;
-  }
-  std::vector<sview*> last;
-};
-
-std::vector<reclist*> nodes_of(const reclist* head) {
-  std::vector<reclist*> v;
-  for (const reclist* l = head; l != nullptr; l = l->next) v.push_back(const_cast<reclist*>(l));
-  return v;
-}
-
-// Relinks the list to the nodes of `all` whose `kept` flag is set.
-reclist* relink(const std::vector<reclist*>& all, const std::vector<bool>& kept) {
-  reclist* head = nullptr;
-  reclist** link = &head;
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    if (!kept[i]) continue;
-    *link = all[i];
-    link = &all[i]->next;
-  }
-  *link = nullptr;
-  return head;
-}
-
-// The plexes of plexlist under their volumes; returns the plex nodes in the
-// order the direct tree walk meets them.
-std::vector<sview*> attach_plexes(overview_state& st, const std::vector<sview*>& vols) {
-  rid_index owner(vols.size(), [&](std::size_t i) { return record_of(vols[i]->r)->vol()->v_rid; });
-  const std::vector<reclist*> plexes = nodes_of(st.plexlist);
-  std::vector<bool> kept(plexes.size(), true);
-  child_chains children(vols.size());
-  for (std::size_t i = 0; i < plexes.size(); ++i) {
-    const plexrec* pl = record_of(plexes[i]->r)->plex();
-    const std::size_t v = owner.find(pl->pl_vol_rid);
-    if (v == rid_index::npos) continue;
-    kept[i] = false;
-    vols[v]->diff -= 1;
-    // A plex is always expected to have at least one subdisk.
-    const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
-    sview* pn = st.pool.new_sview(plexes[i]->r, expected);
-    children.append(vols[v], v, pn);
-  }
-  st.plexlist = relink(plexes, kept);
-  std::vector<sview*> met;
-  for (const sview* vn : vols) {
-    for (sview* pn = vn->dlink; pn != nullptr; pn = pn->rlink) met.push_back(pn);
-  }
-  return met;
-}
-
-void attach_subdisks(overview_state& st, const std::vector<sview*>& plexes) {
-  rid_index owner(plexes.size(),
-                  [&](std::size_t i) { return record_of(plexes[i]->r)->plex()->pl_rid; });
-  const std::vector<reclist*> sds = nodes_of(st.sdlist);
-  std::vector<bool> kept(sds.size(), true);
-  child_chains children(plexes.size());
-  for (std::size_t i = 0; i < sds.size(); ++i) {
-    const std::size_t p = owner.find(record_of(sds[i]->r)->sd()->sd_plex_rid);
-    if (p == rid_index::npos) continue;
-    kept[i] = false;
-    plexes[p]->diff -= 1;
-    children.append(plexes[p], p, st.pool.new_sview(sds[i]->r, 0));
-  }
-  st.sdlist = relink(sds, kept);
-}
-
-}  // namespace
-
-reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs) {
-  const std::size_t n = recs.size();
-  const std::vector<sort_key> keys =
-      sorted_keys(n, [&](std::size_t i) { return rec_name(recs[i]); });
+// The positions (in adding order) of the names in the order listadd leaves
+// them: see overview_index.h for the rule inside a run of equal names.
+std::vector<index_t> listadd_order(std::vector<sort_key> keys) {
+  sort_keys(keys);
+  const std::size_t n = keys.size();
   std::vector<index_t> order;
   order.reserve(n);
-  // The lowest position (in adding order) of any name below the current run.
-  index_t first_smaller = std::numeric_limits<index_t>::max();
+  // The lowest position of any name below the current run.
+  index_t first_smaller = NO_INDEX;
   for (std::size_t g = 0, e = 0; g < n; g = e) {
     e = g + 1;
     while (e < n && key_compare(keys[e], keys[g]) == 0) ++e;
@@ -197,11 +85,97 @@ reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs) 
     for (std::size_t k = h; k > g + 1; --k) order.push_back(keys[k - 1].pos);
     first_smaller = std::min(first_smaller, e1);
   }
-  return chain(pool, recs, order);
+  return order;
 }
 
-void overview_collect_indexed(FILE* out, dbase* db, overview_state& st) {
-  std::vector<db_record*> dg, vol, plex, sd, dm, other;
+// What the tree needs of a record.
+struct rec_facts {
+  db_record* r = nullptr;
+  std::uint64_t rid = 0;     // v_rid, pl_rid
+  std::uint64_t parent = 0;  // pl_vol_rid, sd_plex_rid
+  int expected = 0;          // children announced
+};
+
+// One list: its records as they were met, then in list order with nodes.
+struct fact_list {
+  std::vector<sort_key> keys;
+  std::vector<rec_facts> facts;
+  std::vector<reclist*> nodes;
+
+  void add(const char* name, const rec_facts& f) {
+    keys.emplace_back(name, keys.size());
+    facts.push_back(f);
+  }
+  // Puts the facts in list order and links the list's nodes.
+  reclist* build(node_pool& pool) {
+    const std::vector<index_t> order = listadd_order(std::move(keys));
+    std::vector<rec_facts> sorted;
+    sorted.reserve(order.size());
+    reclist* head = nullptr;
+    reclist** link = &head;
+    for (index_t i : order) {
+      sorted.push_back(facts[i]);
+      reclist* node = pool.new_reclist(facts[i].r);
+      nodes.push_back(node);
+      *link = node;
+      link = &node->next;
+    }
+    facts = std::move(sorted);
+    return head;
+  }
+  // Relinks the list to the nodes not taken into the tree.
+  reclist* rest(const std::vector<bool>& taken) const {
+    reclist* head = nullptr;
+    reclist** link = &head;
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      if (taken[i]) continue;
+      *link = nodes[i];
+      link = &nodes[i]->next;
+    }
+    *link = nullptr;
+    return head;
+  }
+};
+
+// The first position holding each rid: sorted (rid, position) pairs.
+class rid_index {
+ public:
+  explicit rid_index(const std::vector<std::uint64_t>& rids) {
+    keys_.reserve(rids.size());
+    for (std::size_t i = 0; i < rids.size(); ++i) keys_.emplace_back(rids[i], i);
+    std::sort(keys_.begin(), keys_.end());
+    keys_.erase(std::unique(keys_.begin(), keys_.end(),
+                            [](const auto& a, const auto& b) { return a.first == b.first; }),
+                keys_.end());
+  }
+  index_t find(std::uint64_t rid) const {
+    auto it = std::lower_bound(keys_.begin(), keys_.end(), std::make_pair(rid, std::size_t{0}));
+    return it != keys_.end() && it->first == rid ? static_cast<index_t>(it->second) : NO_INDEX;
+  }
+
+ private:
+  std::vector<std::pair<std::uint64_t, std::size_t>> keys_;
+};
+
+// Children appended in O(1): the last child of each parent.
+class child_chains {
+ public:
+  explicit child_chains(std::size_t n) : last_(n, nullptr) {}
+  void append(sview* parent, std::size_t k, sview* c) {
+    (last_[k] == nullptr ? parent->dlink : last_[k]->rlink) = c;
+    last_[k] = c;
+  }
+
+ private:
+  std::vector<sview*> last_;
+};
+
+// The lists of one report while they are gathered.
+struct gathered {
+  fact_list dg, vol, plex, sd, dm, other;
+};
+
+void gather(FILE* out, dbase* db, overview_state& st, gathered& g) {
   dbrec_iter it;
   dbrlist_iter(&it, db);
   while (db_record* r = dbrlist_next(&it)) {
@@ -209,49 +183,133 @@ void overview_collect_indexed(FILE* out, dbase* db, overview_state& st) {
     if (rec == nullptr) {
       std::fprintf(out, "!! Corrupted ref=%d, 1st block=%d !!\n\n", static_cast<int>(r->dbr_ref),
                    static_cast<int>(r->dbr_first_blkno));
-      other.push_back(r);
+      g.other.add("", rec_facts{r});
       continue;
     }
     switch (rec->type) {
-      case REC_TYPE_VOL: st.v_cnt -= 1; vol.push_back(r); break;
-      case REC_TYPE_PLEX: st.pl_cnt -= 1; plex.push_back(r); break;
-      case REC_TYPE_SD: st.sd_cnt -= 1; sd.push_back(r); break;
-      case REC_TYPE_DM: st.dm_cnt -= 1; dm.push_back(r); break;
-      case REC_TYPE_DG:
-        if (!dg.empty()) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
-        dg.push_back(r);
+      case REC_TYPE_VOL: {
+        st.v_cnt -= 1;
+        const volrec* v = rec->vol();
+        g.vol.add(rec->name, {r, seqno_value(v->v_rid), 0, static_cast<int>(v->v_pl_num)});
         break;
-      default: other.push_back(r); break;
+      }
+      case REC_TYPE_PLEX: {
+        st.pl_cnt -= 1;
+        const plexrec* pl = rec->plex();
+        // A plex is always expected to have at least one subdisk.
+        const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
+        g.plex.add(rec->name, {r, seqno_value(pl->pl_rid), seqno_value(pl->pl_vol_rid), expected});
+        break;
+      }
+      case REC_TYPE_SD:
+        st.sd_cnt -= 1;
+        g.sd.add(rec->name, {r, 0, seqno_value(rec->sd()->sd_plex_rid), 0});
+        break;
+      case REC_TYPE_DM: st.dm_cnt -= 1; g.dm.add(rec->name, {r}); break;
+      case REC_TYPE_DG:
+        if (!g.dg.facts.empty()) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
+        g.dg.add(rec->name, {r});
+        break;
+      default: g.other.add(rec->name, {r}); break;
     }
   }
-  st.dglist = name_sorted_list(st.pool, dg);
-  st.vollist = name_sorted_list(st.pool, vol);
-  st.plexlist = name_sorted_list(st.pool, plex);
-  st.sdlist = name_sorted_list(st.pool, sd);
-  st.dmlist = name_sorted_list(st.pool, dm);
-  st.otherlist = name_sorted_list(st.pool, other);
 }
 
-void overview_build_tree_indexed(overview_state& st) {
+// Hangs the plexes under their volumes; returns the plex nodes and their
+// positions in the plex list in the order the direct tree walk meets them
+// (volumes in list order, each volume's plexes in list order).
+std::vector<std::pair<sview*, index_t>> attach_plexes(overview_state& st, const gathered& g,
+                                                     const std::vector<sview*>& vols) {
+  std::vector<std::uint64_t> vol_rids;
+  for (const rec_facts& f : g.vol.facts) vol_rids.push_back(f.rid);
+  const rid_index owner(vol_rids);
+  const std::size_t n = g.plex.facts.size();
+  std::vector<index_t> owner_of(n, NO_INDEX);
+  std::vector<sview*> node_of(n, nullptr);
+  std::vector<bool> taken(n, false);
+  std::vector<index_t> count(vols.size() + 1, 0);
+  child_chains children(vols.size());
+  for (std::size_t i = 0; i < n; ++i) {
+    const rec_facts& f = g.plex.facts[i];
+    const index_t v = owner.find(f.parent);
+    if (v == NO_INDEX) continue;
+    taken[i] = true;
+    owner_of[i] = v;
+    vols[v]->diff -= 1;
+    node_of[i] = st.pool.new_sview(f.r, f.expected);
+    children.append(vols[v], v, node_of[i]);
+    ++count[v + 1];
+  }
+  st.plexlist = g.plex.rest(taken);
+  // Grouped by volume, list order kept inside each group.
+  for (std::size_t v = 0; v < vols.size(); ++v) count[v + 1] += count[v];
+  std::vector<std::pair<sview*, index_t>> met(count[vols.size()]);
+  for (std::size_t i = 0; i < n; ++i) {
+    if (owner_of[i] != NO_INDEX) met[count[owner_of[i]]++] = {node_of[i], static_cast<index_t>(i)};
+  }
+  return met;
+}
+
+void attach_subdisks(overview_state& st, const gathered& g,
+                     const std::vector<std::pair<sview*, index_t>>& plexes) {
+  std::vector<std::uint64_t> plex_rids;
+  for (const auto& [node, i] : plexes) plex_rids.push_back(g.plex.facts[i].rid);
+  const rid_index owner(plex_rids);
+  const std::size_t n = g.sd.facts.size();
+  std::vector<bool> taken(n, false);
+  child_chains children(plexes.size());
+  for (std::size_t i = 0; i < n; ++i) {
+    const rec_facts& f = g.sd.facts[i];
+    const index_t p = owner.find(f.parent);
+    if (p == NO_INDEX) continue;
+    taken[i] = true;
+    sview* pn = plexes[p].first;
+    pn->diff -= 1;
+    children.append(pn, p, st.pool.new_sview(f.r, 0));
+  }
+  st.sdlist = g.sd.rest(taken);
+}
+
+}  // namespace
+
+reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs) {
+  fact_list l;
+  for (db_record* r : recs) l.add(rec_name(r), rec_facts{r});
+  return l.build(pool);
+}
+
+void overview_build_indexed(FILE* out, dbase* db, overview_state& st) {
+  gathered g;
+  gather(out, db, st, g);
+  st.dglist = g.dg.build(st.pool);
+  st.vollist = g.vol.build(st.pool);
+  st.plexlist = g.plex.build(st.pool);
+  st.sdlist = g.sd.build(st.pool);
+  st.dmlist = g.dm.build(st.pool);
+  st.otherlist = g.other.build(st.pool);
+
   st.root = st.pool.new_sview(st.dglist != nullptr ? st.dglist->r : nullptr, 0);
   std::vector<sview*> vols;
   sview** link = &st.root->dlink;
-  for (const reclist* v = st.vollist; v != nullptr; v = v->next) {
-    sview* vn = st.pool.new_sview(v->r, static_cast<int>(record_of(v->r)->vol()->v_pl_num));
+  for (const rec_facts& f : g.vol.facts) {
+    sview* vn = st.pool.new_sview(f.r, f.expected);
     *link = vn;
     link = &vn->rlink;
     vols.push_back(vn);
   }
   st.vollist = nullptr;  // every volume hangs under the root
-  attach_subdisks(st, attach_plexes(st, vols));
+  attach_subdisks(st, g, attach_plexes(st, g, vols));
 }
 
 void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist) {
   std::vector<const dmrec*> dms;
-  for (const reclist* l = dmlist; l != nullptr; l = l->next) dms.push_back(record_of(l->r)->dm());
+  std::vector<sort_key> keys;
+  for (const reclist* l = dmlist; l != nullptr; l = l->next) {
+    dms.push_back(record_of(l->r)->dm());
+    keys.emplace_back(dms.back()->dm_diskid, keys.size());
+  }
+  sort_keys(keys);
   const std::size_t n = dms.size();
-  const std::vector<sort_key> keys =
-      sorted_keys(n, [&](std::size_t i) { return dms[i]->dm_diskid; });
   std::vector<index_t> where(n);      // position of each disk in keys
   std::vector<index_t> group_end(n);  // end of the group of keys[p]
   for (std::size_t g = 0, e = 0; g < n; g = e) {

@@ -38,10 +38,10 @@ namespace pd {
 // The chain listadd builds when the records are added in this order.
 reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs);
 
-// overview_collect, overview_build_tree and the duplicate-id step, with
-// identical results.
-void overview_collect_indexed(FILE* out, dbase* db, overview_state& st);
-void overview_build_tree_indexed(overview_state& st);
+// overview_collect then overview_build_tree, with identical results (the
+// same findings printed, lists, counters and tree).
+void overview_build_indexed(FILE* out, dbase* db, overview_state& st);
+// print_duplicate_ids, with identical output.
 void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist);
 
 }  // namespace pd
