@@ -21,12 +21,8 @@ map_ptr make(int nbits) {
 }
 
 TEST(BitmapTest, AllocatesWholeWordsZeroed) {
-  EXPECT_EQ(bmap_words(0), 0);
-  EXPECT_EQ(bmap_words(1), 1);
-  EXPECT_EQ(bmap_words(32), 1);
-  EXPECT_EQ(bmap_words(33), 2);
   auto m = make(33);
-  EXPECT_EQ(bmap_count_clear(m.get(), 0, 63), 64);  // both words, all clear
+  EXPECT_EQ(bmap_count_clear(m.get(), 0, 63), 64);  // two words, all clear
   bmap_set(m.get(), 63);
   EXPECT_EQ(m.get()[1], 0x80000000u);
   EXPECT_NE(make(0), nullptr);

@@ -161,18 +161,6 @@ TEST(TocDumpTest, HandMadeEntriesAndAnEmptyTable) {
   priv_free_toc_entry(e);
 }
 
-TEST(DisksetIdTest, BothTexts) {
-  priv_info priv;
-  priv_header_info h;
-  h.phi_nt_diskset_id.Data1 = 0x12345678;
-  h.phi_nt_new_diskset_id.Data4[0] = 0xab;
-  priv.pri_header = &h;
-  char id[37], new_id[37];
-  priv_dump_header_disksetID(&priv, id, new_id);
-  EXPECT_STREQ(id, "12345678-0000-0000-0000-000000000000");
-  EXPECT_STREQ(new_id, "00000000-0000-0000-ab00-000000000000");
-}
-
 // ---- the driver over the dumps ---------------------------------------------
 
 TEST(PrivdiagHeaderTocTest, PrintsTheStoredOffsetButReadsWithZero) {

@@ -129,15 +129,43 @@ TEST(ScanTest, TheSearchIgnoresOtherCandidates) {
   }
 }
 
+// A candidate that decodes (wholly or in part) but is not the one sought
+// leaves its sector size and region offset in the header. The next
+// candidates are still read one searched-size sector at a time into the
+// search's buffer; an offset that leaves 64 bits is a failed seek.
+TEST(ScanTest, CandidatesOfAnotherGeometry) {
+  const std::string scan_failed =
+      "qztool:priv: ERROR: scan operation failed:\n\tFormat error in disk private region\n";
+  const std::string join_failed =
+      "qztool:priv: ERROR: join operation failed:\n\tDisk private region contents are invalid\n";
+  struct {
+    std::string candidates;
+    std::string err;
+  } cases[] = {
+      {"hdrcopy 8 alternate=9 iosize=65536\n", scan_failed},
+      {"hdrcopy 8 alternate=8 iosize=65536 diskid=.bad\n", scan_failed},
+      {"hdrcopy 8 alternate=9 iosize=65536\nhdrcopy 64 alternate=64\n", join_failed},
+      {"hdrcopy 8 alternate=9 priv-offset=0x7fffffffffffffff\n",
+       "nt_seek_dev SetFilePointer privdiag: Cannot seek to offset 0\n"},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    const std::string path = test::temp_dir() + "/geometry" + std::to_string(n++) + ".img";
+    test::write_file(path, build(disk512 + "hdrcopy primary damage=magic\n" + c.candidates));
+    const auto r = test::run_process({PD_PRIVDIAG_BIN, path});
+    EXPECT_EQ(r.status, 1) << c.candidates;
+    EXPECT_EQ(r.err, c.err) << c.candidates;
+    EXPECT_EQ(r.out, "") << c.candidates;
+  }
+}
+
 TEST(ScanTest, FindAltHeaderDirectly) {
   memory_disk d(build(disk512 + "hdrcopy 64 alternate=64\n"));
-  disk_attrs a = d.attrs();
   d.priv->pri_header = priv_alloc_header();
   d.priv->pri_header->phi_atomic_iosize = 512;
   ASSERT_EQ(priv_find_alt_header(d.priv, nullptr), VE_OK);
   EXPECT_EQ(d.priv->pri_header->phi_priv_len, 2048);  // left decoded
   EXPECT_EQ(d.reads, 8);                             // sectors 8, 16, ... 64
-  (void)a;
 }
 
 TEST(ScanTest, WithFourKiBSectorsTheSearchCannotMatch) {
@@ -241,6 +269,13 @@ TEST(ScanOffsetTest, LocatesARegionFromTheCandidateStarts) {
 TEST(ScanOffsetTest, NothingAtTheCandidateStarts) {
   memory_disk d(std::vector<std::uint8_t>(512 * 300, 0));
   EXPECT_EQ(priv_scan_header(d.priv, -1, 512), 1);
+  // Sector sizes other than 512 fail every candidate; a given start reports
+  // why.
+  memory_disk region(device_with_region_at_one());
+  for (std::size_t iosize : {0u, 1024u}) {
+    EXPECT_EQ(priv_scan_header(region.priv, -1, iosize), 1) << iosize;
+    EXPECT_EQ(priv_scan_header(region.priv, 1, iosize), VE_SECTOR_SIZE) << iosize;
+  }
 }
 
 TEST(ScanOffsetTest, CopiesThatDisagreeAreRefused) {

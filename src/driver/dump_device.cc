@@ -29,11 +29,13 @@ constexpr const char* nt_alloc_name = "nt_alloc";
 }
 
 // The stream and absolute sector of a request, or null when the request
-// names the public region, which is never open.
+// names the public region, which is never open. A region offset that moves
+// the sector out of 64 bits is a position no seek can reach.
 FILE* priv_io_target(session& s, const priv_header_info& hdr, voff_t* offset,
                      unsigned long flag) {
   if ((flag & PRI_IO_PRIVATE) == 0) return nullptr;
-  if ((flag & PRI_IO_ABSOLUTE) == 0) *offset += hdr.phi_priv_offset;
+  if ((flag & PRI_IO_ABSOLUTE) == 0 && __builtin_add_overflow(*offset, hdr.phi_priv_offset, offset))
+    nt_seek_failed(s);
   return s.priv_fd;
 }
 

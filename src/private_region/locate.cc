@@ -158,6 +158,10 @@ int priv_find_alt_header(priv_info* priv, priv_header_info* /*hdrbuf*/) {
 
   while (remain > 0) {
     if (remain < ioskip) ioskip = remain;
+    // Every candidate is read as one sector of the size searched with: a
+    // candidate that failed to decode may have left any sector size in the
+    // header, and the buffer holds one sector of the searched size.
+    hdr->phi_atomic_iosize = iosize;
     // Any read failure passes over the candidate.
     if (priv->pri_read(priv, buf, cursect, 1, PRI_IO_PRIVATE) == VE_OK) {
       *hdr = savehdr;
@@ -273,13 +277,21 @@ int priv_scan_offset(priv_info* priv, voff_t offset, std::size_t iosize, int use
   return VE_OK;
 }
 
+namespace {
+
+// A start in 512-byte units in sectors of `iosize`. A size of 0 has no
+// sectors: the start is passed as 0 and the scan refuses the size (181).
+voff_t scan_start(voff_t offset, std::size_t iosize) {
+  return iosize == 0 ? 0 : offset * 512 / static_cast<voff_t>(iosize);
+}
+
+}  // namespace
+
 int priv_scan_header(priv_info* priv, voff_t offset, std::size_t iosize) {
-  if (iosize == 0) return VE_SECTOR_SIZE;
-  const auto unit = static_cast<voff_t>(iosize);
   if (offset == -1) {
     for (voff_t pos : privoffsets) {
       for (int use_alt = 0; use_alt <= 1; ++use_alt) {
-        const int res = priv_scan_offset(priv, pos * 512 / unit, iosize, use_alt);
+        const int res = priv_scan_offset(priv, scan_start(pos, iosize), iosize, use_alt);
         if (res == VE_OK || res == VE_NOMEM) {
           if (res == VE_OK && priv->pri_updated != nullptr) priv->pri_updated(priv);
           return res;
@@ -288,7 +300,7 @@ int priv_scan_header(priv_info* priv, voff_t offset, std::size_t iosize) {
     }
     return 1;
   }
-  const int res = priv_scan_offset(priv, offset * 512 / unit, iosize, 1);
+  const int res = priv_scan_offset(priv, scan_start(offset, iosize), iosize, 1);
   if (res == VE_OK && priv->pri_updated != nullptr) priv->pri_updated(priv);
   return res;
 }
