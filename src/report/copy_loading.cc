@@ -80,6 +80,19 @@ copy_info* select_copy(priv_info* priv, int copy) {
   return nullptr;
 }
 
+// Whether a record decoded with this layout can hold heap members.
+bool layout_has_heap_members(const rec2field* r2f) {
+  if (r2f == nullptr) return false;
+  for (const r2f_group& g : r2f->r2f_tbls) {
+    if (g.nflds == 0) break;
+    for (std::size_t i = 0; i < g.nflds; ++i) {
+      const dbf_type t = g.ftbl[i].dbf_type;
+      if (t == DBF_TYPE_AWSTRING || t == DBF_TYPE_VBYTE) return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 std::size_t record_room(int type) {
@@ -120,8 +133,14 @@ int safe_wcscpy(wchar_t* strDestination, const wchar_t* strSource) {
 config_report::config_report(session& sess) : s(sess) {}
 
 config_report::~config_report() {
+  // Only layouts with wide or byte strings can have left heap members.
+  enum : std::uint8_t { UNKNOWN, NONE, SOME };
+  std::uint8_t heap[RTYPE_CODE_MASK + 1] = {};
   for (record* rec = rlist; rec != nullptr; rec = rec->next) {
-    if (rec->u != nullptr) release_decoded(rec->type_word, rec->u);
+    if (rec->u == nullptr) continue;
+    std::uint8_t& h = heap[rec->type_word & RTYPE_CODE_MASK];
+    if (h == UNKNOWN) h = layout_has_heap_members(find_rec2field(rec->type_word)) ? SOME : NONE;
+    if (h == SOME) release_decoded(rec->type_word, rec->u);
   }
   release_decoded(0, nullptr);
   ddb_free(db);
