@@ -139,7 +139,10 @@ std::uint8_t* get_aligned_buf(session& s, std::size_t size) {
     b.lastbuf = nullptr;
     b.lastsize = 0;
     if (size > static_cast<std::size_t>(-1) - 511) nt_alloc_failed(s, size);
-    b.lastfreeptr.reset(new (std::nothrow) std::uint8_t[size + 511]);
+    // A fresh buffer starts zeroed: a read past the end of the image then
+    // shows zeros on the first run, as a fresh page of the system would,
+    // and never what a previous process left in memory.
+    b.lastfreeptr.reset(new (std::nothrow) std::uint8_t[size + 511]());
     if (!b.lastfreeptr) nt_alloc_failed(s, size + 511);
     auto raw = reinterpret_cast<std::uintptr_t>(b.lastfreeptr.get());
     b.lastbuf = b.lastfreeptr.get() + ((512 - raw % 512) % 512);
