@@ -172,6 +172,21 @@ TEST(ConfigWriterTest, HighFlagsTravelInTheExtension) {
   EXPECT_EQ(c.by_ref(10), nullptr);
 }
 
+struct decoded_header {
+  voldb_info vi{};
+  std::size_t nblocks = 0, blksize = 0;
+};
+
+decoded_header header_of(const std::vector<std::uint8_t>& copy) {
+  decoded_header h;
+  dbase* db = ddb_alloc(nullptr);
+  EXPECT_EQ(voldbsup_unformat_header(db, copy.data(), 512, &h.vi), 0);
+  h.nblocks = db->ddb_nblocks;
+  h.blksize = db->ddb_blksize;
+  ddb_free(db);
+  return h;
+}
+
 TEST(ConfigWriterTest, HeadersOfEveryVersionAndGeometry) {
   for (const char* version : {"3.1", "4.9", "4.10", "4.11", "4.16", "4.17"}) {
     SCOPED_TRACE(version);
@@ -180,39 +195,25 @@ TEST(ConfigWriterTest, HeadersOfEveryVersionAndGeometry) {
                                   "pending.vs_v_cnt=8 version=") +
                           version,
                       40 * 1024);
-    dbase* db = ddb_alloc(nullptr);
-    voldb_info vi{};
-    ASSERT_EQ(voldbsup_unformat_header(db, copy.data(), 512, &vi), 0);
-    EXPECT_EQ(db->ddb_blksize, 1024u);
-    EXPECT_EQ(db->ddb_nblocks, 40u);
-    EXPECT_EQ(vi.vdbi_commit_state, 2);
-    EXPECT_EQ(vi.vdbi_config_sum.vs_v_cnt, 7u);
-    EXPECT_EQ(vi.vdbi_pending_sum.vs_v_cnt, 8u);
-    EXPECT_STREQ(vi.vdbi_dg_name, "group-name-x");
-    ddb_free(db);
+    decoded_header h = header_of(copy);
+    EXPECT_EQ(h.blksize, 1024u);
+    EXPECT_EQ(h.nblocks, 40u);
+    EXPECT_EQ(h.vi.vdbi_commit_state, 2);
+    EXPECT_EQ(h.vi.vdbi_config_sum.vs_v_cnt, 7u);
+    EXPECT_EQ(h.vi.vdbi_pending_sum.vs_v_cnt, 8u);
+    EXPECT_STREQ(h.vi.vdbi_dg_name, "group-name-x");
     // The first data block is an unused block of the copy's size.
     EXPECT_EQ(std::memcmp(copy.data() + 1024, "VBLK", 4), 0);
     EXPECT_EQ(copy[1024 + 7], 1);
   }
   // A 14-character limit for the release-1.2 name.
-  auto copy = build("database version=3.1 dgname=abcdefghijklmnopq");
-  dbase* db = ddb_alloc(nullptr);
-  voldb_info vi{};
-  ASSERT_EQ(voldbsup_unformat_header(db, copy.data(), 512, &vi), 0);
-  EXPECT_STREQ(vi.vdbi_dg_name, "abcdefghijklmn");
-  ddb_free(db);
-}
-
-TEST(ConfigWriterTest, RecordsSpanBlocksAt8192ByteBlocks) {
-  std::string comment(40, 'c');
+  EXPECT_STREQ(header_of(build("database version=3.1 dgname=abcdefghijklmnopq")).vi.vdbi_dg_name,
+               "abcdefghijklmn");
+  // The largest block size the report accepts; a record placed at block 2.
   auto copy = build("database blksize=8192 hdrsize=8192 nblocks=8\n"
-                    "group ref=3 at=2 name=dg1 comment=" + comment,
+                    "group ref=3 at=2 name=dg1 comment=" + std::string(40, 'c'),
                     8 * 8192);
-  dbase* db = ddb_alloc(nullptr);
-  voldb_info vi{};
-  ASSERT_EQ(voldbsup_unformat_header(db, copy.data(), 512, &vi), 0);
-  EXPECT_EQ(db->ddb_blksize, 8192u);
-  ddb_free(db);
+  EXPECT_EQ(header_of(copy).blksize, 8192u);
   EXPECT_EQ(std::memcmp(copy.data() + 2 * 8192, "VBLK", 4), 0);
   EXPECT_EQ(copy[2 * 8192 + 11], 3);  // reference
 }

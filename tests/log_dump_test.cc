@@ -123,7 +123,6 @@ TEST(PrintLog, IndexIsLeftAlignedInThreeColumnsAndWordsMayNotPassTheLimit) {
 class LogDump : public ::testing::Test {
  protected:
   LogDump() {
-    volsetlabel(cs.get(), "qztool:priv");
     hdr.phi_atomic_iosize = 512;
     hdr.phi_chunk_size = 512;
     hdr.phi_chunk_shift = 9;
@@ -162,13 +161,17 @@ class LogDump : public ::testing::Test {
     std::memcpy(image.data() + sector * 512, b.data(), b.size());
   }
 
-  // Writes the image and runs the dump.
-  int dump(int copy) {
+  // Writes the image and runs the dump on session `c` (the fixture's by
+  // default).
+  int dump(int copy) { return dump_on(cs, copy); }
+  int dump_on(test::captured_session& c, int copy) {
+    volsetlabel(c.get(), "qztool:priv");
     std::string path = test::temp_dir() + "/log.img";
     test::write_file(path, image);
-    cs->priv_fd = std::fopen(path.c_str(), "rb");
-    EXPECT_NE(cs->priv_fd, nullptr);
-    return priv_dump_logs(cs.get(), &priv, copy);
+    if (c->priv_fd != nullptr) std::fclose(c->priv_fd);
+    c->priv_fd = std::fopen(path.c_str(), "rb");
+    EXPECT_NE(c->priv_fd, nullptr);
+    return priv_dump_logs(c.get(), &priv, copy);
   }
 
   test::captured_session cs;
@@ -228,125 +231,89 @@ TEST_F(LogDump, InvalidBlocksAreReportedAndTheDumpGoesOn) {
             "qztool:priv: ERROR: Log block 4: Log block invalid\n");
 }
 
+// Only a valid block 0 states the log length, and it can only shorten the
+// dump: 3 of 5 blocks; 200 of 2 changes nothing; an invalid block 0 leaves
+// every block to be examined.
 TEST_F(LogDump, LogLengthOfBlockZeroOnlyShortensTheDump) {
   add_copy(1, {{16, 5}});
+  add_copy(2, {{40, 2}});
+  add_copy(3, {{60, 3}});
   for (std::uint32_t i = 0; i < 5; i++) {
-    block b = log_block("KLOG", 0, 1, i, 3, i);
+    block b = log_block("KLOG", 0, 1, i, i == 0 ? 3 : 1, i);  // block 1's length is not read
     put_entry(b, 0, 3, {0, i, 0, 0, 0});
     put_block(16 + i, b);
   }
-  EXPECT_EQ(dump(1), 1);
+  for (std::uint32_t i = 0; i < 2; i++) {
+    block b = log_block("KLOG", 0, 1, 0, 200, i);
+    put_entry(b, 0, 6, {0, i, 0, 0, 0});
+    put_block(40 + i, b);
+  }
+  block b2 = log_block("KLOG", 0, 1, 0, 1, 2);
+  put_entry(b2, 0, 4, {0, 3, 0, 0, 0});
+  put_block(62, b2);
+  EXPECT_EQ(dump(-1), 1);
   EXPECT_EQ(cs.out(),
             "LOG #01\n"
             "BLOCK 0: KLOG 0  :   COMMIT tid=0.0\n"
             "BLOCK 1: KLOG 0  :   COMMIT tid=0.1\n"
-            "BLOCK 2: KLOG 0  :   COMMIT tid=0.2\n");
-  EXPECT_EQ(cs.err(), "");
-}
-
-TEST_F(LogDump, LogLengthAboveTheBlocksReadChangesNothing) {
-  add_copy(2, {{40, 2}});
-  block b0 = log_block("KLOG", 0, 1, 0, 200, 0);
-  put_entry(b0, 0, 6, {0, 1, 0, 0, 0});
-  block b1 = log_block("KLOG", 0, 1, 0, 200, 1);
-  put_entry(b1, 0, 6, {0, 2, 0, 0, 0});
-  put_block(40, b0);
-  put_block(41, b1);
-  EXPECT_EQ(dump(-1), 1);
-  EXPECT_EQ(cs.out(),
+            "BLOCK 2: KLOG 0  :   COMMIT tid=0.2\n"
             "LOG #02\n"
-            "BLOCK 0: KLOG 0  :   DG_CHANGE_LOG tid=0.1\n"
-            "BLOCK 1: KLOG 0  :   DG_CHANGE_LOG tid=0.2\n");
-}
-
-TEST_F(LogDump, WithoutAValidBlockZeroEveryBlockOfTheCopyIsExamined) {
-  add_copy(1, {{16, 3}});
-  block b2 = log_block("KLOG", 0, 1, 0, 1, 2);
-  put_entry(b2, 0, 4, {0, 3, 0, 0, 0});
-  put_block(18, b2);
-  EXPECT_EQ(dump(-1), 1);
-  EXPECT_EQ(cs.out(), "LOG #01\nBLOCK 2: KLOG 0  :   LOGDETACH rid=0.3\n");
+            "BLOCK 0: KLOG 0  :   DG_CHANGE_LOG tid=0.0\n"
+            "BLOCK 1: KLOG 0  :   DG_CHANGE_LOG tid=0.1\n"
+            "LOG #03\n"
+            "BLOCK 2: KLOG 0  :   LOGDETACH rid=0.3\n");
   EXPECT_EQ(cs.err(),
             "qztool:priv: ERROR: Log block 0: Log block invalid\n"
             "qztool:priv: ERROR: Log block 1: Log block invalid\n");
 }
 
-TEST_F(LogDump, ACopyInTwoPartsIsReadAcrossThePartBoundary) {
-  add_copy(1, {{100, 1}, {20, 1}});
-  block b0 = log_block("KLOG", 0, 1, 0, 2, 0);
-  put_entry(b0, 0, 2, {0, 100, 0, 0, 0});
-  block b1 = log_block("KLOG", 0, 1, 0, 2, 1);
-  put_entry(b1, 0, 2, {0, 20, 0, 0, 0});
-  put_block(100, b0);
-  put_block(20, b1);
-  EXPECT_EQ(dump(1), 1);
-  EXPECT_EQ(cs.out(),
-            "LOG #01\n"
-            "BLOCK 0: KLOG 0  :   DIRTY rid=0.100\n"
-            "BLOCK 1: KLOG 0  :   DIRTY rid=0.20\n");
-}
-
-TEST_F(LogDump, DisabledCopiesAreSkippedUnlessAskedForByNumber) {
+// All copies: a disabled one prints DISABLED and is skipped. By number: only
+// that copy, dumped even when disabled, with a note.
+TEST_F(LogDump, DisabledCopiesAndCopiesByNumber) {
   add_copy(1, {{16, 1}}, true);
   add_copy(2, {{17, 1}});
+  add_copy(3, {{18, 1}});
   block b0 = log_block("KLOG", 0, 1, 0, 1, 0);
   put_entry(b0, 0, 3, {0, 9, 0, 0, 0});
   put_block(16, b0);
   put_block(17, b0);
+  put_block(18, b0);
   EXPECT_EQ(dump(-1), 1);
   EXPECT_EQ(cs.out(),
             "LOG #01\n"
             "DISABLED\n"
             "LOG #02\n"
+            "BLOCK 0: KLOG 0  :   COMMIT tid=0.9\n"
+            "LOG #03\n"
             "BLOCK 0: KLOG 0  :   COMMIT tid=0.9\n");
-}
-
-TEST_F(LogDump, ADisabledCopyAskedForByNumberIsDumpedWithANote) {
-  add_copy(1, {{16, 1}}, true);
-  add_copy(2, {{17, 1}});
-  block b0 = log_block("KLOG", 0, 1, 0, 1, 0);
-  put_entry(b0, 0, 3, {0, 9, 0, 0, 0});
-  put_block(16, b0);
-  EXPECT_EQ(dump(1), 1);
-  EXPECT_EQ(cs.out(),
+  test::captured_session one;
+  EXPECT_EQ(dump_on(one, 1), 1);
+  EXPECT_EQ(one.out(),
             "LOG #01\n"
             "# NOTE: Copy is disabled\n"
             "BLOCK 0: KLOG 0  :   COMMIT tid=0.9\n");
+  test::captured_session two;
+  EXPECT_EQ(dump_on(two, 2), 1);
+  EXPECT_EQ(two.out(), "LOG #02\nBLOCK 0: KLOG 0  :   COMMIT tid=0.9\n");
 }
 
-TEST_F(LogDump, OnlyTheCopyAskedForIsDumped) {
-  add_copy(1, {{16, 1}});
-  add_copy(2, {{17, 1}});
-  add_copy(3, {{18, 1}});
-  block b = log_block("KLOG", 0, 1, 0, 1, 0);
-  put_entry(b, 0, 2, {0, 2, 0, 0, 0});
-  put_block(17, b);
-  EXPECT_EQ(dump(2), 1);
-  EXPECT_EQ(cs.out(), "LOG #02\nBLOCK 0: KLOG 0  :   DIRTY rid=0.2\n");
-  EXPECT_EQ(cs.err(), "");
-}
-
+// No log copy at all, then copy 3 of a disk whose copies are 1 and 2: the
+// message says there are none or names the copy asked for; status 1.
 TEST_F(LogDump, AMissingCopyEndsTheToolWithStatusOne) {
-  add_copy(1, {{16, 1}});
-  add_copy(2, {{17, 1}});
-  try {
-    dump(3);
-    FAIL() << "no fatal exit";
-  } catch (const fatal_exit& e) {
-    EXPECT_EQ(e.status, 1);
+  for (int copy : {-1, 3}) {
+    test::captured_session c;
+    try {
+      dump_on(c, copy);
+      FAIL() << "no fatal exit";
+    } catch (const fatal_exit& e) {
+      EXPECT_EQ(e.status, 1);
+    }
+    EXPECT_EQ(c.out(), "");
+    EXPECT_EQ(c.err(), copy < 0 ? "qztool:priv: ERROR: Disk has no log copies\n"
+                                : "qztool:priv: ERROR: Disk does not have log copy 3\n");
+    add_copy(1, {{16, 1}});
+    add_copy(2, {{17, 1}});
   }
-  EXPECT_EQ(cs.out(), "");
-  EXPECT_EQ(cs.err(), "qztool:priv: ERROR: Disk does not have log copy 3\n");
-}
-
-TEST_F(LogDump, ADiskWithoutLogCopiesEndsTheToolWithStatusOne) {
-  try {
-    dump(-1);
-    FAIL() << "no fatal exit";
-  } catch (const fatal_exit& e) {
-    EXPECT_EQ(e.status, 1);
-  }
-  EXPECT_EQ(cs.err(), "qztool:priv: ERROR: Disk has no log copies\n");
 }
 
 }  // namespace

@@ -27,21 +27,6 @@ TEST(SafeCopyTest, AbsentSourceGivesEmptyDestination) {
   EXPECT_EQ(std::wcscmp(w, L"abc"), 0);
 }
 
-TEST(RecordRoomTest, OnlyTypesWithAStructureOfTheirOwn) {
-  EXPECT_EQ(record_room(1), sizeof(volrec));
-  EXPECT_EQ(record_room(2), sizeof(plexrec));
-  EXPECT_EQ(record_room(3), sizeof(sdrec));
-  EXPECT_EQ(record_room(4), sizeof(dmrec));
-  EXPECT_EQ(record_room(5), sizeof(dgrec));
-  EXPECT_EQ(record_room(6), sizeof(darec));
-  EXPECT_EQ(record_room(7), sizeof(rvolrec));
-  EXPECT_EQ(record_room(8), sizeof(reprec));
-  EXPECT_EQ(record_room(9), sizeof(dcorec));
-  EXPECT_EQ(record_room(10), sizeof(snaprec));
-  EXPECT_EQ(record_room(13), sizeof(cacherec));
-  for (int t : {0, 11, 12, 14, 15}) EXPECT_EQ(record_room(t), 0u) << t;
-}
-
 // A handle with one configuration copy made of parts given as (offset,
 // length) in chunks, over an image whose 512-byte block n is filled with the
 // byte n & 0xff.
@@ -201,6 +186,74 @@ TEST_F(LoadedCopyTest, AnExplicitlyNamedDisabledCopyIsLoadedWithANote) {
                         "dg1\n|---v1   (2048/1MB)\n\nOther records:\n    pool1\n")
                 .substr(0, 120));
   EXPECT_EQ(cs_.err(), "");
+}
+
+// The state nibble of the store from the header's commit state: CLEAN,
+// COMMIT and ABORT as they are; CHANGE as ABORT (COMMIT with c_commit);
+// anything else as ABORT.
+TEST_F(LoadedCopyTest, CommitStateNibble) {
+  const unsigned cases[][3] = {{1, 0, 1}, {3, 0, 3}, {4, 0, 4}, {2, 0, 4},
+                               {2, 1, 3}, {5, 0, 4}, {0, 0, 4}, {9, 1, 4}};
+  for (const auto& [state, commit, nibble] : cases) {
+    test::config_copy c(64);
+    test::set_header(c.header(), 30, 0, 0, 0, 0);
+    c.header().vdbi_commit_state = static_cast<std::uint16_t>(state);
+    const test::bytes data = c.data();
+    test::captured_session s;
+    s->c_commit = static_cast<int>(commit);
+    config_report rep(s.get());
+    ASSERT_EQ(rep.configcopy_setup(), 1);
+    EXPECT_EQ(rep.unformat_header(data.data(), 512), 0);
+    EXPECT_EQ((rep.db->ddb_flag >> 8) & 15, nibble) << state << " " << commit;
+  }
+}
+
+// A header size above 512 is reported before a bad block size; 8192 is
+// still a good block size.
+TEST_F(LoadedCopyTest, HeaderSizeIsCheckedBeforeBlockSize) {
+  const struct {
+    std::size_t hdrsize, blksize;
+    const char* err;
+  } cases[] = {{1024, 0, "ERROR: Bad block size in header (1024)\n"},
+               {512, 0, "ERROR: Bad block size in header (0)\n"},
+               {512, 8193, "ERROR: Bad block size in header (8193)\n"},
+               {512, 8192, ""}};
+  for (const auto& k : cases) {
+    test::config_copy c(64);
+    test::set_header(c.header(), 30, 0, 0, 0, 0);
+    c.claimed_hdrsize = k.hdrsize;
+    c.claimed_blksize = k.blksize;
+    const test::bytes data = c.data();
+    test::captured_session s;
+    config_report rep(s.get());
+    ASSERT_EQ(rep.configcopy_setup(), 1);
+    if (k.err[0] != '\0') {
+      EXPECT_THROW(rep.unformat_header(data.data(), 512), fatal_exit);
+    } else {
+      EXPECT_EQ(rep.unformat_header(data.data(), 512), 0);
+    }
+    EXPECT_EQ(s.err(), k.err) << k.hdrsize << " " << k.blksize;
+  }
+}
+
+// The report's tid check takes max_tid minus the header's tid as signed 64
+// bits: equal prints nothing; a header tid of 2147483649.0 lies more than
+// 2^63 above 0.12, so the difference is positive and the record's tid is
+// reported as higher.
+TEST_F(LoadedCopyTest, HigherTidCheckIsASigned64BitDifference) {
+  make_copy(1, {{17, 16}});
+  const std::string line = "\n!!Database has a higher tid 0.12 than header does.!!\n";
+  for (const volseqno_t tid : {volseqno_t{12, 0}, volseqno_t{0, 0x80000001u}}) {
+    test::config_copy c = group_copy();
+    c.header().vdbi_config_tid = tid;
+    write_copy(c.data());
+    test::captured_session s;
+    s->priv_fd = std::fopen(path_.c_str(), "rb");
+    ASSERT_EQ(priv_dump_config(s.get(), &priv_, -1), 1);
+    const std::string out = s.out();
+    ASSERT_GE(out.size(), line.size());
+    EXPECT_EQ(out.substr(out.size() - line.size()) == line, tid.seqno_hi != 0) << tid.seqno_hi;
+  }
 }
 
 TEST_F(LoadedCopyTest, DiskSetIdLookup) {

@@ -55,7 +55,6 @@ class config_copy {
                                 std::uint16_t flag = 0, long nfrag = -1);
   // Leaves `n` unused blocks.
   void skip(std::size_t n) { next_ += n; }
-  std::size_t next_block() const { return next_; }
 
   copy_image& image() { return img_; }
   bytes data();  // the copy with its header formatted

@@ -68,17 +68,6 @@ TEST(ListTest, AddKeepsNameOrderWithTheHeadFirstAmongEquals) {
   EXPECT_EQ(list_of(head), (std::vector<db_record*>{none, a1, a2, b3, b2, b1, c1}));
 }
 
-TEST(ListTest, AddOnEqualHeadInsertsBehindIt) {
-  fake_records f;
-  node_pool pool;
-  reclist* head = nullptr;
-  db_record* x1 = f.add(2, "x");
-  db_record* x2 = f.add(2, "x");
-  db_record* x3 = f.add(2, "x");
-  for (db_record* r : {x1, x2, x3}) listadd(pool, &head, r);
-  EXPECT_EQ(list_of(head), (std::vector<db_record*>{x1, x3, x2}));
-}
-
 TEST(ListTest, DeleteMovesTheCursorBack) {
   fake_records f;
   node_pool pool;
@@ -95,18 +84,6 @@ TEST(ListTest, DeleteMovesTheCursorBack) {
   listdelete(&head, &p);
   EXPECT_EQ(p, nullptr);
   EXPECT_EQ(list_of(head), (std::vector<db_record*>{b}));
-}
-
-TEST(ListTest, PrintNames) {
-  test::captured_session cs;
-  fake_records f;
-  node_pool pool;
-  reclist* head = nullptr;
-  listadd(pool, &head, f.add(4, "disk2"));
-  listadd(pool, &head, f.add(4, "disk1"));
-  listadd(pool, &head, f.add_bare(3));
-  listprint(cs->out, head);
-  EXPECT_EQ(cs.out(), "    \n    disk1\n    disk2\n");
 }
 
 class TreeTest : public ::testing::Test {
@@ -154,35 +131,6 @@ TEST_F(TreeTest, TheExampleTree) {
             "|   |---vol1-02\n"
             "|\n"
             "|---vol2   (4096/2MB)\n");
-}
-
-TEST_F(TreeTest, LastSiblingsBlankTheirConnectorAndMarksDropTheSize) {
-  sview* root = node(f_.add(REC_TYPE_DG, "dg"));
-  sview* v1 = node(vol("a", 100), 1);
-  sview* v2 = node(vol("b", -4096), -2);
-  sview* p = node(f_.add(REC_TYPE_PLEX, "b-01"), 1);
-  sview* s = node(sd("s", 2047));
-  addchild(root, v1);
-  addchild(root, v2);
-  addchild(v2, p);
-  addchild(p, s);
-  EXPECT_EQ(print(root),
-            "dg\n"
-            "|---a !!1 missing child(ren)!!\n"
-            "|\n"
-            "|---b !!2 extra child(ren)!!\n"
-            "    |---b-01 !!1 missing child(ren)!!\n"
-            "        |---s   (2047/0MB)\n");
-}
-
-TEST_F(TreeTest, RootWithoutRecordHasNoLine) {
-  sview* root = node(nullptr);
-  sview* v = node(vol("v", 0));
-  addchild(root, v);
-  addchild(v, node(f_.add_bare(7)));
-  EXPECT_EQ(print(root),
-            "|---v   (0/0MB)\n"
-            "    |---\n");
 }
 
 TEST_F(TreeTest, SizeSuffixOnlyForVolumesAndSubdisks) {

@@ -139,7 +139,9 @@ std::uint8_t* get_aligned_buf(session& s, std::size_t size) {
     b.lastbuf = nullptr;
     b.lastsize = 0;
     if (size > static_cast<std::size_t>(-1) - 511) nt_alloc_failed(s, size);
-    b.lastfreeptr.reset(new (std::nothrow) std::uint8_t[size + 511]);
+    // Zeroed, so that a read past the end of the image never hands over
+    // uninitialised memory.
+    b.lastfreeptr.reset(new (std::nothrow) std::uint8_t[size + 511]());
     if (!b.lastfreeptr) nt_alloc_failed(s, size + 511);
     auto raw = reinterpret_cast<std::uintptr_t>(b.lastfreeptr.get());
     b.lastbuf = b.lastfreeptr.get() + ((512 - raw % 512) % 512);

@@ -60,7 +60,8 @@ std::uint8_t* buf_get(session& s, std::size_t nbytes);
 void buf_release(session& s);
 
 // The shared 512-aligned sector buffer: grows on a larger request, never
-// cleared; contents are not carried over on growth.
+// cleared; contents are not carried over on growth (a grown buffer starts
+// zeroed).
 std::uint8_t* get_aligned_buf(session& s, std::size_t size);
 
 // Strict unsigned parse in automatic base; bad text reports ":331:%s: Invalid

@@ -48,6 +48,14 @@ std::size_t header_blocks(const dbase* db) {
   return db->ddb_blksize != 0 ? db->ddb_hdrsize / db->ddb_blksize : 0;
 }
 
+// Block sizes the record framing can carry: a first fragment with room for
+// the record header (the arithmetic is the standard form's in both forms),
+// and a payload that fits the 16-bit dbb_frag_size.
+bool framing_usable(const dbase* db) {
+  return db->ddb_blksize >= DDB_BLKHDR_SIZE + DDB_RECHDR_SIZE &&
+         db->ddb_blksize - DDB_BLKHDR_SIZE <= 0xFFFF;
+}
+
 bool in_write_range(const db_block_table* t, std::size_t blkno) {
   for (const auto& r : t->write_ranges) {
     if (blkno >= r.first && blkno < r.second) return true;
@@ -281,17 +289,20 @@ int extract_block(dbase* db, std::size_t blkno, const std::uint8_t* p) {
     return VE_BAD_BLOCKNO;
   }
   if (bh.ref == 0) return 0;
+  if (!framing_usable(db)) {
+    b->dbb_flag |= DBB_BAD;
+    return VE_DB_FORMAT;
+  }
   b->dbb_offset = ddb_fragment_offset(db, bh.frag);
   b->dbb_frag_size = static_cast<std::uint16_t>(db->ddb_blksize - DDB_BLKHDR_SIZE);
   if (bh.frag == 0) return extract_new_record(db, blkno, b, bh);
   return extract_continuation(db, blkno, b, bh);
 }
 
-// Block sizes the framing can carry: room for both headers and one body
-// byte, and a payload that fits dbb_frag_size.
-bool block_size_usable(const dbase* db) {
-  std::size_t min = DDB_BLKHDR_SIZE + DDB_RECHDR_SIZE + 1;
-  return db->ddb_blksize >= min && db->ddb_blksize - DDB_BLKHDR_SIZE <= 0xFFFF;
+// Block sizes whose block header fits inside a block.
+bool block_header_fits(const dbase* db) {
+  std::size_t hdr = (db->ddb_flag & DDB_COMPACT) ? DDB_C_BLKHDR_SIZE : DDB_BLKHDR_SIZE;
+  return db->ddb_blksize >= hdr;
 }
 
 // Used data blocks among the materialised entries.
@@ -522,7 +533,7 @@ int ddb_extract(dbase* db, const std::uint8_t* buf, std::size_t offset, std::siz
     len -= skip;
   }
   if (len == 0 || db->ddb_nblocks == 0) return 0;
-  if (!block_size_usable(db)) return VE_DB_FORMAT;
+  if (!block_header_fits(db)) return VE_DB_FORMAT;
   for (std::size_t blkno = offset / db->ddb_blksize; len > 0 && blkno < db->ddb_nblocks;
        ++blkno) {
     if (len < db->ddb_blksize) return VE_SHORT_READ;
@@ -564,7 +575,7 @@ void ddb_extract_recover(dbase* db) {
     b->dbb_next_blkno = DDB_NOBLOCK;
     b->dbb_offset = 0;
     b->dbb_frag_size = 0;
-    b->dbb_flag = DBB_WRITE;
+    b->dbb_flag |= DBB_WRITE;
     if (r != nullptr) {
       b->dbb_record = nullptr;
       ++db->ddb_freeblks;

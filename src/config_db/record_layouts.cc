@@ -81,7 +81,7 @@ const rec2field rec2field_table[] = {
     {0x33, 1, {B(sdperm_fields), SD_COMMON_GROUPS(sdperm_orig_fields),
                O(0x10000u, sdperm_comment_fields)}},
     {0x43, 1, {B(sdperm_fields_512), SD_COMMON_GROUPS(sdperm_orig_fields_512),
-               O(0x20000u, sdperm_reserved1_fields)}},
+               O(0x10000u, sdperm_comment_fields), O(0x20000u, sdperm_reserved1_fields)}},
     {0x34, 1, {B(dmperm_fields_2_0)}},
     {0x44, 1, {B(dmperm_fields_nt_2), O(0x800u, dmperm_app_value_fields),
                O(0x1000u, dmperm_comment_fields), O(0x80000000u, dmperm_timeout_fields),
@@ -180,13 +180,13 @@ const std::uint8_t* voldbf_unfmt_tbl(const rec2field* r2f, std::uint32_t type, v
                                      const std::uint8_t* buf, const std::uint8_t* lim) {
   std::uint32_t claimed = 0;
   for_each_group(r2f, [&](const r2f_group& g) {
-    if (applies(g, type)) claimed |= g.flagmask;
+    if (buf == nullptr || !applies(g, type)) return;
+    buf = dbf_unfmt_tbl(g.ftbl, g.nflds, sp, buf, lim);
+    claimed |= g.flagmask;
   });
-  // A presence flag the record's type does not know.
-  if ((type & RTYPE_PRESENCE) & ~claimed) return nullptr;
-  for_each_group(r2f, [&](const r2f_group& g) {
-    if (buf != nullptr && applies(g, type)) buf = dbf_unfmt_tbl(g.ftbl, g.nflds, sp, buf, lim);
-  });
+  // A presence flag the record's type does not know, checked once every
+  // applicable group is read (what was decoded stays in the structure).
+  if (buf == nullptr || ((type & RTYPE_PRESENCE) & ~claimed) != 0) return nullptr;
   return buf;
 }
 

@@ -74,8 +74,9 @@ std::size_t voldbf_tblsize(const rec2field* r2f, std::uint32_t type, const void*
 // Writes every applicable group (not the extension); returns the end.
 std::uint8_t* voldbf_fmt_tbl(const rec2field* r2f, std::uint32_t type, const void* sp,
                              std::uint8_t* buf);
-// Reads every applicable group from [buf, lim); null when a group fails or a
-// presence flag is not claimed by an applied group's mask.
+// Reads every applicable group from [buf, lim); null when a group fails or,
+// once all are read, a presence flag is not claimed by an applied group's
+// mask (the members read stay in `sp`).
 const std::uint8_t* voldbf_unfmt_tbl(const rec2field* r2f, std::uint32_t type, void* sp,
                                      const std::uint8_t* buf, const std::uint8_t* lim);
 // Frees (and nulls) the heap members that decoding attached to `sp`, over

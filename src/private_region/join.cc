@@ -11,8 +11,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
+#include <map>
 #include <new>
+#include <vector>
 
 #include "base/errors.h"
 #include "codec/integers.h"
@@ -61,9 +64,37 @@ int append_toc_sector(priv_info* priv, voff_t toc, voff_t alt) {
   return VE_OK;
 }
 
+// Puts entries into the handle's list where priv_toc_add puts a private
+// entry (after every entry whose start is not greater), finding the place
+// through the last entry at each start rather than by a walk from the head:
+// a TOC of many thousand entries joins in n log n. Holds while every entry
+// of the list came through it.
+class toc_list_index {
+ public:
+  void insert(priv_info* priv, toc_entry_info* e) {
+    const voff_t start = e->tei_region.dkr_offset;
+    auto it = last_at_.upper_bound(start);
+    toc_entry_info* prev = it == last_at_.begin() ? nullptr : std::prev(it)->second;
+    toc_entry_info* next = prev != nullptr ? prev->tei_next : priv->pri_toc_entries;
+    e->tei_prev = prev;
+    e->tei_next = next;
+    if (next != nullptr) next->tei_prev = e;
+    if (prev != nullptr) {
+      prev->tei_next = e;
+    } else {
+      priv->pri_toc_entries = e;
+    }
+    last_at_[start] = e;
+  }
+
+ private:
+  std::map<voff_t, toc_entry_info*> last_at_;
+};
+
 // Checks one decoded entry and takes it into the list (or drops a public
 // one). The entry is consumed either way.
-int join_entry(priv_info* priv, toc_entry_info* e, voff_t privlen, voff_t nbits) {
+int join_entry(priv_info* priv, toc_list_index& list, toc_entry_info* e, voff_t privlen,
+               voff_t nbits) {
   const disk_region& r = e->tei_region;
   int res = VE_OK;
   if (r.dkr_offset < 0 || r.dkr_len < 0) {
@@ -82,7 +113,7 @@ int join_entry(priv_info* priv, toc_entry_info* e, voff_t privlen, voff_t nbits)
       res = VE_PRIV_INVALID;  // overlaps a header, a TOC block or another region
     } else {
       bmap_set_range(priv->pri_alloc_map, static_cast<int>(first), static_cast<int>(count));
-      priv_toc_add(priv, e);
+      list.insert(priv, e);
       return VE_OK;
     }
   }
@@ -92,8 +123,8 @@ int join_entry(priv_info* priv, toc_entry_info* e, voff_t privlen, voff_t nbits)
 
 // Reads one block (primary, else alternate), checks its next pointers and
 // joins its entries. *toc and *alt become the next block's positions.
-int join_block(priv_info* priv, std::uint8_t* buf, voff_t* toc, voff_t* alt, voff_t privlen,
-               voff_t nbits) {
+int join_block(priv_info* priv, toc_list_index& list, std::uint8_t* buf, voff_t* toc, voff_t* alt,
+               voff_t privlen, voff_t nbits) {
   const priv_header_info* hdr = priv->pri_header;
   mark_sector(priv, *toc, nbits);
   mark_sector(priv, *alt, nbits);
@@ -114,19 +145,32 @@ int join_block(priv_info* priv, std::uint8_t* buf, voff_t* toc, voff_t* alt, vof
     toc_entry_info* e = nullptr;
     if ((res = priv_unpack_toc_entry(&e, &p, end)) != VE_OK) return res;
     if (e == nullptr) break;
-    if ((res = join_entry(priv, e, privlen, nbits)) != VE_OK) return res;
+    if ((res = join_entry(priv, list, e, privlen, nbits)) != VE_OK) return res;
   }
   *toc = next;
   *alt = altnext;
   return VE_OK;
 }
 
+// Whether a chunk fits on the disk the handle was scanned on (true when the
+// disk's size is not known). A larger chunk cannot be read whole anywhere.
+bool chunk_fits_disk(const priv_info* priv) {
+  const disk_attrs& d = priv->pri_disk_attrs;
+  const std::size_t chunk = priv->pri_header->phi_chunk_size;
+  if (d.dka_priv_len <= 0 || d.dka_atomic_iosize == 0 || chunk == 0) return true;
+  return (chunk - 1) / d.dka_atomic_iosize < static_cast<std::size_t>(d.dka_priv_len);
+}
+
 int join_chains(priv_info* priv) {
   priv_header_info* hdr = priv->pri_header;
   const voff_t privlen = hdr->phi_priv_len;
   const voff_t nbits = priv_len_chunks(hdr);
-  std::uint8_t* buf = priv_io_buffer(priv, hdr->phi_chunk_size);
-  if (buf == nullptr) return VE_NOMEM;
+  // A header may claim any sector size: a chunk larger than the disk would
+  // make every TOC read short (141), so it is not read, and no buffer is
+  // sized by the claim.
+  const bool readable = chunk_fits_disk(priv);
+  std::uint8_t* buf = readable ? priv_io_buffer(priv, hdr->phi_chunk_size) : nullptr;
+  if (readable && buf == nullptr) return VE_NOMEM;
   // A negative or oversized length cannot describe a region either.
   if (privlen <= 0 || nbits <= 0 || nbits > std::numeric_limits<int>::max())
     return VE_PRIV_INVALID;
@@ -140,10 +184,12 @@ int join_chains(priv_info* priv) {
   voff_t alt = hdr->phi_first_alt_toc;
   // With 4096-byte chunks a first TOC position of 0 is visited anyway.
   bool visit_zero = toc == 0 && hdr->phi_chunk_size == 4096;
+  toc_list_index list;
   while (toc != 0 || visit_zero) {
     visit_zero = false;
     if (static_cast<voff_t>(priv->pri_toc_len) >= privlen) return VE_PRIV_INVALID;  // a loop
-    if (int res = join_block(priv, buf, &toc, &alt, privlen, nbits); res != VE_OK) return res;
+    if (!readable) return VE_SHORT_READ;
+    if (int res = join_block(priv, list, buf, &toc, &alt, privlen, nbits); res != VE_OK) return res;
   }
   return VE_OK;
 }
@@ -290,36 +336,13 @@ int priv_copy_cmptoc(const void* a, const void* b) {
   return oa < ob ? -1 : (oa > ob ? 1 : 0);
 }
 
-int priv_build_copies(priv_info* priv, const char* type, copy_info** list) {
-  copy_info* tail = *list;
-  while (tail != nullptr && tail->ci_next != nullptr) tail = tail->ci_next;
-  std::size_t last = 0;
-  for (;;) {
-    std::size_t best = 0;
-    for (const toc_entry_info* e = priv->pri_toc_entries; e != nullptr; e = e->tei_next) {
-      if (!is_type(e, type)) continue;
-      const std::size_t n = copy_number(e);
-      if (n > last && (best == 0 || n < best)) best = n;
-    }
-    if (best == 0) return VE_OK;
-    copy_info* copy = nullptr;
-    if (int res = priv_build_copy(priv, &copy, type, best); res != VE_OK) return res;
-    copy->ci_prev = tail;
-    if (tail != nullptr) {
-      tail->ci_next = copy;
-    } else {
-      *list = copy;
-    }
-    tail = copy;
-    last = best;
-  }
-}
+namespace {
 
-int priv_build_copy(priv_info* priv, copy_info** copy, const char* type, std::size_t number) {
-  *copy = nullptr;
-  int n = 0;
-  for (const toc_entry_info* e = priv->pri_toc_entries; e != nullptr; e = e->tei_next)
-    if (is_type(e, type) && copy_number(e) == number) ++n;
+// The descriptor of copy `number` from its parts, in list order: sorted by
+// their offset in the copy (equal offsets keep their order), which must
+// tile the copy. 0, 12 or 165.
+int make_copy(std::vector<toc_entry_info*>& found, std::size_t number, copy_info** copy) {
+  const int n = static_cast<int>(found.size());
   auto* c = new (std::nothrow) copy_info{};
   auto** parts = new (std::nothrow) toc_entry_info*[n > 0 ? n : 1]();
   if (c == nullptr || parts == nullptr) {
@@ -327,9 +350,7 @@ int priv_build_copy(priv_info* priv, copy_info** copy, const char* type, std::si
     delete[] parts;
     return VE_NOMEM;
   }
-  int i = 0;
-  for (toc_entry_info* e = priv->pri_toc_entries; e != nullptr; e = e->tei_next)
-    if (is_type(e, type) && copy_number(e) == number) parts[i++] = e;
+  std::copy(found.begin(), found.end(), parts);
   std::stable_sort(parts, parts + n, [](toc_entry_info* a, toc_entry_info* b) {
     return priv_copy_cmptoc(&a, &b) < 0;
   });
@@ -339,7 +360,7 @@ int priv_build_copy(priv_info* priv, copy_info** copy, const char* type, std::si
 
   // The parts must tile the copy: each starts where the previous ones end.
   std::uint64_t sum = 0;
-  for (i = 0; i < n; ++i) {
+  for (int i = 0; i < n; ++i) {
     if (copy_offset(parts[i]) != sum) {
       delete[] parts;
       delete c;
@@ -349,6 +370,41 @@ int priv_build_copy(priv_info* priv, copy_info** copy, const char* type, std::si
   }
   *copy = c;
   return VE_OK;
+}
+
+}  // namespace
+
+int priv_build_copies(priv_info* priv, const char* type, copy_info** list) {
+  copy_info* tail = *list;
+  while (tail != nullptr && tail->ci_next != nullptr) tail = tail->ci_next;
+  // Copies by ascending number (0 is no copy), each with its parts in list
+  // order: one pass over the list rather than one per copy.
+  std::map<std::size_t, std::vector<toc_entry_info*>> copies;
+  for (toc_entry_info* e = priv->pri_toc_entries; e != nullptr; e = e->tei_next) {
+    if (!is_type(e, type)) continue;
+    const std::size_t n = copy_number(e);
+    if (n > 0) copies[n].push_back(e);
+  }
+  for (auto& [number, parts] : copies) {
+    copy_info* copy = nullptr;
+    if (int res = make_copy(parts, number, &copy); res != VE_OK) return res;
+    copy->ci_prev = tail;
+    if (tail != nullptr) {
+      tail->ci_next = copy;
+    } else {
+      *list = copy;
+    }
+    tail = copy;
+  }
+  return VE_OK;
+}
+
+int priv_build_copy(priv_info* priv, copy_info** copy, const char* type, std::size_t number) {
+  *copy = nullptr;
+  std::vector<toc_entry_info*> parts;
+  for (toc_entry_info* e = priv->pri_toc_entries; e != nullptr; e = e->tei_next)
+    if (is_type(e, type) && copy_number(e) == number) parts.push_back(e);
+  return make_copy(parts, number, copy);
 }
 
 int priv_build_lockrgn(priv_info* priv) {

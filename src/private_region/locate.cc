@@ -77,6 +77,9 @@ int priv_scan(priv_info* priv, disk_attrs* dattrs) {
   priv_header_info hdrbuf;
   priv_header_info hdrbuf2;
   for (;;) {
+    // The handle remembers the disk it was scanned on (the join bounds its
+    // reads by the disk's size).
+    priv->pri_disk_attrs = *dattrs;
     header_from_attrs(hdr, dattrs, blpsctr);
     priv->pri_flags &= ~PRI_HEADER_OK_BITS;
     install_header(priv, hdr);

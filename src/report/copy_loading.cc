@@ -339,8 +339,10 @@ int config_report::LoadRecords(std::uint8_t* buf, std::size_t cpoffset, std::siz
 }
 
 int priv_read_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf,
-                   std::size_t blkno, std::size_t nblks, std::size_t* nread) {
+                   std::size_t blkno, std::size_t nblks, std::size_t* nread,
+                   std::size_t* nbytes) {
   *nread = 0;
+  if (nbytes != nullptr) *nbytes = 0;
   const priv_header_info* hdr = priv->pri_header;
   const std::size_t per_sector = hdr->phi_chunk_size == 4096 ? 1 : hdr->phi_atomic_iosize / 512;
   if (per_sector > 1) nblks -= nblks % per_sector;
@@ -360,6 +362,7 @@ int priv_read_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf
                 static_cast<int>(run), std::strerror(errno));
         return VE_READ_FAILED;
       }
+      if (nbytes != nullptr) *nbytes += static_cast<std::size_t>(cc);
       nblks -= run;
       blkno += run;
       buf += run * CONFIG_BLOCK;
@@ -398,11 +401,16 @@ int priv_dump_config(session& s, priv_info* priv, int copy) {
   if (rep.configcopy_setup() != 1) return -2;
   for (std::size_t cpoffset = 0;;) {
     std::size_t nblksread = 0;
-    if (priv_read_copy(s, priv, cp, buf, cpoffset, CONFIG_RUN_BLOCKS, &nblksread) != 0) {
+    std::size_t nbytes = 0;
+    if (priv_read_copy(s, priv, cp, buf, cpoffset, CONFIG_RUN_BLOCKS, &nblksread, &nbytes) != 0) {
       volpfmt(s, s.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
       throw fatal_exit{1};
     }
     if (nblksread == 0) return rep.configcopy_eof() == 1 ? 1 : -2;
+    // A run past the end of the image only replays what the buffer holds.
+    // Once the report is out, all such a run could add is the same
+    // stale-block error again for every run the copy claims: the copy ends.
+    if (nbytes == 0 && rep.configcopy_eof_called != 0) return 1;
     if (rep.configcopy_more(buf, cpoffset, nblksread) != 1) return -2;
     cpoffset += nblksread;
   }

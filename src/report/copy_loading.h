@@ -141,9 +141,12 @@ int priv_dump_config(session& s, priv_info* priv, int copy);
 
 // Reads up to `nblks` 512-byte blocks of copy `cp` from copy block `blkno`
 // into `buf`; `*nread` receives the blocks read (0 at the end of the copy).
+// Past the end of the image a run still counts: its blocks keep what the
+// buffer held; `*nbytes`, when given, receives the bytes the image gave.
 // 0, or 142 after a failed read.
 int priv_read_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf,
-                   std::size_t blkno, std::size_t nblks, std::size_t* nread);
+                   std::size_t blkno, std::size_t nblks, std::size_t* nread,
+                   std::size_t* nbytes = nullptr);
 
 // The disk-set id of the copy's disk-group record as GUID text in
 // `disksetID` (at least 37 characters). 1 when found, -1 without a

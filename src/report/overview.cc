@@ -37,7 +37,8 @@ void print_count_check(FILE* out, int cnt, const char* what) {
   if (cnt > 0) {
     std::fprintf(out, "!!Database has %d fewer %s record(s) than header does.!!\n", cnt, what);
   } else if (cnt < 0) {
-    std::fprintf(out, "!!Database has %d more %s record(s) than header does.!!\n", -cnt, what);
+    std::fprintf(out, "!!Database has %d more %s record(s) than header does.!!\n",
+                 wrapping_sub(0, cnt), what);
   }
 }
 
@@ -60,7 +61,7 @@ void attach_subdisks(overview_state& st, sview* pn, const plexrec* pl) {
   reclist* s = st.sdlist;
   while (s != nullptr) {
     if (seqno_equal(record_of(s->r)->sd()->sd_plex_rid, pl->pl_rid)) {
-      pn->diff -= 1;
+      pn->diff = wrapping_sub(pn->diff, 1);
       addchild(pn, st.pool.new_sview(s->r, 0));
       listdelete(&st.sdlist, &s);
     }
@@ -74,7 +75,7 @@ void attach_plexes(overview_state& st, sview* vn, const volrec* vol) {
   while (p != nullptr) {
     const plexrec* pl = record_of(p->r)->plex();
     if (seqno_equal(pl->pl_vol_rid, vol->v_rid)) {
-      vn->diff -= 1;
+      vn->diff = wrapping_sub(vn->diff, 1);
       // A plex is always expected to have at least one subdisk.
       const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
       sview* pn = st.pool.new_sview(p->r, expected);
@@ -175,7 +176,8 @@ void tree_printer::printsview(const sview* p, int ilen) {
       } else if (p->diff > 0) {
         std::fprintf(out_, "%s%s !!%d missing child(ren)!!\n", indent_, name, p->diff);
       } else {
-        std::fprintf(out_, "%s%s !!%d extra child(ren)!!\n", indent_, name, -p->diff);
+        std::fprintf(out_, "%s%s !!%d extra child(ren)!!\n", indent_, name,
+                     wrapping_sub(0, p->diff));
       }
     }
     if (p->rlink == nullptr && ilen != 0) std::memset(indent_ + ilen - TREE_LEVEL, ' ', TREE_LEVEL);
@@ -282,10 +284,22 @@ void overview_collect(FILE* out, dbase* db, overview_state& st) {
       continue;
     }
     switch (rec->type) {
-      case REC_TYPE_VOL: st.v_cnt -= 1; listadd(st.pool, &st.vollist, r); break;
-      case REC_TYPE_PLEX: st.pl_cnt -= 1; listadd(st.pool, &st.plexlist, r); break;
-      case REC_TYPE_SD: st.sd_cnt -= 1; listadd(st.pool, &st.sdlist, r); break;
-      case REC_TYPE_DM: st.dm_cnt -= 1; listadd(st.pool, &st.dmlist, r); break;
+      case REC_TYPE_VOL:
+        st.v_cnt = wrapping_sub(st.v_cnt, 1);
+        listadd(st.pool, &st.vollist, r);
+        break;
+      case REC_TYPE_PLEX:
+        st.pl_cnt = wrapping_sub(st.pl_cnt, 1);
+        listadd(st.pool, &st.plexlist, r);
+        break;
+      case REC_TYPE_SD:
+        st.sd_cnt = wrapping_sub(st.sd_cnt, 1);
+        listadd(st.pool, &st.sdlist, r);
+        break;
+      case REC_TYPE_DM:
+        st.dm_cnt = wrapping_sub(st.dm_cnt, 1);
+        listadd(st.pool, &st.dmlist, r);
+        break;
       case REC_TYPE_DG:
         if (st.dglist != nullptr) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
         listadd(st.pool, &st.dglist, r);

@@ -79,6 +79,19 @@ struct node_pool {
 // Inserts `r` in name order: in front of the first node whose name sorts
 // after it, except that an equal-named head stays first.
 void listadd(node_pool& pool, reclist** head, db_record* r);
+// The list that listadd builds from records added one by one, built in
+// O(n log n) (name_sorted_list, overview_index.h).
+class sorted_list_builder {
+ public:
+  void add(db_record* r) { recs_.push_back(r); }
+  bool empty() const { return recs_.empty(); }
+  // Links the list at *head (which it replaces).
+  void link(node_pool& pool, reclist** head) const;
+
+ private:
+  std::vector<db_record*> recs_;
+};
+
 // Unlinks `*p`; `*p` becomes its predecessor, or null when it was the head.
 void listdelete(reclist** head, reclist** p);
 void listprint(FILE* out, const reclist* head);
@@ -107,6 +120,12 @@ void printsviewrecord(record_printer& pr, dbase* db, const sview* p);
 void print_header(FILE* out, const dbase* db, const voldb_info* hdr);
 // `blkno` is the index of `b` in the store's block array.
 void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* b, int showfree);
+
+// The record counters start from the header's claims, any 32-bit value, and
+// wrap as 32-bit two's complement integers.
+inline int wrapping_sub(int a, int b) {
+  return static_cast<int>(static_cast<unsigned>(a) - static_cast<unsigned>(b));
+}
 
 // The report's own state.
 struct overview_state {

@@ -188,13 +188,13 @@ void gather(FILE* out, dbase* db, overview_state& st, gathered& g) {
     }
     switch (rec->type) {
       case REC_TYPE_VOL: {
-        st.v_cnt -= 1;
+        st.v_cnt = wrapping_sub(st.v_cnt, 1);
         const volrec* v = rec->vol();
         g.vol.add(rec->name, {r, seqno_value(v->v_rid), 0, static_cast<int>(v->v_pl_num)});
         break;
       }
       case REC_TYPE_PLEX: {
-        st.pl_cnt -= 1;
+        st.pl_cnt = wrapping_sub(st.pl_cnt, 1);
         const plexrec* pl = rec->plex();
         // A plex is always expected to have at least one subdisk.
         const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
@@ -202,10 +202,13 @@ void gather(FILE* out, dbase* db, overview_state& st, gathered& g) {
         break;
       }
       case REC_TYPE_SD:
-        st.sd_cnt -= 1;
+        st.sd_cnt = wrapping_sub(st.sd_cnt, 1);
         g.sd.add(rec->name, {r, 0, seqno_value(rec->sd()->sd_plex_rid), 0});
         break;
-      case REC_TYPE_DM: st.dm_cnt -= 1; g.dm.add(rec->name, {r}); break;
+      case REC_TYPE_DM:
+        st.dm_cnt = wrapping_sub(st.dm_cnt, 1);
+        g.dm.add(rec->name, {r});
+        break;
       case REC_TYPE_DG:
         if (!g.dg.facts.empty()) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
         g.dg.add(rec->name, {r});
@@ -235,7 +238,7 @@ std::vector<std::pair<sview*, index_t>> attach_plexes(overview_state& st, const 
     if (v == NO_INDEX) continue;
     taken[i] = true;
     owner_of[i] = v;
-    vols[v]->diff -= 1;
+    vols[v]->diff = wrapping_sub(vols[v]->diff, 1);
     node_of[i] = st.pool.new_sview(f.r, f.expected);
     children.append(vols[v], v, node_of[i]);
     ++count[v + 1];
@@ -264,7 +267,7 @@ void attach_subdisks(overview_state& st, const gathered& g,
     if (p == NO_INDEX) continue;
     taken[i] = true;
     sview* pn = plexes[p].first;
-    pn->diff -= 1;
+    pn->diff = wrapping_sub(pn->diff, 1);
     children.append(pn, p, st.pool.new_sview(f.r, 0));
   }
   st.sdlist = g.sd.rest(taken);
@@ -276,6 +279,10 @@ reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs) 
   fact_list l;
   for (db_record* r : recs) l.add(rec_name(r), rec_facts{r});
   return l.build(pool);
+}
+
+void sorted_list_builder::link(node_pool& pool, reclist** head) const {
+  *head = name_sorted_list(pool, recs_);
 }
 
 void overview_build_indexed(FILE* out, dbase* db, overview_state& st) {

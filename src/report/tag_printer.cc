@@ -49,7 +49,7 @@ const char* tag_printer::getgrp(long gid) {
 }
 
 const char* tag_printer::field_sprint(const void* rec, quillon_tagtype type, std::size_t offs,
-                                      long info, std::size_t width) {
+                                      long info, std::size_t width, bool is_signed) {
   char* const b = buf_;
   const std::size_t n = sizeof buf_;
   switch (type) {
@@ -66,9 +66,14 @@ const char* tag_printer::field_sprint(const void* rec, quillon_tagtype type, std
     }
     case TAG_LONG:
     case TAG_EPOCH:
-    case TAG_MINOR:
-      std::snprintf(b, n, "%ld", static_cast<long>(fgetsigned(width, at(rec, offs))));
+    case TAG_MINOR: {
+      // The member's value as a 64-bit number: an unsigned member is not
+      // sign-extended.
+      const long v = is_signed ? static_cast<long>(fgetsigned(width, at(rec, offs)))
+                               : static_cast<long>(fgetunsigned(width, at(rec, offs)));
+      std::snprintf(b, n, "%ld", v);
       return b;
+    }
     case TAG_FLAG:
       return (fgetunsigned(width, at(rec, offs)) & static_cast<unsigned long>(info)) != 0 ? "on"
                                                                                          : "off";

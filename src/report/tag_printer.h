@@ -65,6 +65,7 @@ struct voltagdesc {
   std::size_t offs;   // position of the member in the record structure
   long info;          // flag mask, or maximum length of a name or comment
   std::size_t width;  // width of the member in memory (0 for TAG_NOOP)
+  bool is_signed;     // the member is a signed integer
 };
 
 struct valtbl {
@@ -93,11 +94,12 @@ std::span<const valtbl> rpols();
 
 class tag_printer {
  public:
-  // The text of the member at `offs` inside `rec`, by kind.
+  // The text of the member at `offs` inside `rec` (`width` bytes, signed or
+  // not), by kind.
   const char* field_sprint(const void* rec, quillon_tagtype type, std::size_t offs, long info,
-                           std::size_t width);
+                           std::size_t width, bool is_signed);
   const char* field_sprint(const void* rec, const voltagdesc& d) {
-    return field_sprint(rec, d.type, d.offs, d.info, d.width);
+    return field_sprint(rec, d.type, d.offs, d.info, d.width, d.is_signed);
   }
 
   // The first entry named `name` of the kind's table, printed; sets `flag`

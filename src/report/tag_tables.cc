@@ -8,6 +8,7 @@
 // six others are derived from their record structures in the same pattern
 // (docs/report.md lists them).
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 #include "config_db/records.h"
@@ -19,13 +20,16 @@ namespace {
 
 // Entry helpers: a named member, a name (width less one), a flag bit, a
 // pseudo-field.
-#define TD(S, tag, name, kind, member, info) \
-  voltagdesc { tag, name, kind, offsetof(S, member), info, sizeof(std::declval<S&>().member) }
+#define TD(S, tag, name, kind, member, info)                                      \
+  voltagdesc {                                                                     \
+    tag, name, kind, offsetof(S, member), info, sizeof(std::declval<S&>().member), \
+        std::is_signed_v<std::remove_cvref_t<decltype(std::declval<S&>().member)>> \
+  }
 #define TN(S, tag, name, kind, member) \
   TD(S, tag, name, kind, member, static_cast<long>(sizeof(std::declval<S&>().member)) - 1)
 #define TF(S, tag, name, member, mask) TD(S, tag, name, TAG_FLAG, member, static_cast<long>(mask))
 #define TNOOP(tag, name) \
-  voltagdesc { tag, name, TAG_NOOP, 0, 0, 0 }
+  voltagdesc { tag, name, TAG_NOOP, 0, 0, 0, false }
 #define PSEUDO(tag) TNOOP(tag, "EXISTS"), TNOOP(tag + 1, "IMPLICIT"), TNOOP(tag + 2, "CHANGED")
 
 // ---------------------------------------------------------------------------
