@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "base/errors.h"
 #include "codec/integers.h"
@@ -80,15 +81,26 @@ copy_info* select_copy(priv_info* priv, int copy) {
   return nullptr;
 }
 
-// Whether a record decoded with this layout can hold heap members.
-bool layout_has_heap_members(const rec2field* r2f) {
-  if (r2f == nullptr) return false;
+// Where a record decoded with this layout can hold heap members (wide and
+// byte strings): their offsets, over all of the layout's groups.
+std::vector<std::size_t> heap_member_offsets(const rec2field* r2f) {
+  std::vector<std::size_t> offsets;
+  if (r2f == nullptr) return offsets;
   for (const r2f_group& g : r2f->r2f_tbls) {
     if (g.nflds == 0) break;
     for (std::size_t i = 0; i < g.nflds; ++i) {
       const dbf_type t = g.ftbl[i].dbf_type;
-      if (t == DBF_TYPE_AWSTRING || t == DBF_TYPE_VBYTE) return true;
+      if (t == DBF_TYPE_AWSTRING || t == DBF_TYPE_VBYTE) offsets.push_back(g.ftbl[i].dbf_offset);
     }
+  }
+  return offsets;
+}
+
+bool holds_heap_member(const void* u, const std::vector<std::size_t>& offsets) {
+  for (std::size_t off : offsets) {
+    void* p = nullptr;
+    std::memcpy(&p, static_cast<const std::uint8_t*>(u) + off, sizeof p);
+    if (p != nullptr) return true;
   }
   return false;
 }
@@ -133,14 +145,18 @@ int safe_wcscpy(wchar_t* strDestination, const wchar_t* strSource) {
 config_report::config_report(session& sess) : s(sess) {}
 
 config_report::~config_report() {
-  // Only layouts with wide or byte strings can have left heap members.
-  enum : std::uint8_t { UNKNOWN, NONE, SOME };
-  std::uint8_t heap[RTYPE_CODE_MASK + 1] = {};
+  // Only a record whose layout has wide or byte strings, and that holds
+  // one, has heap members to release.
+  std::vector<std::size_t> heap[RTYPE_CODE_MASK + 1];
+  bool known[RTYPE_CODE_MASK + 1] = {};
   for (record* rec = rlist; rec != nullptr; rec = rec->next) {
     if (rec->u == nullptr) continue;
-    std::uint8_t& h = heap[rec->type_word & RTYPE_CODE_MASK];
-    if (h == UNKNOWN) h = layout_has_heap_members(find_rec2field(rec->type_word)) ? SOME : NONE;
-    if (h == SOME) release_decoded(rec->type_word, rec->u);
+    const std::uint32_t code = rec->type_word & RTYPE_CODE_MASK;
+    if (!known[code]) {
+      heap[code] = heap_member_offsets(find_rec2field(rec->type_word));
+      known[code] = true;
+    }
+    if (holds_heap_member(rec->u, heap[code])) release_decoded(rec->type_word, rec->u);
   }
   release_decoded(0, nullptr);
   ddb_free(db);

@@ -261,14 +261,15 @@ void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* 
     if (showfree != 0) std::fprintf(out, "#Block %4lu: free\n", static_cast<unsigned long>(blkno));
     return;
   }
-  std::fprintf(out, "#Block %4lu: ", static_cast<unsigned long>(blkno));
+  // "#Block %4lu: " and the rest of the line, in one call.
   if (b->dbb_record != nullptr) {
-    std::fprintf(out, "flag=0x%04x ref=%-4lu offset=%-4lu frag_size=%-4lu\n",
-                 static_cast<unsigned>(b->dbb_flag), b->dbb_record->dbr_ref,
-                 static_cast<unsigned long>(b->dbb_offset),
+    std::fprintf(out, "#Block %4lu: flag=0x%04x ref=%-4lu offset=%-4lu frag_size=%-4lu\n",
+                 static_cast<unsigned long>(blkno), static_cast<unsigned>(b->dbb_flag),
+                 b->dbb_record->dbr_ref, static_cast<unsigned long>(b->dbb_offset),
                  static_cast<unsigned long>(b->dbb_frag_size));
   } else {
-    std::fprintf(out, "flag=0x%04x\n", static_cast<unsigned>(b->dbb_flag));
+    std::fprintf(out, "#Block %4lu: flag=0x%04x\n", static_cast<unsigned long>(blkno),
+                 static_cast<unsigned>(b->dbb_flag));
   }
 }
 

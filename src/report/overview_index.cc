@@ -9,6 +9,7 @@
 #include "report/overview_index.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -175,10 +176,38 @@ struct gathered {
   fact_list dg, vol, plex, sd, dm, other;
 };
 
+// Asks for the memory gather() reads of a record, ahead of time: the
+// records lie scattered, and waiting for each in turn dominates.
+void prefetch_facts(const record* rec) {
+  if (rec == nullptr || rec->u == nullptr) return;
+  const auto* u = static_cast<const char*>(rec->u);
+  switch (rec->type) {
+    case REC_TYPE_VOL:
+      __builtin_prefetch(u + offsetof(volrec, v_rid));
+      __builtin_prefetch(u + offsetof(volrec, v_pl_num));
+      break;
+    case REC_TYPE_PLEX:
+      __builtin_prefetch(u + offsetof(plexrec, pl_rid));
+      __builtin_prefetch(u + offsetof(plexrec, pl_vol_rid));
+      __builtin_prefetch(u + offsetof(plexrec, pl_sd_num));
+      break;
+    case REC_TYPE_SD: __builtin_prefetch(u + offsetof(sdrec, sd_plex_rid)); break;
+    default: break;
+  }
+}
+
 void gather(FILE* out, dbase* db, overview_state& st, gathered& g) {
+  std::vector<db_record*> all;
   dbrec_iter it;
   dbrlist_iter(&it, db);
-  while (db_record* r = dbrlist_next(&it)) {
+  while (db_record* r = dbrlist_next(&it)) all.push_back(r);
+  // Three stages ahead: the store record, its collected record, the fields.
+  constexpr std::size_t AHEAD = 4;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (i + 3 * AHEAD < all.size()) __builtin_prefetch(all[i + 3 * AHEAD]);
+    if (i + 2 * AHEAD < all.size()) __builtin_prefetch(all[i + 2 * AHEAD]->dbr_private);
+    if (i + AHEAD < all.size()) prefetch_facts(record_of(all[i + AHEAD]));
+    db_record* r = all[i];
     const record* rec = record_of(r);
     if (rec == nullptr) {
       std::fprintf(out, "!! Corrupted ref=%d, 1st block=%d !!\n\n", static_cast<int>(r->dbr_ref),
