@@ -374,12 +374,16 @@ int config_report::configcopy_eof() {
   std::fputs("#\n", out);
 
   record_printer pr(out, max_tid, s.m_qzmake_format);
-  printsviewrecord(pr, db, st.root);
-  listprintrecord(pr, db, st.dmlist);
-  listprintrecord(pr, db, st.vollist);
-  listprintrecord(pr, db, st.plexlist);
-  listprintrecord(pr, db, st.sdlist);
-  listprintrecord(pr, db, st.otherlist);
+  if (st.direct) {
+    printsviewrecord(pr, db, st.root);
+    listprintrecord(pr, db, st.dmlist);
+    listprintrecord(pr, db, st.vollist);
+    listprintrecord(pr, db, st.plexlist);
+    listprintrecord(pr, db, st.sdlist);
+    listprintrecord(pr, db, st.otherlist);
+  } else {
+    print_details_indexed(pr, db, st);
+  }
 
   const auto above =
       static_cast<std::int64_t>(seqno_value(max_tid) - seqno_value(hdrinfo.vdbi_config_tid));

@@ -365,4 +365,50 @@ void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist) {
   }
 }
 
+namespace {
+
+// The tree in pre-order (the root has no record without a disk group).
+void flatten(const sview* p, std::vector<const db_record*>& out) {
+  for (; p != nullptr; p = p->rlink) {
+    if (p->r != nullptr) out.push_back(p->r);
+    if (p->dlink != nullptr) flatten(p->dlink, out);
+  }
+}
+
+// Asks for what print_record reads of a record: the store record, the
+// collected record and its decoded fields.
+void prefetch_record(const db_record* r, int stage) {
+  if (stage == 0) {
+    __builtin_prefetch(r);
+    return;
+  }
+  const record* rec = record_of(r);
+  if (rec == nullptr) return;
+  if (stage == 1) {
+    __builtin_prefetch(rec);
+    return;
+  }
+  if (rec->u == nullptr) return;
+  const std::size_t room = record_room(rec->type);
+  const auto* u = static_cast<const char*>(rec->u);
+  for (std::size_t off = 0; off < room; off += 64) __builtin_prefetch(u + off);
+}
+
+}  // namespace
+
+void print_details_indexed(record_printer& pr, dbase* db, const overview_state& st) {
+  std::vector<const db_record*> order;
+  flatten(st.root, order);
+  for (const reclist* l : {st.dmlist, st.vollist, st.plexlist, st.sdlist, st.otherlist}) {
+    for (; l != nullptr; l = l->next) order.push_back(l->r);
+  }
+  constexpr std::size_t AHEAD = 3;
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    if (i + 3 * AHEAD < order.size()) prefetch_record(order[i + 3 * AHEAD], 0);
+    if (i + 2 * AHEAD < order.size()) prefetch_record(order[i + 2 * AHEAD], 1);
+    if (i + AHEAD < order.size()) prefetch_record(order[i + AHEAD], 2);
+    pr.print_record(db, order[i]);
+  }
+}
+
 }  // namespace pd

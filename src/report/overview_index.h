@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "report/overview.h"
+#include "report/record_printer.h"
 
 namespace pd {
 
@@ -43,5 +44,9 @@ reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs);
 void overview_build_indexed(FILE* out, dbase* db, overview_state& st);
 // print_duplicate_ids, with identical output.
 void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist);
+// The records in detail, in the report's order: printsviewrecord of the
+// root, then listprintrecord of the disk, volume, plex, subdisk and other
+// lists; each record's memory is asked for a few records ahead.
+void print_details_indexed(record_printer& pr, dbase* db, const overview_state& st);
 
 }  // namespace pd
