@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <new>
@@ -15,6 +14,7 @@
 
 #include "base/errors.h"
 #include "codec/integers.h"
+#include "config_db/record_index.h"
 #include "config_db/records.h"
 
 namespace pd {
@@ -25,20 +25,24 @@ namespace pd {
 struct db_block_table {
   static constexpr std::size_t DBT_PAGE = 256;
   std::map<std::size_t, std::unique_ptr<db_block[]>> pages;
+  // The page met last: blocks are mostly visited in runs.
+  mutable std::size_t last_page = DDB_NOBLOCK;
+  mutable db_block* last_entries = nullptr;
+  db_block* find_page(std::size_t page) const {
+    if (page == last_page) return last_entries;
+    auto it = pages.find(page);
+    if (it == pages.end()) return nullptr;
+    last_page = page;
+    last_entries = it->second.get();
+    return last_entries;
+  }
   std::vector<std::pair<std::size_t, std::size_t>> write_ranges;  // [from, to)
-};
-
-// (bucket, reference) -> record, in chain order within a bucket.
-struct db_record_index {
-  std::multimap<std::pair<std::size_t, unsigned long>, db_record*> recs;
 };
 
 namespace {
 
 constexpr db_block initial_block{DDB_NOBLOCK, nullptr, 0, 0, 0};
 constexpr db_block initial_write_block{DDB_NOBLOCK, nullptr, 0, 0, DBB_WRITE};
-
-std::size_t bucket_of(unsigned long ref) { return ref % DDB_NBUCKETS; }
 
 std::size_t header_blocks(const dbase* db) {
   return db->ddb_blksize != 0 ? db->ddb_hdrsize / db->ddb_blksize : 0;
@@ -67,21 +71,19 @@ db_block* block_at(dbase* db, std::size_t blkno) {
   }
   db_block_table* t = db->ddb_blocks;
   std::size_t page = blkno / db_block_table::DBT_PAGE;
-  auto it = t->pages.find(page);
-  if (it == t->pages.end()) {
-    std::unique_ptr<db_block[]> p(new (std::nothrow) db_block[db_block_table::DBT_PAGE]);
-    if (!p) return nullptr;
-    std::size_t first = page * db_block_table::DBT_PAGE;
-    for (std::size_t i = 0; i < db_block_table::DBT_PAGE; ++i) {
-      p[i] = in_write_range(t, first + i) ? initial_write_block : initial_block;
-    }
-    it = t->pages.emplace(page, std::move(p)).first;
+  if (db_block* entries = t->find_page(page)) return &entries[blkno % db_block_table::DBT_PAGE];
+  std::unique_ptr<db_block[]> p(new (std::nothrow) db_block[db_block_table::DBT_PAGE]);
+  if (!p) return nullptr;
+  std::size_t first = page * db_block_table::DBT_PAGE;
+  for (std::size_t i = 0; i < db_block_table::DBT_PAGE; ++i) {
+    p[i] = in_write_range(t, first + i) ? initial_write_block : initial_block;
   }
-  return &it->second[blkno % db_block_table::DBT_PAGE];
+  db_block* entries = t->pages.emplace(page, std::move(p)).first->second.get();
+  return &entries[blkno % db_block_table::DBT_PAGE];
 }
 
-db_record* new_record() {
-  auto* r = static_cast<db_record*>(std::calloc(1, sizeof(db_record)));
+db_record* new_record(dbase* db) {
+  db_record* r = rindex_new_record(db->ddb_rindex);
   if (r != nullptr) {
     r->dbr_first_blkno = DDB_NOBLOCK;
     r->dbr_last_blkno = DDB_NOBLOCK;
@@ -97,9 +99,12 @@ void retire_record(dbase* db, db_record* r) {
   db->ddb_unhashed = r;
 }
 
+// Records from the store's slabs go with the slabs; others are released
+// here.
 void release_record(db_record* r) {
   std::free(r->dbr_build);
-  std::free(r);
+  r->dbr_build = nullptr;
+  if (!r->dbr_slab) std::free(r);
 }
 
 std::size_t fragments_for(const dbase* db, std::size_t size) { return ddb_record_blocks(db, size); }
@@ -172,7 +177,7 @@ int extract_new_record(dbase* db, std::size_t blkno, db_block* b, const block_he
     old->dbr_gen_flag |= DBR_FORMAT_ERROR | DBR_DUPLICATE;
     return VE_DB_FORMAT;
   }
-  db_record* r = new_record();
+  db_record* r = new_record(db);
   if (r == nullptr) return VE_NOMEM;
   record_header rh = decode_record_header(db, bh.payload);
   r->dbr_ref = bh.ref;
@@ -253,7 +258,7 @@ int extract_continuation(dbase* db, std::size_t blkno, db_block* b, const block_
   } else {
     // The record's first block was never seen: keep the fragment on an
     // unhashed placeholder so that recovery can free the block.
-    r = new_record();
+    r = new_record(db);
     if (r == nullptr) return VE_NOMEM;
     r->dbr_ref = bh.ref;
     r->dbr_gen_flag = DBR_INCOMPLETE;
@@ -364,6 +369,7 @@ int change_size(dbase* db, std::size_t newnblks, bool mark_added) {
          it != t->pages.end();) {
       std::size_t first = it->first * db_block_table::DBT_PAGE;
       if (first >= newnblks) {
+        t->last_page = DDB_NOBLOCK;
         it = t->pages.erase(it);
         continue;
       }
@@ -444,8 +450,9 @@ std::uint8_t* ddb_format_block(const dbase* db, std::uint8_t* blk, std::size_t b
 const db_block& ddb_block(const dbase* db, std::size_t blkno) {
   const db_block_table* t = db->ddb_blocks;
   if (t == nullptr) return initial_block;
-  auto it = t->pages.find(blkno / db_block_table::DBT_PAGE);
-  if (it != t->pages.end()) return it->second[blkno % db_block_table::DBT_PAGE];
+  if (const db_block* entries = t->find_page(blkno / db_block_table::DBT_PAGE)) {
+    return entries[blkno % db_block_table::DBT_PAGE];
+  }
   return in_write_range(t, blkno) ? initial_write_block : initial_block;
 }
 
@@ -476,19 +483,28 @@ dbase* ddb_alloc(const dbase_ops* ops) {
 
 void ddb_free(dbase* db) {
   if (db == nullptr) return;
-  for (db_record*& head : db->ddb_record_buckets) {
-    while (db_record* r = head) {
-      head = r->dbr_next;
-      release_record(r);
+  db_record_index* ix = db->ddb_rindex;
+  // Records an owner added: only then are the chains walked.
+  if (ix->foreign != 0) {
+    for (db_record* head : db->ddb_record_buckets) {
+      for (db_record* r = head; r != nullptr;) {
+        db_record* next = r->dbr_next;
+        if (!r->dbr_slab) release_record(r);
+        r = next;
+      }
     }
   }
   while (db_record* r = db->ddb_unhashed) {
     db->ddb_unhashed = r->dbr_next;
-    release_record(r);
+    if (!r->dbr_slab) release_record(r);
+  }
+  for (std::size_t i = 0; i < ix->slabs.size(); ++i) {
+    const std::size_t n = i + 1 == ix->slabs.size() ? ix->slab_used : db_record_index::SLAB;
+    for (std::size_t k = 0; k < n; ++k) std::free(ix->slabs[i][k].dbr_build);
   }
   delete db->ddb_blocks;
   db->ddb_blocks = nullptr;
-  delete db->ddb_rindex;
+  delete ix;
   db->ddb_rindex = nullptr;
   if (db->ddb_ops && db->ddb_ops->dop_free) db->ddb_ops->dop_free(db);
   std::free(db);
@@ -574,53 +590,6 @@ void ddb_extract_recover(dbase* db) {
       retire_record(db, r);
     }
   }
-}
-
-db_record* dbr_find(const dbase* db, unsigned long ref) {
-  const auto& recs = db->ddb_rindex->recs;
-  std::pair<std::size_t, unsigned long> key{bucket_of(ref), ref};
-  auto it = recs.lower_bound(key);  // the first of equal references
-  return it == recs.end() || it->first != key ? nullptr : it->second;
-}
-
-void dbr_add(dbase* db, db_record* r) {
-  auto& recs = db->ddb_rindex->recs;
-  std::size_t bucket = bucket_of(r->dbr_ref);
-  // A multimap inserts after every equal key: the chain order.
-  auto it = recs.emplace(std::make_pair(bucket, r->dbr_ref), r);
-  db_record* prev = nullptr;
-  if (it != recs.begin()) {
-    auto p = std::prev(it);
-    if (p->first.first == bucket) prev = p->second;
-  }
-  db_record* next = prev != nullptr ? prev->dbr_next : db->ddb_record_buckets[bucket];
-  r->dbr_prev = prev;
-  r->dbr_next = next;
-  if (prev != nullptr) {
-    prev->dbr_next = r;
-  } else {
-    db->ddb_record_buckets[bucket] = r;
-  }
-  if (next != nullptr) next->dbr_prev = r;
-}
-
-void dbr_delete(dbase* db, db_record* r) {
-  auto& recs = db->ddb_rindex->recs;
-  std::size_t bucket = bucket_of(r->dbr_ref);
-  auto range = recs.equal_range({bucket, r->dbr_ref});
-  for (auto it = range.first; it != range.second; ++it) {
-    if (it->second == r) {
-      recs.erase(it);
-      break;
-    }
-  }
-  if (r->dbr_prev != nullptr) {
-    r->dbr_prev->dbr_next = r->dbr_next;
-  } else if (db->ddb_record_buckets[bucket] == r) {
-    db->ddb_record_buckets[bucket] = r->dbr_next;
-  }
-  if (r->dbr_next != nullptr) r->dbr_next->dbr_prev = r->dbr_prev;
-  r->dbr_next = r->dbr_prev = nullptr;
 }
 
 void dbrlist_iter(dbrec_iter* it, dbase* db) {

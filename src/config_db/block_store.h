@@ -27,8 +27,9 @@
 //
 // Records live in a hash of DDB_NBUCKETS chains keyed by reference
 // (bucket = ref mod 16381), each chain in ascending reference, equal
-// references in insertion order. An ordered index beside the chains keeps
-// dbr_find/dbr_add logarithmic even when a copy crowds one chain. Records the store creates but does not
+// references in insertion order. An index beside the chains
+// (record_index.h) keeps dbr_find, dbr_add and dbr_delete cheap even when a
+// copy crowds one chain. Records the store creates but does not
 // hash (placeholders for continuation blocks whose first block never came,
 // and records released after an error) stay owned by the store until
 // ddb_free, so pointers to them held by an owner never dangle.
@@ -42,7 +43,7 @@ namespace pd {
 struct dbase;
 struct db_record;
 struct db_block_table;  // the sparse block array (block_store.cc)
-struct db_record_index; // ordered index over the hash chains (block_store.cc)
+struct db_record_index; // the index beside the hash chains (record_index.h)
 
 inline constexpr std::size_t DDB_NBUCKETS = 16381;
 inline constexpr std::size_t DDB_NOBLOCK = ~static_cast<std::size_t>(0);
@@ -123,6 +124,7 @@ struct db_record {
   std::uint8_t* dbr_build;      // the owner's assembly buffer (malloc; the store frees it with the record)
   std::size_t dbr_first_blkno;  // fragment-0 block, DDB_NOBLOCK when incomplete
   std::size_t dbr_last_blkno;   // last block linked so far (the chain's end)
+  bool dbr_slab;                // allocated by the store (released with it)
 };
 
 struct dbase {
@@ -143,7 +145,7 @@ struct dbase {
   std::uint16_t ddb_mvers_major;
   std::uint16_t ddb_mvers_minor;
   db_record* ddb_unhashed;      // store-owned records outside the hash
-  db_record_index* ddb_rindex;  // keeps lookups logarithmic on crowded chains
+  db_record_index* ddb_rindex;  // keeps lookups cheap on crowded chains
 };
 
 struct dbrec_iter {

@@ -14,6 +14,8 @@
 #include <memory>
 #include <new>
 
+#include <unistd.h>
+
 #include "base/errors.h"
 #include "driver/dump_device.h"
 #include "driver/messages.h"
@@ -27,6 +29,9 @@ namespace {
 
 constexpr const char* usage_text =
     "privdiag - ORVANE Volume Manager diagnostic operations\n\nUsage:\nprivdiag [512|4096] filename";
+
+// The output buffer of a report written to a file or a pipe.
+constexpr std::size_t OUT_BUFFER_SIZE = std::size_t{1} << 20;
 
 // Bytes of one header sector: the primary header is the last such sector.
 constexpr std::size_t header_iosize = 512;
@@ -137,6 +142,13 @@ disk_attrs derive_disk_attrs(std::uint64_t fsize, int sector_size) {
 }
 
 int privdiag_main(session& s, int argc, char** argv) {
+  // A report can run to hundreds of megabytes: write it in large pieces
+  // when it goes to a file or a pipe. The buffer outlives main, as the
+  // stream is flushed at exit.
+  static char out_buffer[OUT_BUFFER_SIZE];
+  if (s.out == stdout && isatty(fileno(stdout)) == 0) {
+    std::setvbuf(s.out, out_buffer, _IOFBF, sizeof out_buffer);
+  }
   int status = 0;
   try {
     status = privdiag_run(s, argc, argv);

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "base/errors.h"
 #include "codec/integers.h"
@@ -79,6 +81,30 @@ copy_info* select_copy(priv_info* priv, int copy) {
   return nullptr;
 }
 
+// Where a record decoded with this layout can hold heap members (wide and
+// byte strings): their offsets, over all of the layout's groups.
+std::vector<std::size_t> heap_member_offsets(const rec2field* r2f) {
+  std::vector<std::size_t> offsets;
+  if (r2f == nullptr) return offsets;
+  for (const r2f_group& g : r2f->r2f_tbls) {
+    if (g.nflds == 0) break;
+    for (std::size_t i = 0; i < g.nflds; ++i) {
+      const dbf_type t = g.ftbl[i].dbf_type;
+      if (t == DBF_TYPE_AWSTRING || t == DBF_TYPE_VBYTE) offsets.push_back(g.ftbl[i].dbf_offset);
+    }
+  }
+  return offsets;
+}
+
+bool holds_heap_member(const void* u, const std::vector<std::size_t>& offsets) {
+  for (std::size_t off : offsets) {
+    void* p = nullptr;
+    std::memcpy(&p, static_cast<const std::uint8_t*>(u) + off, sizeof p);
+    if (p != nullptr) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 std::size_t record_room(int type) {
@@ -119,14 +145,18 @@ int safe_wcscpy(wchar_t* strDestination, const wchar_t* strSource) {
 config_report::config_report(session& sess) : s(sess) {}
 
 config_report::~config_report() {
-  for (record* rec = rlist; rec != nullptr;) {
-    record* next = rec->next;
-    if (rec->u != nullptr) {
-      release_decoded(rec->type_word, rec->u);
-      std::free(rec->u);
+  // Only a record whose layout has wide or byte strings, and that holds
+  // one, has heap members to release.
+  std::vector<std::size_t> heap[RTYPE_CODE_MASK + 1];
+  bool known[RTYPE_CODE_MASK + 1] = {};
+  for (record* rec = rlist; rec != nullptr; rec = rec->next) {
+    if (rec->u == nullptr) continue;
+    const std::uint32_t code = rec->type_word & RTYPE_CODE_MASK;
+    if (!known[code]) {
+      heap[code] = heap_member_offsets(find_rec2field(rec->type_word));
+      known[code] = true;
     }
-    delete rec;
-    rec = next;
+    if (holds_heap_member(rec->u, heap[code])) release_decoded(rec->type_word, rec->u);
   }
   release_decoded(0, nullptr);
   ddb_free(db);
@@ -145,6 +175,23 @@ void config_report::release_decoded(std::uint32_t type_word, void* sp) {
     std::memset(static_cast<void*>(scratch_.get()), 0, sizeof(urec));
     scratch_used_ = false;
   }
+}
+
+void* config_report::arena_alloc(std::size_t size) {
+  constexpr std::size_t align = alignof(std::max_align_t);
+  size = (size + align - 1) / align * align;
+  if (size > ARENA_BLOCK) return nullptr;
+  if (ARENA_BLOCK - arena_used_ < size) {
+    // Zeroed pages straight from the system: no clearing pass.
+    std::unique_ptr<std::uint8_t[], arena_free> block(
+        static_cast<std::uint8_t*>(std::calloc(1, ARENA_BLOCK)));
+    if (!block) return nullptr;
+    arena_.push_back(std::move(block));
+    arena_used_ = 0;
+  }
+  void* p = arena_.back().get() + arena_used_;
+  arena_used_ += size;
+  return p;
 }
 
 int config_report::configcopy_setup() {
@@ -205,15 +252,12 @@ int config_report::unformat_record(db_record* r, const std::uint8_t* buf,
 int config_report::add_new_record(db_record* r, int rec_namespace, volrid_t rid,
                                   const char* rname, voldguid_t /*guid*/, void** rawpp) {
   const int type = static_cast<int>(r->dbr_type & 15);
-  record* rec = new (std::nothrow) record{};
-  if (rec == nullptr) die_nomem(s);
-  if (const std::size_t room = record_room(type); room != 0) {
-    rec->u = std::calloc(1, room);
-    if (rec->u == nullptr) {
-      delete rec;
-      die_nomem(s);
-    }
-  }
+  const std::size_t room = record_room(type);
+  void* mem = arena_alloc(sizeof(record));
+  void* u = room != 0 ? arena_alloc(room) : nullptr;
+  if (mem == nullptr || (room != 0 && u == nullptr)) die_nomem(s);
+  record* rec = new (mem) record{};
+  rec->u = u;
   rec->dbrec = r;
   rec->type = type;
   rec->rid = rid;

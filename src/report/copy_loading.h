@@ -14,7 +14,9 @@
 // All the state of one load (store, decoded database header, record chain,
 // last extraction error, bytes fed, report latch, highest tid printed, the
 // report's lists and tree prefix) lives in one config_report object; it
-// owns everything it allocates and frees it when it goes away.
+// owns everything it allocates and frees it when it goes away. Records and
+// their decoded fields are carved out of large zeroed blocks, so a copy of
+// many records costs few allocations and releases.
 //
 // Fatal conditions (no copies, no buffer, undecodable header, bad sizes)
 // write their message to the session's error stream and throw fatal_exit{1}.
@@ -22,8 +24,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cwchar>
 #include <memory>
+#include <vector>
 
 #include "base/session.h"
 #include "base/types.h"
@@ -115,6 +119,16 @@ class config_report {
   template <class Eof>
   int feed(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread, Eof eof);
   void release_decoded(std::uint32_t type_word, void* sp);
+
+  // Zeroed memory for records and their fields, in blocks of ARENA_BLOCK
+  // bytes; null when memory is exhausted.
+  void* arena_alloc(std::size_t size);
+  static constexpr std::size_t ARENA_BLOCK = std::size_t{1} << 20;
+  struct arena_free {
+    void operator()(std::uint8_t* p) const { std::free(p); }
+  };
+  std::vector<std::unique_ptr<std::uint8_t[], arena_free>> arena_;  // calloc'd
+  std::size_t arena_used_ = ARENA_BLOCK;  // bytes used of the last block
 
   std::unique_ptr<urec> scratch_;  // decoded fields of types without room
   bool scratch_used_ = false;

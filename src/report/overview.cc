@@ -3,17 +3,12 @@
 #include "report/overview.h"
 
 #include <cstring>
-#include <deque>
-#include <map>
-#include <string_view>
-#include <unordered_map>
-#include <unordered_set>
-#include <vector>
 
 #include "base/errors.h"
 #include "codec/text_forms.h"
 #include "driver/messages.h"
 #include "report/copy_loading.h"
+#include "report/overview_index.h"
 #include "report/record_printer.h"
 
 namespace pd {
@@ -36,12 +31,6 @@ const char* commit_state_word(unsigned state) {
   }
 }
 
-// The record counters start from the header's claims, any 32-bit value, and
-// wrap as 32-bit two's complement integers.
-int wrapping_sub(int a, int b) {
-  return static_cast<int>(static_cast<unsigned>(a) - static_cast<unsigned>(b));
-}
-
 // One record-count check: "fewer" when the header counts more records than
 // were found, "more" when it counts fewer.
 void print_count_check(FILE* out, int cnt, const char* what) {
@@ -50,27 +39,6 @@ void print_count_check(FILE* out, int cnt, const char* what) {
   } else if (cnt < 0) {
     std::fprintf(out, "!!Database has %d more %s record(s) than header does.!!\n",
                  wrapping_sub(0, cnt), what);
-  }
-}
-
-// Every pair (A, B) of disks with equal ids, B after A in list order, in
-// the order of a nested walk over the list, found through an index by id so
-// that the cost follows the pairs printed rather than the square of the list.
-void print_duplicate_ids(FILE* out, const reclist* dmlist) {
-  std::vector<const dmrec*> disks;
-  std::unordered_map<std::string_view, std::vector<std::size_t>> by_id;
-  for (const reclist* a = dmlist; a != nullptr; a = a->next) {
-    const dmrec* d = record_of(a->r)->dm();
-    by_id[d->dm_diskid].push_back(disks.size());
-    disks.push_back(d);
-  }
-  std::unordered_map<std::string_view, std::size_t> seen;  // members already passed
-  for (const dmrec* da : disks) {
-    const std::vector<std::size_t>& same = by_id[da->dm_diskid];
-    for (std::size_t k = ++seen[da->dm_diskid]; k < same.size(); ++k) {
-      std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", da->dm_name,
-                   disks[same[k]]->dm_name, da->dm_diskid);
-    }
   }
 }
 
@@ -88,58 +56,51 @@ void print_block_map(FILE* out, const dbase* db, int showfree) {
   }
 }
 
-// The tree is built as nested walks over the lists would build it (each
-// volume in list order takes the plexes of the plex list that name it, each
-// such plex the subdisks that name it, in list order, and what one took is
-// gone for the next), but through indexes by record id, so that the cost
-// follows the number of records rather than products of list lengths.
-std::uint64_t rid_key(const volrid_t& rid) {
-  return (std::uint64_t{rid.seqno_hi} << 32) | rid.seqno_lo;
-}
-
-using rid_index = std::unordered_map<std::uint64_t, std::vector<reclist*>>;
-
-template <class Owner>
-rid_index index_by(const reclist* head, Owner owner) {
-  rid_index idx;
-  for (const reclist* n = head; n != nullptr; n = n->next) {
-    idx[rid_key(owner(record_of(n->r)))].push_back(const_cast<reclist*>(n));
-  }
-  return idx;
-}
-
-// Takes (and forgets) the nodes filed under `rid`, in list order.
-std::vector<reclist*> take(rid_index& idx, const volrid_t& rid) {
-  auto it = idx.find(rid_key(rid));
-  if (it == idx.end()) return {};
-  std::vector<reclist*> nodes = std::move(it->second);
-  idx.erase(it);
-  return nodes;
-}
-
-// Unlinks the nodes in `gone` from the list, keeping the order of the rest.
-void drop_nodes(reclist** head, const std::unordered_set<const reclist*>& gone) {
-  reclist** link = head;
-  while (*link != nullptr) {
-    if (gone.count(*link) != 0) {
-      *link = (*link)->next;
-    } else {
-      link = &(*link)->next;
+// The subdisks of sdlist that belong to the plex of node `pn`.
+void attach_subdisks(overview_state& st, sview* pn, const plexrec* pl) {
+  reclist* s = st.sdlist;
+  while (s != nullptr) {
+    if (seqno_equal(record_of(s->r)->sd()->sd_plex_rid, pl->pl_rid)) {
+      pn->diff = wrapping_sub(pn->diff, 1);
+      addchild(pn, st.pool.new_sview(s->r, 0));
+      listdelete(&st.sdlist, &s);
     }
+    s = s != nullptr ? s->next : st.sdlist;
   }
 }
 
-// Appends children after `*last` (the parent's last child, null when none).
-void append_child(sview* parent, sview** last, sview* c) {
-  if (*last == nullptr) {
-    parent->dlink = c;
-  } else {
-    (*last)->rlink = c;
+// The plexes of plexlist that belong to the volume of node `vn`.
+void attach_plexes(overview_state& st, sview* vn, const volrec* vol) {
+  reclist* p = st.plexlist;
+  while (p != nullptr) {
+    const plexrec* pl = record_of(p->r)->plex();
+    if (seqno_equal(pl->pl_vol_rid, vol->v_rid)) {
+      vn->diff = wrapping_sub(vn->diff, 1);
+      // A plex is always expected to have at least one subdisk.
+      const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
+      sview* pn = st.pool.new_sview(p->r, expected);
+      addchild(vn, pn);
+      listdelete(&st.plexlist, &p);
+      attach_subdisks(st, pn, pl);
+    }
+    p = p != nullptr ? p->next : st.plexlist;
   }
-  *last = c;
 }
 
 }  // namespace
+
+void print_duplicate_ids(FILE* out, const reclist* dmlist) {
+  for (const reclist* a = dmlist; a != nullptr; a = a->next) {
+    const dmrec* da = record_of(a->r)->dm();
+    for (const reclist* b = a->next; b != nullptr; b = b->next) {
+      const dmrec* db = record_of(b->r)->dm();
+      if (std::strcmp(da->dm_diskid, db->dm_diskid) == 0) {
+        std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", da->dm_name,
+                     db->dm_name, da->dm_diskid);
+      }
+    }
+  }
+}
 
 const char* rec_name(const db_record* r) {
   const record* rec = record_of(r);
@@ -147,16 +108,16 @@ const char* rec_name(const db_record* r) {
 }
 
 reclist* node_pool::new_reclist(db_record* r) {
-  reclist& n = lists.emplace_back();
-  n.r = r;
-  return &n;
+  reclist* n = lists.make();
+  n->r = r;
+  return n;
 }
 
 sview* node_pool::new_sview(db_record* r, int diff) {
-  sview& n = views.emplace_back();
-  n.r = r;
-  n.diff = diff;
-  return &n;
+  sview* n = views.make();
+  n->r = r;
+  n->diff = diff;
+  return n;
 }
 
 void listadd(node_pool& pool, reclist** head, db_record* r) {
@@ -171,29 +132,6 @@ void listadd(node_pool& pool, reclist** head, db_record* r) {
   while (cur->next != nullptr && std::strcmp(rec_name(cur->next->r), name) < 0) cur = cur->next;
   node->next = cur->next;
   cur->next = node;
-}
-
-void sorted_list_builder::add(db_record* r) {
-  auto it = groups_.try_emplace(rec_name(r)).first;
-  std::deque<db_record*>& g = it->second;
-  if (g.empty()) {
-    g.push_back(r);
-  } else if (it == groups_.begin()) {
-    g.insert(g.begin() + 1, r);  // behind the equal head
-  } else {
-    g.push_front(r);
-  }
-}
-
-void sorted_list_builder::link(node_pool& pool, reclist** head) const {
-  reclist** tail = head;
-  for (const auto& [name, g] : groups_) {
-    for (db_record* r : g) {
-      *tail = pool.new_reclist(r);
-      tail = &(*tail)->next;
-    }
-  }
-  *tail = nullptr;
 }
 
 void listdelete(reclist** head, reclist** p) {
@@ -238,7 +176,8 @@ void tree_printer::printsview(const sview* p, int ilen) {
       } else if (p->diff > 0) {
         std::fprintf(out_, "%s%s !!%d missing child(ren)!!\n", indent_, name, p->diff);
       } else {
-        std::fprintf(out_, "%s%s !!%d extra child(ren)!!\n", indent_, name, -p->diff);
+        std::fprintf(out_, "%s%s !!%d extra child(ren)!!\n", indent_, name,
+                     wrapping_sub(0, p->diff));
       }
     }
     if (p->rlink == nullptr && ilen != 0) std::memset(indent_ + ilen - TREE_LEVEL, ' ', TREE_LEVEL);
@@ -322,19 +261,19 @@ void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* 
     if (showfree != 0) std::fprintf(out, "#Block %4lu: free\n", static_cast<unsigned long>(blkno));
     return;
   }
-  std::fprintf(out, "#Block %4lu: ", static_cast<unsigned long>(blkno));
+  // "#Block %4lu: " and the rest of the line, in one call.
   if (b->dbb_record != nullptr) {
-    std::fprintf(out, "flag=0x%04x ref=%-4lu offset=%-4lu frag_size=%-4lu\n",
-                 static_cast<unsigned>(b->dbb_flag), b->dbb_record->dbr_ref,
-                 static_cast<unsigned long>(b->dbb_offset),
+    std::fprintf(out, "#Block %4lu: flag=0x%04x ref=%-4lu offset=%-4lu frag_size=%-4lu\n",
+                 static_cast<unsigned long>(blkno), static_cast<unsigned>(b->dbb_flag),
+                 b->dbb_record->dbr_ref, static_cast<unsigned long>(b->dbb_offset),
                  static_cast<unsigned long>(b->dbb_frag_size));
   } else {
-    std::fprintf(out, "flag=0x%04x\n", static_cast<unsigned>(b->dbb_flag));
+    std::fprintf(out, "#Block %4lu: flag=0x%04x\n", static_cast<unsigned long>(blkno),
+                 static_cast<unsigned>(b->dbb_flag));
   }
 }
 
 void overview_collect(FILE* out, dbase* db, overview_state& st) {
-  sorted_list_builder dgs, vols, plexes, sds, dms, others;
   dbrec_iter it;
   dbrlist_iter(&it, db);
   while (db_record* r = dbrlist_next(&it)) {
@@ -342,71 +281,46 @@ void overview_collect(FILE* out, dbase* db, overview_state& st) {
     if (rec == nullptr) {
       std::fprintf(out, "!! Corrupted ref=%d, 1st block=%d !!\n\n", static_cast<int>(r->dbr_ref),
                    static_cast<int>(r->dbr_first_blkno));
-      others.add(r);
+      listadd(st.pool, &st.otherlist, r);
       continue;
     }
     switch (rec->type) {
       case REC_TYPE_VOL:
         st.v_cnt = wrapping_sub(st.v_cnt, 1);
-        vols.add(r);
+        listadd(st.pool, &st.vollist, r);
         break;
       case REC_TYPE_PLEX:
         st.pl_cnt = wrapping_sub(st.pl_cnt, 1);
-        plexes.add(r);
+        listadd(st.pool, &st.plexlist, r);
         break;
       case REC_TYPE_SD:
         st.sd_cnt = wrapping_sub(st.sd_cnt, 1);
-        sds.add(r);
+        listadd(st.pool, &st.sdlist, r);
         break;
       case REC_TYPE_DM:
         st.dm_cnt = wrapping_sub(st.dm_cnt, 1);
-        dms.add(r);
+        listadd(st.pool, &st.dmlist, r);
         break;
       case REC_TYPE_DG:
-        if (!dgs.empty()) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
-        dgs.add(r);
+        if (st.dglist != nullptr) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
+        listadd(st.pool, &st.dglist, r);
         break;
-      default: others.add(r); break;
+      default: listadd(st.pool, &st.otherlist, r); break;
     }
   }
-  dgs.link(st.pool, &st.dglist);
-  vols.link(st.pool, &st.vollist);
-  plexes.link(st.pool, &st.plexlist);
-  sds.link(st.pool, &st.sdlist);
-  dms.link(st.pool, &st.dmlist);
-  others.link(st.pool, &st.otherlist);
 }
 
 void overview_build_tree(overview_state& st) {
   st.root = st.pool.new_sview(st.dglist != nullptr ? st.dglist->r : nullptr, 0);
-  rid_index plexes = index_by(st.plexlist, [](const record* r) { return r->plex()->pl_vol_rid; });
-  rid_index sds = index_by(st.sdlist, [](const record* r) { return r->sd()->sd_plex_rid; });
-  std::unordered_set<const reclist*> placed;
-  sview* last_vol = nullptr;
-  for (reclist* v = st.vollist; v != nullptr; v = v->next) {
+  reclist* v = st.vollist;
+  while (v != nullptr) {
     const volrec* vol = record_of(v->r)->vol();
     sview* vn = st.pool.new_sview(v->r, static_cast<int>(vol->v_pl_num));
-    append_child(st.root, &last_vol, vn);
-    sview* last_plex = nullptr;
-    for (reclist* p : take(plexes, vol->v_rid)) {
-      const plexrec* pl = record_of(p->r)->plex();
-      vn->diff -= 1;
-      // A plex is always expected to have at least one subdisk.
-      const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
-      sview* pn = st.pool.new_sview(p->r, expected);
-      append_child(vn, &last_plex, pn);
-      placed.insert(p);
-      sview* last_sd = nullptr;
-      for (reclist* sd : take(sds, pl->pl_rid)) {
-        pn->diff -= 1;
-        append_child(pn, &last_sd, st.pool.new_sview(sd->r, 0));
-        placed.insert(sd);
-      }
-    }
+    addchild(st.root, vn);
+    listdelete(&st.vollist, &v);
+    attach_plexes(st, vn, vol);
+    v = v != nullptr ? v->next : st.vollist;
   }
-  st.vollist = nullptr;  // every volume is in the tree
-  drop_nodes(&st.plexlist, placed);
-  drop_nodes(&st.sdlist, placed);
 }
 
 int config_report::configcopy_eof() {
@@ -427,15 +341,23 @@ int config_report::configcopy_eof() {
   st.sd_cnt = static_cast<int>(hdrinfo.vdbi_config_sum.vs_sd_cnt);
   st.dm_cnt = static_cast<int>(hdrinfo.vdbi_config_sum.vs_dm_cnt);
   FILE* out = s.out;
-  overview_collect(out, db, st);
-  overview_build_tree(st);
+  if (st.direct) {
+    overview_collect(out, db, st);
+    overview_build_tree(st);
+  } else {
+    overview_build_indexed(out, db, st);
+  }
 
   std::fputs("========== Configuration Overview ========\n\n", out);
   if (st.root->r == nullptr) std::fputs(NO_DG_FINDING, out);
   tree_printer(out).printsview(st.root, 0);
   std::fputs("\nOther records:\n", out);
   listprint(out, st.dmlist);
-  print_duplicate_ids(out, st.dmlist);
+  if (st.direct) {
+    print_duplicate_ids(out, st.dmlist);
+  } else {
+    print_duplicate_ids_indexed(out, st.dmlist);
+  }
   listprint(out, st.vollist);
   listprint(out, st.plexlist);
   listprint(out, st.sdlist);
@@ -452,12 +374,16 @@ int config_report::configcopy_eof() {
   std::fputs("#\n", out);
 
   record_printer pr(out, max_tid, s.m_qzmake_format);
-  printsviewrecord(pr, db, st.root);
-  listprintrecord(pr, db, st.dmlist);
-  listprintrecord(pr, db, st.vollist);
-  listprintrecord(pr, db, st.plexlist);
-  listprintrecord(pr, db, st.sdlist);
-  listprintrecord(pr, db, st.otherlist);
+  if (st.direct) {
+    printsviewrecord(pr, db, st.root);
+    listprintrecord(pr, db, st.dmlist);
+    listprintrecord(pr, db, st.vollist);
+    listprintrecord(pr, db, st.plexlist);
+    listprintrecord(pr, db, st.sdlist);
+    listprintrecord(pr, db, st.otherlist);
+  } else {
+    print_details_indexed(pr, db, st);
+  }
 
   const auto above =
       static_cast<std::int64_t>(seqno_value(max_tid) - seqno_value(hdrinfo.vdbi_config_tid));

@@ -21,9 +21,8 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <deque>
-#include <map>
-#include <string_view>
+#include <memory>
+#include <vector>
 
 #include "config_db/block_store.h"
 #include "config_db/records.h"
@@ -51,10 +50,28 @@ struct sview {
 // The name of a store record: its collected record's name, or "".
 const char* rec_name(const db_record* r);
 
+// Nodes handed out in chunks that live as long as their owner.
+template <class T>
+class chunk_pool {
+ public:
+  T* make() {
+    if (chunks_.empty() || used_ == CHUNK) {
+      chunks_.push_back(std::make_unique<T[]>(CHUNK));
+      used_ = 0;
+    }
+    return &chunks_.back()[used_++];
+  }
+
+ private:
+  static constexpr std::size_t CHUNK = 4096;
+  std::vector<std::unique_ptr<T[]>> chunks_;
+  std::size_t used_ = 0;
+};
+
 // Owner of list and tree nodes.
 struct node_pool {
-  std::deque<reclist> lists;
-  std::deque<sview> views;
+  chunk_pool<reclist> lists;
+  chunk_pool<sview> views;
   reclist* new_reclist(db_record* r);
   sview* new_sview(db_record* r, int diff);
 };
@@ -62,22 +79,19 @@ struct node_pool {
 // Inserts `r` in name order: in front of the first node whose name sorts
 // after it, except that an equal-named head stays first.
 void listadd(node_pool& pool, reclist** head, db_record* r);
-
 // The list that listadd builds from records added one by one, built in
-// O(n log n) instead of a walk per record (a copy may hold many thousands):
-// names in order; within a name a newcomer goes in front of the records
-// already there, except while no smaller name is in the list: then listadd
-// stops at the equal head and puts it right behind that head.
+// O(n log n) (name_sorted_list, overview_index.h).
 class sorted_list_builder {
  public:
-  void add(db_record* r);
-  bool empty() const { return groups_.empty(); }
+  void add(db_record* r) { recs_.push_back(r); }
+  bool empty() const { return recs_.empty(); }
   // Links the list at *head (which it replaces).
   void link(node_pool& pool, reclist** head) const;
 
  private:
-  std::map<std::string_view, std::deque<db_record*>> groups_;
+  std::vector<db_record*> recs_;
 };
+
 // Unlinks `*p`; `*p` becomes its predecessor, or null when it was the head.
 void listdelete(reclist** head, reclist** p);
 void listprint(FILE* out, const reclist* head);
@@ -107,6 +121,12 @@ void print_header(FILE* out, const dbase* db, const voldb_info* hdr);
 // `blkno` is the index of `b` in the store's block array.
 void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* b, int showfree);
 
+// The record counters start from the header's claims, any 32-bit value, and
+// wrap as 32-bit two's complement integers.
+inline int wrapping_sub(int a, int b) {
+  return static_cast<int>(static_cast<unsigned>(a) - static_cast<unsigned>(b));
+}
+
 // The report's own state.
 struct overview_state {
   node_pool pool;
@@ -121,11 +141,17 @@ struct overview_state {
   int sd_cnt = 0;
   int dm_cnt = 0;
   sview* root = nullptr;
+  // Build with the direct, quadratic algorithms above instead of those of
+  // overview_index.h (the reference the differential tests compare with).
+  bool direct = false;
 };
 
 // Sorts the store's records into the lists (printing the corrupted-record
 // and extra-disk-group findings) and builds the tree.
 void overview_collect(FILE* out, dbase* db, overview_state& st);
 void overview_build_tree(overview_state& st);
+// "!! Disks A and B have duplicate id: ID !!" for every pair of disks with
+// equal ids, A before B in list order, A the outer.
+void print_duplicate_ids(FILE* out, const reclist* dmlist);
 
 }  // namespace pd

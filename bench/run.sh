@@ -1,0 +1,92 @@
+#!/bin/sh
+# Times privdiag on generated images of growing size, side by side with
+# `cat IMAGE > /dev/null` and `cat REPORT > /dev/null` (reading the image
+# and writing its report at the speed of the system alone).
+#
+#   bench/run.sh [BUILD_DIR]          (default: build, configured with -DPD_BENCH=ON)
+#
+# Environment: SIZES (records, default "1000 10000 100000 500000"), REPEAT
+# (rounds, default 5), WORK (where images and reports go, default
+# BUILD_DIR/bench-data; images are generated once and kept), SECTOR (512 or
+# 4096, default 4096).
+#
+# Each round runs the three commands one after the other, so that they
+# share the machine's load; the table gives the best wall time over the
+# rounds with the median and the worst, CPU time and peak resident memory
+# from the child's own accounting (wait4), the ratio of privdiag's best
+# time to the best times of the two cats together, and the growth of
+# privdiag's best time against the previous size (the records grow about
+# tenfold, fivefold at the last step).
+set -eu
+
+BUILD=${1:-build}
+SIZES=${SIZES:-"1000 10000 100000 500000"}
+REPEAT=${REPEAT:-5}
+WORK=${WORK:-$BUILD/bench-data}
+SECTOR=${SECTOR:-4096}
+
+GEN=$BUILD/bench/gen_image
+RUNNER=$BUILD/bench/bench_runner
+PRIVDIAG=$BUILD/privdiag
+for f in "$GEN" "$RUNNER" "$PRIVDIAG"; do
+  if [ ! -x "$f" ]; then
+    echo "run.sh: $f is missing: configure with -DPD_BENCH=ON and build" >&2
+    exit 2
+  fi
+done
+mkdir -p "$WORK"
+
+# value KEY LINE: the value of KEY=... in a runner line
+value() { echo "$2" | tr ' ' '\n' | sed -n "s/^$1=//p"; }
+
+# stats FILE: "best median max" of the numbers in FILE
+stats() { sort -g "$1" | awk '{ v[NR] = $1 } END { printf "%.4f %.4f %.4f", v[1], v[int((NR + 2) / 2)], v[NR] }'; }
+
+printf '%-8s %9s %9s | %-26s %7s %8s | %9s %9s | %6s %7s\n' \
+  records image_MB report_MB "privdiag wall best/med/max" cpu_s peak_MB \
+  cat_img_s cat_rep_s ratio growth
+prev_records=""
+prev_best=""
+for n in $SIZES; do
+  img=$WORK/img-$SECTOR-$n
+  rep=$WORK/report-$SECTOR-$n
+  if [ ! -f "$img" ]; then
+    "$GEN" "$n" "$img" --sector-size "$SECTOR" 2> "$img.log"
+  fi
+  records=$(sed -n 's/^gen_image: \([0-9]*\) records.*/\1/p' "$img.log")
+  "$PRIVDIAG" "$SECTOR" "$img" > "$rep"
+  : > "$WORK/t.priv"; : > "$WORK/t.cpu"; : > "$WORK/t.rss"; : > "$WORK/t.img"; : > "$WORK/t.rep"
+  i=0
+  while [ "$i" -lt "$REPEAT" ]; do
+    line=$("$RUNNER" --repeat 1 -- "$PRIVDIAG" "$SECTOR" "$img")
+    if [ "$(value status "$line")" != 0 ]; then
+      echo "run.sh: privdiag failed on $img" >&2
+      exit 1
+    fi
+    value wall_best "$line" >> "$WORK/t.priv"
+    value cpu_best "$line" >> "$WORK/t.cpu"
+    value maxrss_kb "$line" >> "$WORK/t.rss"
+    value wall_best "$("$RUNNER" --repeat 1 -- cat "$img")" >> "$WORK/t.img"
+    value wall_best "$("$RUNNER" --repeat 1 -- cat "$rep")" >> "$WORK/t.rep"
+    i=$((i + 1))
+  done
+  set -- $(stats "$WORK/t.priv")
+  best=$1 med=$2 max=$3
+  cpu=$(stats "$WORK/t.cpu" | cut -d' ' -f1)
+  rss=$(sort -n "$WORK/t.rss" | tail -1)
+  cimg=$(stats "$WORK/t.img" | cut -d' ' -f1)
+  crep=$(stats "$WORK/t.rep" | cut -d' ' -f1)
+  isize=$(wc -c < "$img")
+  rsize=$(wc -c < "$rep")
+  awk -v n="$records" -v is="$isize" -v rs="$rsize" -v b="$best" -v m="$med" -v x="$max" \
+      -v c="$cpu" -v r="$rss" -v ci="$cimg" -v cr="$crep" -v pn="$prev_records" -v pb="$prev_best" '
+    BEGIN {
+      growth = "-"
+      if (pn != "") growth = sprintf("%.1fx/%.1fx", b / pb, n / pn)
+      printf "%-8d %9.1f %9.1f | %8.3f %8.3f %8.3f %7.3f %8.1f | %9.4f %9.4f | %6.1f %s\n",
+        n, is / 1048576, rs / 1048576, b, m, x, c, r / 1024, ci, cr, b / (ci + cr), growth
+    }'
+  prev_records=$records
+  prev_best=$best
+done
+rm -f "$WORK/t.priv" "$WORK/t.cpu" "$WORK/t.rss" "$WORK/t.img" "$WORK/t.rep"

@@ -1,0 +1,73 @@
+// The index beside the store's record hash (block_store.h).
+//
+// The hash itself is fixed: 16381 chains, each in ascending reference,
+// equal references in insertion order. Walking a chain is fine while chains
+// stay short (about 30 records each at 500,000 records), but a copy can
+// crowd one chain with every record. The index keeps dbr_find, dbr_add and
+// dbr_delete cheap either way:
+// - a table from reference to the first record of that reference in its
+//   chain (open addressing, linear probing; dbr_find is one probe);
+// - each chain's last record and length: records arrive mostly in
+//   ascending reference and are linked behind the last one at once;
+//   otherwise the chain is walked back from its end, at most
+//   RINDEX_WALK_LIMIT records;
+// - for a chain that grows past RINDEX_WALK_LIMIT records, an ordered map
+//   of its records, built then and kept from then on, which finds the place
+//   of a new record in logarithmic time.
+// The index also holds the records the store allocates itself, in slabs
+// that ddb_free releases whole; records an owner hands to dbr_add are
+// counted, so that ddb_free walks the chains only when there are some.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "config_db/block_store.h"
+
+namespace pd {
+
+inline constexpr std::size_t RINDEX_WALK_LIMIT = 64;
+
+class ref_table {
+ public:
+  db_record* find(unsigned long ref) const;
+  // Sets the record of `ref` (inserting it when absent).
+  void set(unsigned long ref, db_record* r);
+  void erase(unsigned long ref);
+
+ private:
+  struct slot {
+    unsigned long ref = 0;
+    db_record* r = nullptr;  // null: empty slot
+  };
+  std::size_t home(unsigned long ref) const;
+  void grow();
+
+  std::vector<slot> slots_;  // a power of two, at most half full
+  std::size_t used_ = 0;
+};
+
+struct db_record_index {
+  ref_table first;                       // reference -> first record of it
+  std::vector<db_record*> tail;          // per chain: its last record
+  std::vector<std::uint32_t> length;     // per chain: records linked
+  std::vector<std::unique_ptr<std::multimap<unsigned long, db_record*>>> ordered;
+
+  static constexpr std::size_t SLAB = 4096;  // records per slab
+  struct slab_free {
+    void operator()(db_record* p) const { std::free(p); }
+  };
+  std::vector<std::unique_ptr<db_record[], slab_free>> slabs;  // calloc'd
+  std::size_t slab_used = 0;             // records handed out of the last slab
+  std::size_t foreign = 0;               // hashed records not from a slab
+};
+
+// A zeroed record from the slabs (dbr_slab set), or null when memory is
+// exhausted.
+db_record* rindex_new_record(db_record_index* ix);
+
+}  // namespace pd

@@ -1,0 +1,414 @@
+// The report's list, tree and duplicate steps in O(n log n); the order
+// rules they reproduce are described in overview_index.h.
+//
+// Everything the steps need of a record (its name as a sort key, its rid,
+// the rid of its parent, the children it announces) is read once, when the
+// record is met in the store, into compact arrays: a copy of many records
+// does not fit any cache, and going back to each record for every step
+// would cost a memory round trip per record and step.
+#include "report/overview_index.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "report/copy_loading.h"
+
+namespace pd {
+
+namespace {
+
+using index_t = std::uint32_t;
+constexpr index_t NO_INDEX = std::numeric_limits<index_t>::max();
+
+// A string's sort key: its first 32 bytes, zero-padded, as four big-endian
+// words (so comparing keys compares the bytes as strcmp does), the string
+// itself for longer strings, and its position as the last tie-break.
+struct sort_key {
+  static constexpr std::size_t KEY_BYTES = 32;
+  std::uint64_t w[4];
+  const char* s;
+  index_t pos;
+  bool longer;  // more than 32 characters: the rest decides ties
+
+  sort_key(const char* str, std::size_t p) : s(str), pos(static_cast<index_t>(p)) {
+    unsigned char b[KEY_BYTES] = {};
+    const std::size_t n = strnlen(str, KEY_BYTES);
+    std::memcpy(b, str, n);
+    longer = n == KEY_BYTES && str[KEY_BYTES] != '\0';
+    for (int i = 0; i < 4; ++i) {
+      std::uint64_t v = 0;
+      for (int k = 0; k < 8; ++k) v = (v << 8) | b[8 * i + k];
+      w[i] = v;
+    }
+  }
+};
+
+// strcmp's order of the two strings (-1, 0, 1).
+int key_compare(const sort_key& a, const sort_key& b) {
+  for (int i = 0; i < 4; ++i) {
+    if (a.w[i] != b.w[i]) return a.w[i] < b.w[i] ? -1 : 1;
+  }
+  if (!a.longer && !b.longer) return 0;
+  const int c = std::strcmp(a.s + sort_key::KEY_BYTES, b.s + sort_key::KEY_BYTES);
+  return (c > 0) - (c < 0);
+}
+
+// strcmp order, equal strings in position order.
+void sort_keys(std::vector<sort_key>& keys) {
+  std::sort(keys.begin(), keys.end(), [](const sort_key& a, const sort_key& b) {
+    const int c = key_compare(a, b);
+    return c != 0 ? c < 0 : a.pos < b.pos;
+  });
+}
+
+// The positions (in adding order) of the names in the order listadd leaves
+// them: see overview_index.h for the rule inside a run of equal names.
+std::vector<index_t> listadd_order(std::vector<sort_key> keys) {
+  sort_keys(keys);
+  const std::size_t n = keys.size();
+  std::vector<index_t> order;
+  order.reserve(n);
+  // The lowest position of any name below the current run.
+  index_t first_smaller = NO_INDEX;
+  for (std::size_t g = 0, e = 0; g < n; g = e) {
+    e = g + 1;
+    while (e < n && key_compare(keys[e], keys[g]) == 0) ++e;
+    const index_t e1 = keys[g].pos;  // the run's first added
+    std::size_t h = g + 1;           // end of the names added while e1 was the head
+    if (e1 < first_smaller) {
+      while (h < e && keys[h].pos < first_smaller) ++h;
+    }
+    for (std::size_t k = e; k > h; --k) order.push_back(keys[k - 1].pos);
+    order.push_back(e1);
+    for (std::size_t k = h; k > g + 1; --k) order.push_back(keys[k - 1].pos);
+    first_smaller = std::min(first_smaller, e1);
+  }
+  return order;
+}
+
+// What the tree needs of a record.
+struct rec_facts {
+  db_record* r = nullptr;
+  std::uint64_t rid = 0;     // v_rid, pl_rid
+  std::uint64_t parent = 0;  // pl_vol_rid, sd_plex_rid
+  int expected = 0;          // children announced
+};
+
+// One list: its records as they were met, then in list order with nodes.
+struct fact_list {
+  std::vector<sort_key> keys;
+  std::vector<rec_facts> facts;
+  std::vector<reclist*> nodes;
+
+  void add(const char* name, const rec_facts& f) {
+    keys.emplace_back(name, keys.size());
+    facts.push_back(f);
+  }
+  // Puts the facts in list order and links the list's nodes.
+  reclist* build(node_pool& pool) {
+    const std::vector<index_t> order = listadd_order(std::move(keys));
+    std::vector<rec_facts> sorted;
+    sorted.reserve(order.size());
+    reclist* head = nullptr;
+    reclist** link = &head;
+    for (index_t i : order) {
+      sorted.push_back(facts[i]);
+      reclist* node = pool.new_reclist(facts[i].r);
+      nodes.push_back(node);
+      *link = node;
+      link = &node->next;
+    }
+    facts = std::move(sorted);
+    return head;
+  }
+  // Relinks the list to the nodes not taken into the tree.
+  reclist* rest(const std::vector<bool>& taken) const {
+    reclist* head = nullptr;
+    reclist** link = &head;
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      if (taken[i]) continue;
+      *link = nodes[i];
+      link = &nodes[i]->next;
+    }
+    *link = nullptr;
+    return head;
+  }
+};
+
+// The first position holding each rid: sorted (rid, position) pairs.
+class rid_index {
+ public:
+  explicit rid_index(const std::vector<std::uint64_t>& rids) {
+    keys_.reserve(rids.size());
+    for (std::size_t i = 0; i < rids.size(); ++i) keys_.emplace_back(rids[i], i);
+    std::sort(keys_.begin(), keys_.end());
+    keys_.erase(std::unique(keys_.begin(), keys_.end(),
+                            [](const auto& a, const auto& b) { return a.first == b.first; }),
+                keys_.end());
+  }
+  index_t find(std::uint64_t rid) const {
+    auto it = std::lower_bound(keys_.begin(), keys_.end(), std::make_pair(rid, std::size_t{0}));
+    return it != keys_.end() && it->first == rid ? static_cast<index_t>(it->second) : NO_INDEX;
+  }
+
+ private:
+  std::vector<std::pair<std::uint64_t, std::size_t>> keys_;
+};
+
+// Children appended in O(1): the last child of each parent.
+class child_chains {
+ public:
+  explicit child_chains(std::size_t n) : last_(n, nullptr) {}
+  void append(sview* parent, std::size_t k, sview* c) {
+    (last_[k] == nullptr ? parent->dlink : last_[k]->rlink) = c;
+    last_[k] = c;
+  }
+
+ private:
+  std::vector<sview*> last_;
+};
+
+// The lists of one report while they are gathered.
+struct gathered {
+  fact_list dg, vol, plex, sd, dm, other;
+};
+
+// Asks for the memory gather() reads of a record, ahead of time: the
+// records lie scattered, and waiting for each in turn dominates.
+void prefetch_facts(const record* rec) {
+  if (rec == nullptr || rec->u == nullptr) return;
+  const auto* u = static_cast<const char*>(rec->u);
+  switch (rec->type) {
+    case REC_TYPE_VOL:
+      __builtin_prefetch(u + offsetof(volrec, v_rid));
+      __builtin_prefetch(u + offsetof(volrec, v_pl_num));
+      break;
+    case REC_TYPE_PLEX:
+      __builtin_prefetch(u + offsetof(plexrec, pl_rid));
+      __builtin_prefetch(u + offsetof(plexrec, pl_vol_rid));
+      __builtin_prefetch(u + offsetof(plexrec, pl_sd_num));
+      break;
+    case REC_TYPE_SD: __builtin_prefetch(u + offsetof(sdrec, sd_plex_rid)); break;
+    default: break;
+  }
+}
+
+void gather(FILE* out, dbase* db, overview_state& st, gathered& g) {
+  std::vector<db_record*> all;
+  dbrec_iter it;
+  dbrlist_iter(&it, db);
+  while (db_record* r = dbrlist_next(&it)) all.push_back(r);
+  // Three stages ahead: the store record, its collected record, the fields.
+  constexpr std::size_t AHEAD = 4;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (i + 3 * AHEAD < all.size()) __builtin_prefetch(all[i + 3 * AHEAD]);
+    if (i + 2 * AHEAD < all.size()) __builtin_prefetch(all[i + 2 * AHEAD]->dbr_private);
+    if (i + AHEAD < all.size()) prefetch_facts(record_of(all[i + AHEAD]));
+    db_record* r = all[i];
+    const record* rec = record_of(r);
+    if (rec == nullptr) {
+      std::fprintf(out, "!! Corrupted ref=%d, 1st block=%d !!\n\n", static_cast<int>(r->dbr_ref),
+                   static_cast<int>(r->dbr_first_blkno));
+      g.other.add("", rec_facts{r});
+      continue;
+    }
+    switch (rec->type) {
+      case REC_TYPE_VOL: {
+        st.v_cnt = wrapping_sub(st.v_cnt, 1);
+        const volrec* v = rec->vol();
+        g.vol.add(rec->name, {r, seqno_value(v->v_rid), 0, static_cast<int>(v->v_pl_num)});
+        break;
+      }
+      case REC_TYPE_PLEX: {
+        st.pl_cnt = wrapping_sub(st.pl_cnt, 1);
+        const plexrec* pl = rec->plex();
+        // A plex is always expected to have at least one subdisk.
+        const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
+        g.plex.add(rec->name, {r, seqno_value(pl->pl_rid), seqno_value(pl->pl_vol_rid), expected});
+        break;
+      }
+      case REC_TYPE_SD:
+        st.sd_cnt = wrapping_sub(st.sd_cnt, 1);
+        g.sd.add(rec->name, {r, 0, seqno_value(rec->sd()->sd_plex_rid), 0});
+        break;
+      case REC_TYPE_DM:
+        st.dm_cnt = wrapping_sub(st.dm_cnt, 1);
+        g.dm.add(rec->name, {r});
+        break;
+      case REC_TYPE_DG:
+        if (!g.dg.facts.empty()) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
+        g.dg.add(rec->name, {r});
+        break;
+      default: g.other.add(rec->name, {r}); break;
+    }
+  }
+}
+
+// Hangs the plexes under their volumes; returns the plex nodes and their
+// positions in the plex list in the order the direct tree walk meets them
+// (volumes in list order, each volume's plexes in list order).
+std::vector<std::pair<sview*, index_t>> attach_plexes(overview_state& st, const gathered& g,
+                                                     const std::vector<sview*>& vols) {
+  std::vector<std::uint64_t> vol_rids;
+  for (const rec_facts& f : g.vol.facts) vol_rids.push_back(f.rid);
+  const rid_index owner(vol_rids);
+  const std::size_t n = g.plex.facts.size();
+  std::vector<index_t> owner_of(n, NO_INDEX);
+  std::vector<sview*> node_of(n, nullptr);
+  std::vector<bool> taken(n, false);
+  std::vector<index_t> count(vols.size() + 1, 0);
+  child_chains children(vols.size());
+  for (std::size_t i = 0; i < n; ++i) {
+    const rec_facts& f = g.plex.facts[i];
+    const index_t v = owner.find(f.parent);
+    if (v == NO_INDEX) continue;
+    taken[i] = true;
+    owner_of[i] = v;
+    vols[v]->diff = wrapping_sub(vols[v]->diff, 1);
+    node_of[i] = st.pool.new_sview(f.r, f.expected);
+    children.append(vols[v], v, node_of[i]);
+    ++count[v + 1];
+  }
+  st.plexlist = g.plex.rest(taken);
+  // Grouped by volume, list order kept inside each group.
+  for (std::size_t v = 0; v < vols.size(); ++v) count[v + 1] += count[v];
+  std::vector<std::pair<sview*, index_t>> met(count[vols.size()]);
+  for (std::size_t i = 0; i < n; ++i) {
+    if (owner_of[i] != NO_INDEX) met[count[owner_of[i]]++] = {node_of[i], static_cast<index_t>(i)};
+  }
+  return met;
+}
+
+void attach_subdisks(overview_state& st, const gathered& g,
+                     const std::vector<std::pair<sview*, index_t>>& plexes) {
+  std::vector<std::uint64_t> plex_rids;
+  for (const auto& [node, i] : plexes) plex_rids.push_back(g.plex.facts[i].rid);
+  const rid_index owner(plex_rids);
+  const std::size_t n = g.sd.facts.size();
+  std::vector<bool> taken(n, false);
+  child_chains children(plexes.size());
+  for (std::size_t i = 0; i < n; ++i) {
+    const rec_facts& f = g.sd.facts[i];
+    const index_t p = owner.find(f.parent);
+    if (p == NO_INDEX) continue;
+    taken[i] = true;
+    sview* pn = plexes[p].first;
+    pn->diff = wrapping_sub(pn->diff, 1);
+    children.append(pn, p, st.pool.new_sview(f.r, 0));
+  }
+  st.sdlist = g.sd.rest(taken);
+}
+
+}  // namespace
+
+reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs) {
+  fact_list l;
+  for (db_record* r : recs) l.add(rec_name(r), rec_facts{r});
+  return l.build(pool);
+}
+
+void sorted_list_builder::link(node_pool& pool, reclist** head) const {
+  *head = name_sorted_list(pool, recs_);
+}
+
+void overview_build_indexed(FILE* out, dbase* db, overview_state& st) {
+  gathered g;
+  gather(out, db, st, g);
+  st.dglist = g.dg.build(st.pool);
+  st.vollist = g.vol.build(st.pool);
+  st.plexlist = g.plex.build(st.pool);
+  st.sdlist = g.sd.build(st.pool);
+  st.dmlist = g.dm.build(st.pool);
+  st.otherlist = g.other.build(st.pool);
+
+  st.root = st.pool.new_sview(st.dglist != nullptr ? st.dglist->r : nullptr, 0);
+  std::vector<sview*> vols;
+  sview** link = &st.root->dlink;
+  for (const rec_facts& f : g.vol.facts) {
+    sview* vn = st.pool.new_sview(f.r, f.expected);
+    *link = vn;
+    link = &vn->rlink;
+    vols.push_back(vn);
+  }
+  st.vollist = nullptr;  // every volume hangs under the root
+  attach_subdisks(st, g, attach_plexes(st, g, vols));
+}
+
+void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist) {
+  std::vector<const dmrec*> dms;
+  std::vector<sort_key> keys;
+  for (const reclist* l = dmlist; l != nullptr; l = l->next) {
+    dms.push_back(record_of(l->r)->dm());
+    keys.emplace_back(dms.back()->dm_diskid, keys.size());
+  }
+  sort_keys(keys);
+  const std::size_t n = dms.size();
+  std::vector<index_t> where(n);      // position of each disk in keys
+  std::vector<index_t> group_end(n);  // end of the group of keys[p]
+  for (std::size_t g = 0, e = 0; g < n; g = e) {
+    e = g + 1;
+    while (e < n && key_compare(keys[e], keys[g]) == 0) ++e;
+    for (std::size_t p = g; p < e; ++p) {
+      where[keys[p].pos] = static_cast<index_t>(p);
+      group_end[p] = static_cast<index_t>(e);
+    }
+  }
+  for (std::size_t a = 0; a < n; ++a) {
+    for (std::size_t q = where[a] + 1; q < group_end[where[a]]; ++q) {
+      const dmrec* b = dms[keys[q].pos];
+      std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", dms[a]->dm_name,
+                   b->dm_name, dms[a]->dm_diskid);
+    }
+  }
+}
+
+namespace {
+
+// The tree in pre-order (the root has no record without a disk group).
+void flatten(const sview* p, std::vector<const db_record*>& out) {
+  for (; p != nullptr; p = p->rlink) {
+    if (p->r != nullptr) out.push_back(p->r);
+    if (p->dlink != nullptr) flatten(p->dlink, out);
+  }
+}
+
+// Asks for what print_record reads of a record: the store record, the
+// collected record and its decoded fields.
+void prefetch_record(const db_record* r, int stage) {
+  if (stage == 0) {
+    __builtin_prefetch(r);
+    return;
+  }
+  const record* rec = record_of(r);
+  if (rec == nullptr) return;
+  if (stage == 1) {
+    __builtin_prefetch(rec);
+    return;
+  }
+  if (rec->u == nullptr) return;
+  const std::size_t room = record_room(rec->type);
+  const auto* u = static_cast<const char*>(rec->u);
+  for (std::size_t off = 0; off < room; off += 64) __builtin_prefetch(u + off);
+}
+
+}  // namespace
+
+void print_details_indexed(record_printer& pr, dbase* db, const overview_state& st) {
+  std::vector<const db_record*> order;
+  flatten(st.root, order);
+  for (const reclist* l : {st.dmlist, st.vollist, st.plexlist, st.sdlist, st.otherlist}) {
+    for (; l != nullptr; l = l->next) order.push_back(l->r);
+  }
+  constexpr std::size_t AHEAD = 3;
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    if (i + 3 * AHEAD < order.size()) prefetch_record(order[i + 3 * AHEAD], 0);
+    if (i + 2 * AHEAD < order.size()) prefetch_record(order[i + 2 * AHEAD], 1);
+    if (i + AHEAD < order.size()) prefetch_record(order[i + AHEAD], 2);
+    pr.print_record(db, order[i]);
+  }
+}
+
+}  // namespace pd

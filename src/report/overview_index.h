@@ -1,0 +1,52 @@
+// The report's list, tree and duplicate steps at scale.
+//
+// The direct algorithms of overview.h (listadd, listdelete during the tree
+// walk, addchild, the pairwise duplicate walk) cost O(n^2) on a copy of n
+// records. The functions here build the very same lists and tree and print
+// the very same lines in O(n log n) plus the size of the output:
+//
+// - A list is the stable sort of its records by name (strcmp), except for
+//   the order inside a run of equal names N, which listadd's insertion rule
+//   decides: while no name below N has been added, the list head is the
+//   first N added and every later N goes right behind it; once a smaller
+//   name is in the list, every new N goes in front of the other N's. With
+//   e1..ek the N's in the order they were added and e2..ej those added
+//   before the first smaller name, the run reads
+//     ek, ..., ej+1, e1, ej, ..., e2
+//   (all N's reversed, ek..e1, when e1 itself came after a smaller name).
+// - Every volume becomes a child of the root in list order. A plex belongs
+//   to the first volume in list order whose rid its pl_vol_rid names; a
+//   subdisk to the first plex, in the order the tree walk meets plexes
+//   (volumes in list order, each volume's plexes in list order), whose rid
+//   its sd_plex_rid names. Children keep list order; unmatched records stay
+//   in their lists in list order.
+// - Duplicate disk ids are found by sorting the disk list by id; the pairs
+//   (A, B) are printed with A in list order outside and B, the later
+//   members of A's group, in list order inside.
+//
+// The direct algorithms stay in overview.cc as the reference the
+// differential tests compare these with.
+#pragma once
+
+#include <cstdio>
+#include <vector>
+
+#include "report/overview.h"
+#include "report/record_printer.h"
+
+namespace pd {
+
+// The chain listadd builds when the records are added in this order.
+reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs);
+
+// overview_collect then overview_build_tree, with identical results (the
+// same findings printed, lists, counters and tree).
+void overview_build_indexed(FILE* out, dbase* db, overview_state& st);
+// print_duplicate_ids, with identical output.
+void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist);
+// The records in detail, in the report's order: printsviewrecord of the
+// root, then listprintrecord of the disk, volume, plex, subdisk and other
+// lists; each record's memory is asked for a few records ahead.
+void print_details_indexed(record_printer& pr, dbase* db, const overview_state& st);
+
+}  // namespace pd
