@@ -4,8 +4,10 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "config_db/block_store.h"
@@ -17,6 +19,9 @@ namespace pd::test {
 struct decoded_record {
   std::uint32_t type = 0;
   int ns = 0;
+  volrid_t rid;  // what the decoder handed to placement
+  std::string name;
+  voldguid_t guid;
   std::unique_ptr<urec> rec{new urec()};
   decoded_record() { std::memset(static_cast<void*>(rec.get()), 0, sizeof(urec)); }
   ~decoded_record() { voldbsup_free_fields(type, rec.get()); }
@@ -40,6 +45,9 @@ class decoded_copy {
     }
   }
 
+  // An empty store.
+  decoded_copy() : decoded_copy(std::vector<std::uint8_t>{}) {}
+
   dbase* db() { return db_.get(); }
   const decoded_record* by_ref(unsigned long ref) const {
     auto it = records.find(ref);
@@ -50,6 +58,7 @@ class decoded_copy {
   int header_error = 0;
   int error = 0;
   std::size_t error_piece = 0;
+  int placements = 0;
   std::map<unsigned long, std::unique_ptr<decoded_record>> records;
 
  private:
@@ -59,12 +68,16 @@ class decoded_copy {
 
   static decoded_copy* self(dbase* db) { return static_cast<decoded_copy*>(db->ddb_private); }
 
-  static int place(dbase* db, db_record* r, int ns, volrid_t, const char*, voldguid_t,
-                   void** rawpp) {
+  static int place(dbase* db, db_record* r, int ns, volrid_t rid, const char* name,
+                   voldguid_t guid, void** rawpp) {
+    ++self(db)->placements;
     auto& slot = self(db)->records[r->dbr_ref];
     slot = std::make_unique<decoded_record>();
     slot->type = r->dbr_type;
     slot->ns = ns;
+    slot->rid = rid;
+    slot->name = name;
+    slot->guid = guid;
     *rawpp = slot->rec.get();
     return 0;
   }

@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <set>
 #include <vector>
 
 #include "base/errors.h"
 #include "config_copy_builder.h"
+#include "config_decode_support.h"
 #include "record_filler.h"
 
 namespace pd {
@@ -42,59 +42,6 @@ void expect_round_trip(const rec2field* e, std::uint32_t type, unsigned seed) {
   ASSERT_EQ(got, lim);
   EXPECT_EQ(test::first_difference(e, type, in.mem, out.mem), "");
   EXPECT_EQ(voldbf_tblsize(e, type, out.mem), size);
-}
-
-// The record-type entries as the format lists them: code, fields of the first
-// group, and the presence flags of the optional groups it names, in stored
-// order (an entry may have further groups after or between them).
-struct entry_row {
-  std::uint32_t code;
-  std::size_t base_fields;
-  std::vector<std::uint32_t> flags;
-};
-
-TEST(RecordLayoutsTest, EntriesInFormatOrder) {
-  const std::vector<std::uint32_t> vol = {0x800, 0x2000, 0x4000, 0x8000, 0x1000, 0x200};
-  std::vector<std::uint32_t> vol51 = vol;
-  vol51.push_back(0x10000);
-  const std::vector<std::uint32_t> plex = {0x1000, 0x2000, 0x4000, 0x8000, 0x10000, 0x20000};
-  std::vector<std::uint32_t> plex42 = plex;
-  plex42.insert(plex42.end(), {0x80000000, 0x40000, 0x80000});
-  const entry_row rows[] = {
-      {0x3B, 13, {0x800, 0x1000}}, {0x3C, 9, {0x800, 0x1000}}, {0x59, 16, {}},
-      {0x69, 12, {0x800, 0x1000, 0x20000}}, {0x5A, 14, {}}, {0x5A, 17, {}},
-      {0x6A, 17, {0x4000, 0x2000, 0x1000, 0x8000}}, {0x57, 17, {0x800}},
-      {0x58, 28, {0x800, 0x1000}}, {0x3E, 18, {0x800, 0x1000, 0x2000}}, {0x231, 18, {0x800}},
-      {0x232, 9, {0x800}}, {0x233, 11, {0x800}}, {0x3D, 25, {0x800, 0x1000, 0x2000}},
-      {0x31, 13, vol}, {0x41, 13, vol}, {0x51, 13, vol51}, {0x61, 21, vol51},
-      {0x32, 10, plex}, {0x42, 10, plex42},
-      {0x33, 9, {0x200, 0x8000, 0x10000}}, {0x43, 13, {0x200, 0x8000, 0x10000}},
-      {0x34, 6, {}}, {0x44, 7, {0x80000000, 0x40000000}}, {0x35, 5, {0x800, 0x1000}},
-      {0x45, 6, {0x800, 0x1000, 0x80000000}}, {0x86, 7, {}},
-      {0x1B, 5, {}}, {0x1C, 5, {}}, {0x17, 5, {}}, {0x18, 5, {}}, {0x19, 5, {}}, {0x1A, 5, {}},
-      {0x1E, 5, {}}, {0x211, 5, {}}, {0x232, 5, {}}, {0x213, 5, {}}, {0x1D, 5, {}},
-      {0x81, 5, {}}, {0x82, 5, {}}, {0x83, 5, {}}, {0x84, 5, {}}, {0x85, 6, {}},
-      {0x81, 10, {0x1000}}, {0x82, 8, {0x800}}, {0x83, 8, {}}, {0x84, 5, {}}, {0x85, 5, {0x800}}};
-  ASSERT_EQ(n_rec2field_table, std::size(rows));
-  for (std::size_t i = 0; i < n_rec2field_table; ++i) {
-    const rec2field& e = rec2field_table[i];
-    const entry_row& row = rows[i];
-    SCOPED_TRACE(testing::Message() << "entry " << i << " code 0x" << std::hex << row.code);
-    EXPECT_EQ(e.type, row.code);
-    EXPECT_EQ(e.namespace_, row.code == 0x86 ? 2 : 1);
-    EXPECT_EQ(e.r2f_tbls[0].nflds, row.base_fields);
-    std::size_t next = 0;
-    std::uint32_t seen = 0;
-    for (const r2f_group& g : e.r2f_tbls) {
-      if (g.nflds == 0) break;
-      if (g.flagvalue == 0) continue;
-      EXPECT_EQ(g.flagvalue, g.flagmask);
-      EXPECT_EQ(seen & g.flagmask, 0u) << "two groups on one flag";
-      seen |= g.flagmask;
-      if (next < row.flags.size() && g.flagvalue == row.flags[next]) ++next;
-    }
-    EXPECT_EQ(next, row.flags.size()) << "named optional groups missing or out of order";
-  }
 }
 
 TEST(RecordLayoutsTest, LookupUsesTheLowEightBits) {
@@ -187,14 +134,6 @@ TEST(RecordLayoutsTest, ReleaseOneTwoBasesAreAlternatives) {
   EXPECT_EQ(detach, plain + 8 + 1);  // detach tid + log length
 }
 
-TEST(RecordLayoutsTest, GuidBearingKinds) {
-  std::set<int> with;
-  for (int k = 0; k < 16; ++k) {
-    if (voldbf_rec_has_guid(0x30u | static_cast<unsigned>(k))) with.insert(k);
-  }
-  EXPECT_EQ(with, (std::set<int>{1, 2, 3, 4, 7, 8, 10, 11, 12, 13, 14}));
-}
-
 TEST(RecordLayoutsTest, DiskGroupVersions) {
   std::uint16_t major = 9, minor = 9;
   unsigned dgv = 9;
@@ -204,11 +143,9 @@ TEST(RecordLayoutsTest, DiskGroupVersions) {
   EXPECT_EQ(dgv, 43u);
   EXPECT_EQ(dbv2dgv(4, 9, &dgv), VE_DB_VERSION);
   EXPECT_EQ(dgv, 0u);
-  const unsigned rows[][3] = {{10, 3, 1},  {20, 4, 10}, {30, 4, 11}, {40, 4, 12}, {43, 4, 13},
-                              {45, 4, 14}, {50, 4, 15}, {60, 4, 16}, {171, 4, 17}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(dgv2dbv(row[0], &major, &minor), 0);
-    EXPECT_EQ(major * 100u + minor, row[1] * 100 + row[2]) << row[0];
+  for (const auto& [v, want] : {std::pair{10u, 301u}, {45u, 414u}, {171u, 417u}}) {
+    EXPECT_EQ(dgv2dbv(v, &major, &minor), 0);
+    EXPECT_EQ(major * 100u + minor, want) << v;
   }
 }
 
@@ -234,51 +171,6 @@ TEST(RecordLayoutsTest, RecordVersions) {
 // ---------------------------------------------------------------------------
 // The record path: format, fragments in a store, decode through placement.
 
-struct placed {
-  int ns = 0;
-  volrid_t rid;
-  std::string name;
-  voldguid_t guid;
-  std::uint32_t type = 0;
-  rec_buf* into = nullptr;
-  int calls = 0;
-};
-
-placed* g_placed = nullptr;
-
-int t_place(dbase*, db_record* r, int ns, volrid_t rid, const char* rname, voldguid_t guid,
-            void** rawpp) {
-  g_placed->ns = ns;
-  g_placed->rid = rid;
-  g_placed->name = rname;
-  g_placed->guid = guid;
-  g_placed->type = r->dbr_type;
-  ++g_placed->calls;
-  *rawpp = g_placed->into->mem;
-  return 0;
-}
-
-int t_unformat(dbase* db, db_record* r, const std::uint8_t* frag, std::size_t off,
-               std::size_t len) {
-  return voldbsup_unformat_record(db, r, frag, off, len, t_place);
-}
-const dbrec_ops t_rops = {nullptr, nullptr, t_unformat, nullptr};
-int t_init(dbase* db, db_record* r) {
-  r->dbr_ops = &t_rops;
-  return voldbsup_init_record(db, r);
-}
-int t_header(dbase* db, const std::uint8_t*, std::size_t) {
-  db->ddb_blksize = 512;
-  db->ddb_hdrsize = 512;
-  return ddb_setsize(db, 64);
-}
-const dbase_ops t_ops = {t_init, nullptr, nullptr, t_header, nullptr, nullptr, nullptr};
-
-struct store_deleter {
-  void operator()(dbase* db) const { ddb_free(db); }
-};
-using store_ptr = std::unique_ptr<dbase, store_deleter>;
-
 bytes format_body(std::uint32_t type, const void* sp) {
   db_record r{};
   r.dbr_type = type;
@@ -291,49 +183,52 @@ bytes format_body(std::uint32_t type, const void* sp) {
   return body;
 }
 
-// Extracts a copy holding one record (flags 0) at block 1.
-int extract_one(std::uint32_t type, const bytes& body, placed& p, store_ptr& db) {
-  test::copy_image img(64);
-  img.put_record(1, 42, 0, static_cast<std::uint16_t>(type), body);
-  g_placed = &p;
-  db.reset(ddb_alloc(&t_ops));
-  int err = 0;
-  for (std::size_t off = 0; off < img.data().size() && err == 0; off += 512) {
-    err = ddb_extract(db.get(), img.data().data() + off, off, 512);
+// Decodes a copy holding one record (flags 0, reference 42) at block 1,
+// behind a 3.0 header so that every record raises the store's version.
+struct one_record_copy : test::decoded_copy {
+  one_record_copy(std::uint32_t type, const bytes& body) : decoded_copy(image(type, body)) {}
+  static bytes image(std::uint32_t type, const bytes& body) {
+    test::copy_image img(64);
+    img.put_record(1, 42, 0, static_cast<std::uint16_t>(type), body);
+    dbase geometry{};
+    geometry.ddb_nblocks = 64;
+    geometry.ddb_blksize = geometry.ddb_hdrsize = 512;
+    voldb_info vi{};
+    vi.vdbi_version_major = 3;
+    EXPECT_EQ(voldbsup_format_header(&geometry, img.data().data(), 512, &vi), 0);
+    return img.data();
   }
-  g_placed = nullptr;
-  return err;
-}
+};
 
 void expect_record_path(const rec2field* e, std::uint32_t type, unsigned seed) {
   SCOPED_TRACE(testing::Message() << "type 0x" << std::hex << type);
-  rec_buf in(e), out(e);
+  rec_buf in(e);
   test::fill_record(e, type, in.mem, seed);
   bytes body = format_body(type, in.mem);
-  placed p;
-  p.into = &out;
-  store_ptr db;
-  ASSERT_EQ(extract_one(type, body, p, db), 0);
-  ASSERT_EQ(p.calls, 1);
-  EXPECT_EQ(p.type, type);
-  EXPECT_EQ(p.ns, e->namespace_);
+  one_record_copy c(type, body);
+  ASSERT_EQ(c.error, 0);
+  ASSERT_EQ(c.placements, 1);
+  const test::decoded_record* d = c.by_ref(42);
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(d->type, type);
+  EXPECT_EQ(d->ns, e->namespace_);
   anyrec any{};
   ASSERT_NE(dbf_unfmt_tbl(e->r2f_tbls[0].ftbl, 2, &any, body.data() + (type & 0x100 ? 2 : 0),
                           body.data() + body.size()), nullptr)
       << "every layout starts with the id and the name";
-  EXPECT_TRUE(seqno_equal(p.rid, any.rid));
-  EXPECT_EQ(p.name, any.name);
+  EXPECT_TRUE(seqno_equal(d->rid, any.rid));
+  EXPECT_EQ(d->name, any.name);
   std::uint32_t kind = type & 15;
   bool pre = !(type & RTYPE_NOGUID) && (kind == 1 || kind == 2);
-  EXPECT_TRUE(guid_equal(p.guid, pre ? voldbf_get_guid(type, in.mem) : zeroguid));
-  EXPECT_EQ(test::first_difference(e, type, in.mem, out.mem), "");
-  db_record* r = dbr_find(db.get(), 42);
+  EXPECT_TRUE(guid_equal(d->guid, pre ? voldbf_get_guid(type, in.mem) : zeroguid));
+  EXPECT_EQ(test::first_difference(e, type, in.mem, d->rec.get()), "");
+  db_record* r = dbr_find(c.db(), 42);
   ASSERT_NE(r, nullptr);
   EXPECT_EQ(r->dbr_build, nullptr);
   std::uint16_t major = 0, minor = 0;
-  ASSERT_EQ(voldbsup_rtyp2vers(type, r, out.mem, &major, &minor), 0);
-  EXPECT_EQ(db->ddb_mvers_major, major);
-  EXPECT_EQ(db->ddb_mvers_minor, minor);
+  ASSERT_EQ(voldbsup_rtyp2vers(type, r, d->rec.get(), &major, &minor), 0);
+  EXPECT_EQ(c.db()->ddb_mvers_major, major);
+  EXPECT_EQ(c.db()->ddb_mvers_minor, minor);
 }
 
 // Every entry round-trips through its tables with no flag, with each flag
@@ -345,6 +240,16 @@ TEST(RecordLayoutsTest, EveryLayoutRoundTripsAndDecodesThroughTheStore) {
   int n = 0;
   for (std::size_t i = 0; i < n_rec2field_table; ++i) {
     const rec2field* e = &rec2field_table[i];
+    SCOPED_TRACE(testing::Message() << "entry " << i);
+    EXPECT_EQ(e->namespace_, e->type == 0x86 ? 2 : 1);
+    std::uint32_t seen = 0;
+    for (const r2f_group& g : e->r2f_tbls) {
+      if (g.nflds == 0) break;
+      if (g.flagvalue == 0) continue;  // the base, or an alternative to a flagged group
+      EXPECT_EQ(g.flagvalue, g.flagmask);
+      EXPECT_EQ(seen & g.flagmask, 0u) << "two groups on one flag";
+      seen |= g.flagmask;
+    }
     std::uint32_t flags = test::entry_flags(e);
     expect_round_trip(e, test::type_word(e, 0), seed++);
     for (std::uint32_t bit = 1; bit != 0; bit <<= 1) {
@@ -395,42 +300,40 @@ TEST(RecordLayoutsTest, BodyFaultsAreFormatErrors) {
   };
   for (const fault& f : faults) {
     SCOPED_TRACE(f.what);
-    rec_buf out(dg);
-    placed p;
-    p.into = &out;
-    store_ptr db;
-    EXPECT_EQ(extract_one(f.type, f.body, p, db), VE_DB_FORMAT);
-    EXPECT_EQ(dbr_find(db.get(), 42), nullptr);
+    one_record_copy c(f.type, f.body);
+    EXPECT_EQ(c.error, VE_DB_FORMAT);
+    EXPECT_EQ(dbr_find(c.db(), 42), nullptr);
   }
 }
 
 TEST(RecordLayoutsTest, InitRecordChecksInOrder) {
-  store_ptr db(ddb_alloc(&t_ops));
+  test::decoded_copy store;
+  dbase* db = store.db();
   db_record r{};
   r.dbr_type = 0x20;
-  EXPECT_EQ(voldbsup_init_record(db.get(), &r), VE_DB_FORMAT);
+  EXPECT_EQ(voldbsup_init_record(db, &r), VE_DB_FORMAT);
   r.dbr_type = 0x31;
   r.dbr_flag = 3;
   r.dbr_size = 20000;
-  EXPECT_EQ(voldbsup_init_record(db.get(), &r), VE_DB_FORMAT);
+  EXPECT_EQ(voldbsup_init_record(db, &r), VE_DB_FORMAT);
   r.dbr_flag = 2;
   db->ddb_flag = 1u << DDB_STATE_SHIFT;
-  EXPECT_EQ(voldbsup_init_record(db.get(), &r), 0);  // refused before the size check
+  EXPECT_EQ(voldbsup_init_record(db, &r), 0);  // refused before the size check
   EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
   r.dbr_gen_flag = 0;
   db->ddb_flag = 4u << DDB_STATE_SHIFT;
-  EXPECT_EQ(voldbsup_init_record(db.get(), &r), 0);
+  EXPECT_EQ(voldbsup_init_record(db, &r), 0);
   EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
   r.dbr_gen_flag = 0;
   r.dbr_flag = 1;
   db->ddb_flag = 3u << DDB_STATE_SHIFT;
-  EXPECT_EQ(voldbsup_init_record(db.get(), &r), 0);
+  EXPECT_EQ(voldbsup_init_record(db, &r), 0);
   EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
   r.dbr_gen_flag = 0;
   db->ddb_flag = 0;
-  EXPECT_EQ(voldbsup_init_record(db.get(), &r), VE_RECORD_TOO_LARGE);
+  EXPECT_EQ(voldbsup_init_record(db, &r), VE_RECORD_TOO_LARGE);
   r.dbr_size = 16384;
-  EXPECT_EQ(voldbsup_init_record(db.get(), &r), 0);
+  EXPECT_EQ(voldbsup_init_record(db, &r), 0);
   EXPECT_EQ(r.dbr_gen_flag, 0);
 }
 
@@ -474,12 +377,13 @@ TEST(VoldbHeaderTest, EveryMajorAndMinorRule) {
   for (header_case c : {header_case{3, 1}, {4, 9}, {4, 10}, {4, 11}, {4, 16}, {4, 17}}) {
     SCOPED_TRACE(testing::Message() << c.major << "." << c.minor);
     voldb_info vi = sample_info(c.major, c.minor);
-    store_ptr db(ddb_alloc(&t_ops));
+    test::decoded_copy store, store2;
+    dbase* db = store.db();
     db->ddb_nblocks = 2048;
     db->ddb_blksize = 512;
     db->ddb_hdrsize = 512;
     bytes buf(512, 0xAA);
-    ASSERT_EQ(voldbsup_format_header(db.get(), buf.data(), buf.size(), &vi), 0);
+    ASSERT_EQ(voldbsup_format_header(db, buf.data(), buf.size(), &vi), 0);
     EXPECT_EQ(std::memcmp(buf.data(), "VMDB", 4), 0);
     EXPECT_EQ(get_be32(buf.data() + 4), 2048u);
     EXPECT_EQ(get_be16(buf.data() + 18), c.major);
@@ -487,8 +391,8 @@ TEST(VoldbHeaderTest, EveryMajorAndMinorRule) {
     for (std::size_t i = end; i < buf.size(); ++i) ASSERT_EQ(buf[i], 0) << i;
 
     voldb_info got{};
-    store_ptr db2(ddb_alloc(&t_ops));
-    ASSERT_EQ(voldbsup_unformat_header(db2.get(), buf.data(), buf.size(), &got), 0);
+    dbase* db2 = store2.db();
+    ASSERT_EQ(voldbsup_unformat_header(db2, buf.data(), buf.size(), &got), 0);
     EXPECT_EQ(db2->ddb_nblocks, 2048u);
     EXPECT_EQ(db2->ddb_blksize, 512u);
     EXPECT_EQ(db2->ddb_hdrsize, 512u);
@@ -533,26 +437,27 @@ TEST(VoldbHeaderTest, EveryMajorAndMinorRule) {
 
 TEST(VoldbHeaderTest, Failures) {
   voldb_info vi = sample_info(4, 17);
-  store_ptr db(ddb_alloc(&t_ops));
+  test::decoded_copy store;
+  dbase* db = store.db();
   bytes buf(512);
-  ASSERT_EQ(voldbsup_format_header(db.get(), buf.data(), buf.size(), &vi), 0);
+  ASSERT_EQ(voldbsup_format_header(db, buf.data(), buf.size(), &vi), 0);
   voldb_info got{};
-  EXPECT_EQ(voldbsup_unformat_header(db.get(), buf.data(), 200, &got), VE_DB_FORMAT);
-  EXPECT_EQ(voldbsup_unformat_header(db.get(), buf.data(), 3, &got), VE_BAD_MAGIC);
+  EXPECT_EQ(voldbsup_unformat_header(db, buf.data(), 200, &got), VE_DB_FORMAT);
+  EXPECT_EQ(voldbsup_unformat_header(db, buf.data(), 3, &got), VE_BAD_MAGIC);
   bytes bad = buf;
   bad[0] = 'W';
-  EXPECT_EQ(voldbsup_unformat_header(db.get(), bad.data(), bad.size(), &got), VE_BAD_MAGIC);
+  EXPECT_EQ(voldbsup_unformat_header(db, bad.data(), bad.size(), &got), VE_BAD_MAGIC);
   bad = buf;
   put_be16(bad.data() + 18, 5);
-  EXPECT_EQ(voldbsup_unformat_header(db.get(), bad.data(), bad.size(), &got), VE_DB_VERSION);
+  EXPECT_EQ(voldbsup_unformat_header(db, bad.data(), bad.size(), &got), VE_DB_VERSION);
   vi.vdbi_version_major = 2;
-  EXPECT_EQ(voldbsup_format_header(db.get(), buf.data(), buf.size(), &vi), VE_DB_VERSION);
+  EXPECT_EQ(voldbsup_format_header(db, buf.data(), buf.size(), &vi), VE_DB_VERSION);
   vi.vdbi_version_major = 4;
-  EXPECT_EQ(voldbsup_format_header(db.get(), buf.data(), 100, &vi), VE_DB_FORMAT);
+  EXPECT_EQ(voldbsup_format_header(db, buf.data(), 100, &vi), VE_DB_FORMAT);
   // Only the first 512 bytes are decoded.
   bytes big(4096, 0);
-  ASSERT_EQ(voldbsup_format_header(db.get(), big.data(), big.size(), &vi), 0);
-  EXPECT_EQ(voldbsup_unformat_header(db.get(), big.data(), big.size(), &got), 0);
+  ASSERT_EQ(voldbsup_format_header(db, big.data(), big.size(), &vi), 0);
+  EXPECT_EQ(voldbsup_unformat_header(db, big.data(), big.size(), &got), 0);
 }
 
 }  // namespace

@@ -33,9 +33,6 @@ struct placed_record {
   std::size_t nblocks = 0;
 };
 
-// The stored body of a record of type word `type` holding `sp`.
-inline bytes encode_record(std::uint32_t type, const void* sp);
-
 // A configuration copy: the database header in the first `hdrsize` bytes,
 // then records in consecutive blocks. Blocks not used hold unused "VBLK"
 // blocks.
@@ -74,39 +71,6 @@ class config_copy {
   std::size_t next_;
 };
 
-// Hex lines for a builder "hex" body.
-inline std::string hex_body(const bytes& b);
-
-// The standard disk: 2048 sectors of 512 bytes, config copies 1 and 2 at
-// sectors 17 and 817 (800 sectors each), log copy 1 at 1617 (200 sectors).
-// `regions` replaces the region statements when not empty.
-inline std::string standard_disk(const std::string& regions = "");
-// A copy-content statement filling configuration copy `copy`.
-inline std::string copy_content(int copy, const bytes& data);
-
-// Header and TOC lines of the standard disk (two enabled copies), with the
-// two line ends the driver adds.
-inline std::string standard_prefix();
-
-// Builds the image in process, writes it and runs privdiag on it (with a
-// sector-size argument when `sector_size` is not empty).
-inline process_result run_privdiag_on(const std::string& description,
-                               const std::string& sector_size = "");
-
-// Record structures with the members the report prints.
-inline volrec make_vol(const char* name, std::uint32_t rid, voff_t len, std::uint32_t nplex,
-                std::uint32_t tid);
-inline plexrec make_plex(const char* name, std::uint32_t rid, std::uint32_t vol_rid,
-                  std::uint32_t nsd, std::uint32_t tid);
-inline sdrec make_sd(const char* name, std::uint32_t rid, std::uint32_t plex_rid, std::uint32_t dm_rid,
-              voff_t offset, voff_t len, std::uint32_t tid);
-inline dmrec make_dm(const char* name, std::uint32_t rid, const char* diskid, std::uint32_t tid);
-inline dgrec make_dg(const char* name, std::uint32_t rid, std::uint32_t tid);
-
-// A version 4.17 header in the clean state with the given counts.
-inline void set_header(voldb_info& h, std::uint32_t tid, unsigned nvol, unsigned nplex, unsigned nsd,
-                unsigned ndm);
-
 // Stored type words used by the tests.
 inline constexpr std::uint32_t T_VOL = 0x51;
 inline constexpr std::uint32_t T_PLEX = 0x42;
@@ -116,8 +80,7 @@ inline constexpr std::uint32_t T_DG = 0x45;
 
 inline constexpr const char* kGroupId = "8f1e3b4c-0d2a-4e5f-9a6b-7c8d9e0f1a2b";
 
-// ---------------------------------------------------------------------------
-
+// The stored body of a record of type word `type` holding `sp`.
 inline bytes encode_record(std::uint32_t type, const void* sp) {
   db_record r{};
   r.dbr_type = type;
@@ -199,6 +162,7 @@ inline std::string config_copy::block_map() const {
   return s;
 }
 
+// Hex lines for a builder "hex" body.
 inline std::string hex_body(const bytes& b) {
   std::string s;
   char two[3];
@@ -210,7 +174,10 @@ inline std::string hex_body(const bytes& b) {
   return s;
 }
 
-inline std::string standard_disk(const std::string& regions) {
+// The standard disk: 2048 sectors of 512 bytes, config copies 1 and 2 at
+// sectors 17 and 817 (800 sectors each), log copy 1 at 1617 (200 sectors).
+// `regions` replaces the region statements when not empty.
+inline std::string standard_disk(const std::string& regions = "") {
   std::string s = "disk sector-size=512 sectors=2048\n"
                   "header version=3.1 diskid=1111.22.e2e hostid=\"\"\n"
                   "header dgname=e2edg dgid=" + std::string(kGroupId) + "\n"
@@ -226,6 +193,7 @@ inline std::string standard_disk(const std::string& regions) {
   return s;
 }
 
+// A copy-content statement filling configuration copy `copy`.
 inline std::string copy_content(int copy, const bytes& data) {
   return "copy-content config copy=" + std::to_string(copy) + " content=hex begin\n" +
          hex_body(data) + "end\n";
@@ -245,6 +213,8 @@ inline std::string standard_header_lines() {
          "headers: 2047 1856\n";
 }
 
+// Header and TOC lines of the standard disk (two enabled copies), with the
+// two line ends the driver adds.
 inline std::string standard_prefix() {
   return standard_header_lines() +
          "configs: count=2 len=800\n"
@@ -258,8 +228,10 @@ inline std::string standard_prefix() {
          "\n\n";
 }
 
+// Builds the image in process, writes it and runs privdiag on it (with a
+// sector-size argument when `sector_size` is not empty).
 inline process_result run_privdiag_on(const std::string& description,
-                                      const std::string& sector_size) {
+                                      const std::string& sector_size = "") {
   std::string error;
   const std::vector<std::uint8_t> img = build_image(description, &error);
   if (img.empty()) {
@@ -274,6 +246,7 @@ inline process_result run_privdiag_on(const std::string& description,
   return run_process({PD_PRIVDIAG_BIN, sector_size, path});
 }
 
+// Record structures with the members the report prints.
 inline volrec make_vol(const char* name, std::uint32_t rid, voff_t len, std::uint32_t nplex,
                        std::uint32_t tid) {
   volrec v{};
@@ -334,6 +307,7 @@ inline dgrec make_dg(const char* name, std::uint32_t rid, std::uint32_t tid) {
   return g;
 }
 
+// A version 4.17 header in the clean state with the given counts.
 inline void set_header(voldb_info& h, std::uint32_t tid, unsigned nvol, unsigned nplex,
                        unsigned nsd, unsigned ndm) {
   h.vdbi_commit_state = VDBI_CLEAN;

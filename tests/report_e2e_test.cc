@@ -440,40 +440,47 @@ TEST(ReportE2eTest, ExtractionErrorsInTheMiddleOfTheCopy) {
   EXPECT_EQ(r.out, expected);
 }
 
+// A copy holding disk group `dg` (ref 1) and volume `vol` (ref 3), with
+// `gap` unused blocks between them.
+void add_group_and_volume(config_copy& c, const char* dg, const char* vol, voff_t len,
+                          std::size_t gap = 0) {
+  set_header(c.header(), 30, 1, 0, 0, 0);
+  const dgrec g = make_dg(dg, 1, 10);
+  const volrec v = make_vol(vol, 3, len, 0, 12);
+  c.add(1, T_DG, &g);
+  c.skip(gap);
+  c.add(3, T_VOL, &v);
+}
+
+// The report of such a copy from its overview on; `size` is the volume's
+// "(sectors/MB)".
+std::string group_and_volume_report(const config_copy& c, const char* dg, const char* vol,
+                                    voff_t len, const char* size) {
+  return fmt("%s\n|---%s   %s\n\nOther records:\n", dg, vol, size) +
+         details_head(c, 30, 1, 0, 0, 0) + c.block_map() + "#\n" + c.frame(c.placed[0]) +
+         dg_long(dg, 1, 10) + c.frame(c.placed[1]) + vol_long(vol, 3, 12, len);
+}
+
 // A database longer than its copy: the report follows the premature end.
 TEST(ReportE2eTest, PrematureEnd) {
   config_copy c(64);  // the whole copy: 16 sectors
   c.claimed_nblocks = 100;
-  set_header(c.header(), 30, 1, 0, 0, 0);
-  const dgrec dg = make_dg("dg1", 1, 10);
-  const volrec v = make_vol("v1", 3, 2048, 0, 12);
-  const placed_record pdg = c.add(1, T_DG, &dg);
-  const placed_record pv = c.add(3, T_VOL, &v);
+  add_group_and_volume(c, "dg1", "v1", 2048);
   const std::string regions = "region config copy=1 offset=17 len=16\n";
   const process_result r = run_privdiag_on(standard_disk(regions) + copy_content(1, c.data()));
   EXPECT_EQ(r.err, "qztool:priv: ERROR: Premature EOF; 12800 bytes expected\n");
   EXPECT_EQ(r.status, 0);
-  const std::string expected =
-      prefix("count=1 len=16", "count=0 len=0",
-             " config   priv     17-    32[    16]: copy=01 offset=000000 enabled\n") +
-      overview_head() +
-      "dg1\n"
-      "|---v1   (2048/1MB)\n"
-      "\nOther records:\n" +
-      details_head(c, 30, 1, 0, 0, 0) + c.block_map() + "#\n" + c.frame(pdg) +
-      dg_long("dg1", 1, 10) + c.frame(pv) + vol_long("v1", 3, 12, 2048);
-  EXPECT_EQ(r.out, expected);
+  EXPECT_EQ(r.out,
+            prefix("count=1 len=16", "count=0 len=0",
+                   " config   priv     17-    32[    16]: copy=01 offset=000000 enabled\n") +
+                overview_head() + group_and_volume_report(c, "dg1", "v1", 2048, "(2048/1MB)"));
 }
 
 // The first copy is disabled: the report is that of copy 2.
 TEST(ReportE2eTest, DisabledCopyIsSkipped) {
   config_copy c1(64), c2(64);
   set_header(c1.header(), 30, 0, 0, 0, 0);
-  set_header(c2.header(), 30, 1, 0, 0, 0);
-  const dgrec dg = make_dg("dg2", 1, 10);
-  const volrec v = make_vol("only-in-2", 3, 2048, 0, 12);
-  const placed_record pdg = c2.add(1, T_DG, &dg);
-  const placed_record pv = c2.add(3, T_VOL, &v);
+  add_group_and_volume(c2, "dg2", "only-in-2", 2048);
   const std::string regions =
       "region config copy=1 offset=17 len=800 flags=disabled\n"
       "region config copy=2 offset=817 len=800\n"
@@ -482,29 +489,19 @@ TEST(ReportE2eTest, DisabledCopyIsSkipped) {
                                            copy_content(2, c2.data()));
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.status, 0);
-  const std::string expected =
-      prefix("count=2 len=800", "count=1 len=200",
-             " config   priv     17-   816[   800]: copy=01 offset=000000 disabled\n"
-             " config   priv    817-  1616[   800]: copy=02 offset=000000 enabled\n"
-             " log      priv   1617-  1816[   200]: copy=01 offset=000000 enabled\n") +
-      "#Config copy 02\n\n========== Configuration Overview ========\n\n"
-      "dg2\n"
-      "|---only-in-2   (2048/1MB)\n"
-      "\nOther records:\n" +
-      details_head(c2, 30, 1, 0, 0, 0) + c2.block_map() + "#\n" + c2.frame(pdg) +
-      dg_long("dg2", 1, 10) + c2.frame(pv) + vol_long("only-in-2", 3, 12, 2048);
-  EXPECT_EQ(r.out, expected);
+  EXPECT_EQ(r.out,
+            prefix("count=2 len=800", "count=1 len=200",
+                   " config   priv     17-   816[   800]: copy=01 offset=000000 disabled\n"
+                   " config   priv    817-  1616[   800]: copy=02 offset=000000 enabled\n"
+                   " log      priv   1617-  1816[   200]: copy=01 offset=000000 enabled\n") +
+                "#Config copy 02\n\n========== Configuration Overview ========\n\n" +
+                group_and_volume_report(c2, "dg2", "only-in-2", 2048, "(2048/1MB)"));
 }
 
 // 4096-byte sectors: the copy is read in whole 4096-byte chunks.
 TEST(ReportE2eTest, SectorsOf4096Bytes) {
   config_copy c(320, 512, 512);  // 160 KiB: 40 sectors
-  set_header(c.header(), 30, 1, 0, 0, 0);
-  const dgrec dg = make_dg("dg1", 1, 10);
-  const volrec v = make_vol("v1", 3, 16384, 0, 12);
-  const placed_record pdg = c.add(1, T_DG, &dg);
-  c.skip(200);
-  const placed_record pv = c.add(3, T_VOL, &v);
+  add_group_and_volume(c, "dg1", "v1", 16384, 200);
   const std::string desc =
       "disk sector-size=4096 sectors=256\n"
       "header version=3.1 diskid=4444.1.e2e hostid=\"\"\n"
@@ -534,12 +531,7 @@ TEST(ReportE2eTest, SectorsOf4096Bytes) {
       "Defined regions:\n"
       " config   priv      3-    42[    40]: copy=01 offset=000000 enabled\n"
       "\n\n" +
-      overview_head() +
-      "dg1\n"
-      "|---v1   (16384/8MB)\n"
-      "\nOther records:\n" +
-      details_head(c, 30, 1, 0, 0, 0) + c.block_map() + "#\n" + c.frame(pdg) +
-      dg_long("dg1", 1, 10) + c.frame(pv) + vol_long("v1", 3, 12, 16384);
+      overview_head() + group_and_volume_report(c, "dg1", "v1", 16384, "(16384/8MB)");
   EXPECT_EQ(r.out, expected);
 }
 

@@ -4,59 +4,11 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "config_db/records.h"
 
 namespace pd {
 namespace {
-
-std::vector<std::string> names_of(std::span<const voltagdesc> t) {
-  std::vector<std::string> v;
-  for (const voltagdesc& d : t) v.emplace_back(d.name);
-  return v;
-}
-
-TEST(TagTablesTest, VolumeAndPlexNamesStandInTheirOrder) {
-  const std::vector<std::string> vol = {
-      "tutil0", "tutil1", "tutil2", "rec_lock", "lock", "data_lock", "datalock", "kstate",
-      "r_all", "r_all", "rall", "r_some", "rsome", "w_all", "wall", "w_some", "wsome", "lasterr",
-      "use_type", "usetype", "fstype", "comment", "putil0", "putil1", "putil2", "state",
-      "writeback", "writecopy", "specify_writecopy", "specifywritecopy", "logging", "has_logs",
-      "haslogs", "devopen", "open", "log_serial_lo", "log_serial_hi", "node_bdev", "nodebdev",
-      "nodedev", "bdev", "dev", "node_cdev", "nodecdev", "cdev", "iosize", "pl_num", "plnum",
-      "nplex", "plex", "pref_name", "prefname", "start_opts", "startopts", "read_pol", "readpol",
-      "current_read_pol", "currentreadpol", "creadpol", "minor", "user", "group", "mode",
-      "log_type", "logtype", "len", "log_len", "loglen", "update_tid", "updatetid", "rid",
-      "pref_plex_rid", "prefplex_rid", "prefplexrid", "detach_tid", "detachtid", "active",
-      "forceminor", "badlog", "recover", "krecover", "invalid", "recover_offset",
-      "recoveroffset", "log_rid", "logrid", "recover_checkpoint", "recovercheckpoint",
-      "lasterr_tid", "lasterrtid", "errortid", "errtid", "sd_num", "sdnum", "nsd", "dirty",
-      "busy", "degraded", "unusable", "kdetach", "iofail", "storage", "applrecov", "apprecover",
-      "recover_seqno", "recov_seqno", "app_dirty", "appdirty", "dco_name", "dco_rid",
-      "nt_part_type", "nt_kernel_part_type", "nt_vol_guid", "nt_raid_init", "nt_curr_rootvol",
-      "nt_pagepath", "nt_crashdump", "nt_pending", "nt_raid_ntft", "nt_boot_volume",
-      "nt_system_volume", "nt_retain_partition", "EXISTS", "IMPLICIT", "CHANGED"};
-  EXPECT_EQ(names_of(vtagdesc()), vol);
-  const std::vector<std::string> plex = {
-      "tutil0", "tutil1", "tutil2", "lock", "compact", "iomode", "volatile", "kstate", "lasterr",
-      "len", "contig_len", "contiglen", "dev", "minor", "comment", "putil0", "putil1", "putil2",
-      "v_name", "vname", "volume", "layout", "st_width", "stwidth", "sd_num", "sdnum", "nsd",
-      "sd", "state", "log_sd", "logsd", "update_tid", "updatetid", "rid", "vol_rid", "volrid",
-      "detach_tid", "detachtid", "log_sd_rid", "logsd_rid", "logsdrid", "devopen", "open", "log",
-      "complete", "noerror", "kdetach", "iofail", "removed", "nodarec", "nodevice", "stale",
-      "recover", "lasterr_tid", "lasterrtid", "errortid", "errtid", "ncolumn", "columns", "ncol",
-      "dirty", "busy", "raidlog", "raid5log", "plex_snap_rid", "plex_guid", "dcoplex_rid",
-      "nt_curr_bootplex", "nt_pending", "EXISTS", "IMPLICIT", "CHANGED"};
-  EXPECT_EQ(names_of(ptagdesc()), plex);
-  for (const char* n : {"read_pol", "readpol", "current_read_pol", "currentreadpol", "creadpol"}) {
-    for (const voltagdesc& d : vtagdesc()) {
-      if (std::strcmp(d.name, n) == 0) {
-        EXPECT_EQ(d.type, TAG_R_POL) << n;
-      }
-    }
-  }
-}
 
 // (The entry counts are checked where the tables are defined.)
 TEST(TagTablesTest, EveryTableEndsWithPseudoFieldsTagsAscendAndFlagsHaveMasks) {
@@ -79,35 +31,32 @@ TEST(TagTablesTest, EveryTableEndsWithPseudoFieldsTagsAscendAndFlagsHaveMasks) {
   }
 }
 
-TEST(ValueTablesTest, RowsAndFirstMatch) {
+TEST(ValueTablesTest, LookupAndBadValues) {
   tag_printer tp;
-  EXPECT_EQ(layouts().size(), 8u);
   EXPECT_STREQ(tp.getetag(layouts(), 3), "RAID");
-  EXPECT_STREQ(tp.getetag(layouts(), 2), "CONCAT");
   EXPECT_STREQ(tp.getetag(vkstates(), 3), "ENABLED");
   EXPECT_STREQ(tp.getetag(pkstates(), 2), "DETACHED");
-  EXPECT_EQ(iomodes().size(), 13u);
   EXPECT_STREQ(tp.getetag(iomodes(), 2), "WO");
-  EXPECT_EQ(logtypes().size(), 8u);
   EXPECT_STREQ(tp.getetag(logtypes(), 32), "REGION");
-  ASSERT_EQ(excepts().size(), 48u);
   EXPECT_STREQ(tp.getetag(excepts(), 4), "FAIL_DET_PL");
-  EXPECT_STREQ(excepts()[47].name, "gendet2");
-  EXPECT_STREQ(excepts()[36].name, "noop");
-  EXPECT_EQ(rpols().size(), 10u);
   EXPECT_STREQ(tp.getetag(rpols(), 4), "RAID");
   EXPECT_STREQ(tp.getetag(layouts(), 9), "0x9 #bad");
   EXPECT_STREQ(tp.getetag(layouts(), -1), "0xffffffff #bad");
 }
 
+// Every alias of the read policy is a policy tag, and a policy never has a
+// text.
 TEST(FieldPrinterTest, ReadPolicyNeverHasAText) {
   tag_printer tp;
   volrec v{};
-  for (int pol : {0, 1, 2, 3, 4}) {
-    v.v_read_pol = pol;
-    tp.flag = 0;
-    EXPECT_STREQ(tp.vol_sprint_field(&v, "readpol"), "");
-    EXPECT_EQ(tp.flag, 1);
+  for (const char* name : {"read_pol", "readpol", "current_read_pol", "currentreadpol", "creadpol"}) {
+    for (int pol : {0, 2, 4}) {
+      v.v_read_pol = pol;
+      v.v_current_read_pol = pol;
+      tp.flag = 0;
+      EXPECT_STREQ(tp.vol_sprint_field(&v, name), "") << name << " " << pol;
+      EXPECT_EQ(tp.flag, 1) << name;
+    }
   }
 }
 
