@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <string>
@@ -87,74 +88,76 @@ class CopyReaderTest : public ::testing::Test {
   std::vector<std::uint8_t> buf_ = std::vector<std::uint8_t>(128 * 512, 0xAA);
 };
 
-TEST_F(CopyReaderTest, RunsAreCutAtPartBoundaries) {
-  copy_info* cp = make_copy(1, {{10, 3}, {100, 5}});
-  std::size_t n = 99;
-  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 0, 128, &n), 0);
-  EXPECT_EQ(n, 8u);
-  EXPECT_EQ(blocks(8), (std::vector<int>{10, 11, 12, 100, 101, 102, 103, 104}));
-  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 2, 2, &n), 0);
-  EXPECT_EQ(n, 2u);
-  EXPECT_EQ(blocks(2), (std::vector<int>{12, 100}));
-  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 8, 128, &n), 0);
-  EXPECT_EQ(n, 0u);
-}
-
-TEST_F(CopyReaderTest, RegionOffsetIsAdded) {
-  hdr_.phi_priv_offset = 20;
-  copy_info* cp = make_copy(1, {{10, 3}});
-  std::size_t n = 0;
-  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 1, 128, &n), 0);
-  EXPECT_EQ(blocks(n), (std::vector<int>{31, 32}));
-}
-
-TEST_F(CopyReaderTest, AllowanceIsRoundedToWholeSectorsUnlessChunksAre4096) {
-  copy_info* cp = make_copy(1, {{0, 40}});
-  hdr_.phi_atomic_iosize = 4096;
-  std::size_t n = 0;
-  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 0, 13, &n), 0);
-  EXPECT_EQ(n, 8u);
-  hdr_.phi_chunk_size = 4096;  // a part of 3 chunks is 24 blocks
-  copy_info* cp4 = make_copy(2, {{1, 3}});
-  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp4, buf_.data(), 0, 13, &n), 0);
-  EXPECT_EQ(n, 13u);
-  EXPECT_EQ(blocks(2), (std::vector<int>{8, 9}));
-}
-
-TEST_F(CopyReaderTest, ReadsPastTheImageKeepWhatTheBufferHeld) {
-  copy_info* cp = make_copy(1, {{kImageBlocks - 2, 6}});
-  std::size_t n = 0;
-  ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, cp, buf_.data(), 0, 128, &n), 0);
-  EXPECT_EQ(n, 6u);  // a short read goes unnoticed
-  EXPECT_EQ(blocks(6), (std::vector<int>{198, 199, 0xAA, 0xAA, 0xAA, 0xAA}));
-}
-
-TEST_F(CopyReaderTest, CopySelectionFailures) {
-  EXPECT_THROW(priv_dump_config(cs_.get(), &priv_, -1), fatal_exit);
-  EXPECT_EQ(cs_.err(), "ERROR: Disk has no config copies\n");
-  make_copy(0, {{10, 3}}, DKR_DISABLED);
-  make_copy(1, {{20, 3}}, DKR_DISABLED);
-  test::captured_session c2;
-  try {
-    priv_dump_config(c2.get(), &priv_, -1);
-    ADD_FAILURE() << "no fatal exit";
-  } catch (const fatal_exit& e) {
-    EXPECT_EQ(e.status, 1);
+// Runs are cut at part boundaries and offset by the region; the allowance
+// is rounded to whole sectors unless chunks are 4096 bytes; a read past the
+// image goes unnoticed and leaves what the buffer held.
+TEST_F(CopyReaderTest, ReadsOfARun) {
+  using parts = std::vector<std::pair<voff_t, voff_t>>;
+  const parts two = {{10, 3}, {100, 5}};
+  const struct {
+    const char* what;
+    parts p;
+    voff_t priv_offset;
+    std::uint32_t iosize, chunk;
+    std::size_t start, max, n;
+    std::vector<int> blocks;
+  } cases[] = {
+      {"two parts", two, 0, 512, 512, 0, 128, 8, {10, 11, 12, 100, 101, 102, 103, 104}},
+      {"across the boundary", two, 0, 512, 512, 2, 2, 2, {12, 100}},
+      {"at the end", two, 0, 512, 512, 8, 128, 0, {}},
+      {"region offset", {{10, 3}}, 20, 512, 512, 1, 128, 2, {31, 32}},
+      {"4096-byte sectors", {{0, 40}}, 0, 4096, 512, 0, 13, 8, {0, 1, 2, 3, 4, 5, 6, 7}},
+      {"4096-byte chunks", {{1, 3}}, 0, 4096, 4096, 0, 13, 13,
+       {8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}},
+      {"past the image", {{kImageBlocks - 2, 6}}, 0, 512, 512, 0, 128, 6,
+       {198, 199, 0xAA, 0xAA, 0xAA, 0xAA}},
+  };
+  for (const auto& k : cases) {
+    SCOPED_TRACE(k.what);
+    hdr_.phi_priv_offset = k.priv_offset;
+    hdr_.phi_atomic_iosize = k.iosize;
+    hdr_.phi_chunk_size = k.chunk;
+    std::fill(buf_.begin(), buf_.end(), 0xAA);
+    std::size_t n = 99;
+    ASSERT_EQ(priv_read_copy(cs_.get(), &priv_, make_copy(1, k.p), buf_.data(), k.start, k.max, &n),
+              0);
+    EXPECT_EQ(n, k.n);
+    EXPECT_EQ(blocks(n), k.blocks);
   }
-  EXPECT_EQ(c2.err(), "ERROR: Disk has no enabled config copies\n");
-  test::captured_session c3;
-  EXPECT_THROW(priv_dump_config(c3.get(), &priv_, 5), fatal_exit);
-  EXPECT_EQ(c3.err(), "ERROR: Disk does not have config copy 5\n");
-  EXPECT_EQ(c3.out(), "");
+}
+
+// No copy at all, only disabled copies, a copy number not present: status 1.
+TEST_F(CopyReaderTest, CopySelectionFailures) {
+  const struct {
+    int copy;
+    const char* err;
+  } cases[] = {{-1, "ERROR: Disk has no config copies\n"},
+               {-1, "ERROR: Disk has no enabled config copies\n"},
+               {5, "ERROR: Disk does not have config copy 5\n"}};
+  for (const auto& k : cases) {
+    if (copies_.empty() && &k != &cases[0]) {
+      make_copy(0, {{10, 3}}, DKR_DISABLED);
+      make_copy(1, {{20, 3}}, DKR_DISABLED);
+    }
+    test::captured_session s;
+    try {
+      priv_dump_config(s.get(), &priv_, k.copy);
+      ADD_FAILURE() << "no fatal exit";
+    } catch (const fatal_exit& e) {
+      EXPECT_EQ(e.status, 1);
+    }
+    EXPECT_EQ(s.err(), k.err);
+    EXPECT_EQ(s.out(), "");
+  }
 }
 
 // An image holding one configuration copy at sector 17, 16 sectors long.
 class LoadedCopyTest : public CopyReaderTest {
  protected:
-  void write_copy(const test::bytes& copy) {
-    std::vector<std::uint8_t> image(17 * 512);
-    image.insert(image.end(), copy.begin(), copy.end());
-    image.resize(64 * 512);
+  void write_copy(const test::bytes& copy, std::size_t sectors = 64) {
+    std::vector<std::uint8_t> image(sectors * 512);
+    std::memcpy(image.data() + 17 * 512, copy.data(),
+                std::min(copy.size(), image.size() - 17 * 512));
     std::fclose(cs_->priv_fd);
     test::write_file(path_, image);
     cs_->priv_fd = std::fopen(path_.c_str(), "rb");
@@ -300,13 +303,7 @@ TEST_F(LoadedCopyTest, ReportIsPrintedOnceWhenTheDatabaseEndsAtARunBoundary) {
   test::set_header(c.header(), 30, 0, 0, 0, 0);
   const dgrec dg = test::make_dg("dg1", 1, 10);
   c.add(1, test::T_DG, &dg);
-  std::vector<std::uint8_t> image(17 * 512);
-  const test::bytes data = c.data();
-  image.insert(image.end(), data.begin(), data.end());
-  image.resize(image.size() + 200 * 512);
-  std::fclose(cs_->priv_fd);
-  test::write_file(path_, image);
-  cs_->priv_fd = std::fopen(path_.c_str(), "rb");
+  write_copy(c.data(), 17 + 128 + 200);
   make_copy(1, {{17, 300}});
   EXPECT_EQ(priv_dump_config(cs_.get(), &priv_, -1), 1);
   const std::string out = cs_.out();

@@ -33,12 +33,30 @@ struct placed_record {
   std::size_t nblocks = 0;
 };
 
+// The stored body of a record of type word `type` holding `sp`.
+inline bytes encode_record(std::uint32_t type, const void* sp) {
+  db_record r{};
+  r.dbr_type = type;
+  const std::size_t n = voldbsup_record_size(type, sp);
+  bytes b(n);
+  if (voldbsup_format_record(nullptr, &r, b.data(), 0, n, sp) != 0) b.clear();
+  voldbsup_format_cleanup_record(nullptr, &r);
+  return b;
+}
+
 // A configuration copy: the database header in the first `hdrsize` bytes,
 // then records in consecutive blocks. Blocks not used hold unused "VBLK"
 // blocks.
 class config_copy {
  public:
-  explicit config_copy(std::size_t nblocks, std::size_t blksize = 128, std::size_t hdrsize = 512);
+  explicit config_copy(std::size_t nblocks, std::size_t blksize = 128, std::size_t hdrsize = 512)
+      : claimed_nblocks(nblocks),
+        claimed_blksize(blksize),
+        claimed_hdrsize(hdrsize),
+        blksize_(blksize),
+        hdrsize_(hdrsize),
+        img_(nblocks, blksize),
+        next_(hdrsize / blksize) {}
 
   voldb_info& header() { return hdr_; }
   // What the header claims (defaults: the copy's own sizes).
@@ -46,21 +64,73 @@ class config_copy {
 
   // Places the record at the next free block; returns what was placed.
   placed_record add(std::uint32_t ref, std::uint32_t type, const void* sp,
-                           std::uint16_t flag = 0);
+                    std::uint16_t flag = 0) {
+    return add_body(ref, type, encode_record(type, sp), flag);
+  }
   // Places raw body bytes (nfrag overrides the fragment count).
   placed_record add_body(std::uint32_t ref, std::uint32_t type, const bytes& body,
-                                std::uint16_t flag = 0, long nfrag = -1);
+                         std::uint16_t flag = 0, long nfrag = -1) {
+    placed_record p;
+    p.ref = ref;
+    p.flag = flag;
+    p.type = type;
+    p.size = body.size();
+    p.first = next_;
+    p.nblocks = img_.put_record(next_, ref, flag, static_cast<std::uint16_t>(type), body, nfrag);
+    next_ += p.nblocks;
+    placed.push_back(p);
+    return placed.back();
+  }
   // Leaves `n` unused blocks.
   void skip(std::size_t n) { next_ += n; }
 
   copy_image& image() { return img_; }
-  bytes data();  // the copy with its header formatted
   std::size_t blksize() const { return blksize_; }
 
+  // The copy with its header formatted.
+  bytes data() {
+    auto db = std::make_unique<dbase>();
+    db->ddb_nblocks = claimed_nblocks;
+    db->ddb_blksize = claimed_blksize;
+    db->ddb_hdrsize = claimed_hdrsize;
+    bytes out = img_.data();
+    voldbsup_format_header(db.get(), out.data(), std::min(hdrsize_, out.size()), &hdr_);
+    return out;
+  }
+
   // "#Record ...\n#Blocks: ...\n" of a complete record.
-  std::string frame(const placed_record& p, std::uint16_t gen_flags = 0x4) const;
+  std::string frame(const placed_record& p, std::uint16_t gen_flags = 0x4) const {
+    char line[160];
+    std::snprintf(line, sizeof line, "#Record %4lu: type=0x%04x flags=0x%04x gen_flags=0x%04x ",
+                  static_cast<unsigned long>(p.ref), p.type, p.flag, gen_flags);
+    std::string s = line;
+    s += "size=" + std::to_string(p.size) + "\n#Blocks:";
+    for (std::size_t i = 0; i < p.nblocks; ++i) s += " " + std::to_string(p.first + i);
+    return s + "\n";
+  }
+
   // The block-map lines of the records placed, in block order.
-  std::string block_map() const;
+  std::string block_map() const {
+    std::vector<placed_record> v = placed;
+    std::sort(v.begin(), v.end(),
+              [](const placed_record& a, const placed_record& b) { return a.first < b.first; });
+    const std::size_t payload = blksize_ - 16;
+    std::string s;
+    for (const placed_record& p : v) {
+      for (std::size_t f = 0; f < p.nblocks; ++f) {
+        const std::size_t off = f == 0 ? 0 : payload * f - 8;
+        const std::size_t room = f == 0 ? payload - 8 : payload;
+        const std::size_t frag = std::min(room, p.size - off);
+        char line[160];
+        std::snprintf(line, sizeof line,
+                      "#Block %4lu: flag=0x0000 ref=%-4lu offset=%-4lu frag_size=%-4lu\n",
+                      static_cast<unsigned long>(p.first + f), static_cast<unsigned long>(p.ref),
+                      static_cast<unsigned long>(off), static_cast<unsigned long>(frag));
+        s += line;
+      }
+    }
+    return s;
+  }
 
   std::vector<placed_record> placed;
 
@@ -79,88 +149,6 @@ inline constexpr std::uint32_t T_DM = 0x44;
 inline constexpr std::uint32_t T_DG = 0x45;
 
 inline constexpr const char* kGroupId = "8f1e3b4c-0d2a-4e5f-9a6b-7c8d9e0f1a2b";
-
-// The stored body of a record of type word `type` holding `sp`.
-inline bytes encode_record(std::uint32_t type, const void* sp) {
-  db_record r{};
-  r.dbr_type = type;
-  const std::size_t n = voldbsup_record_size(type, sp);
-  bytes b(n);
-  if (voldbsup_format_record(nullptr, &r, b.data(), 0, n, sp) != 0) b.clear();
-  voldbsup_format_cleanup_record(nullptr, &r);
-  return b;
-}
-
-inline config_copy::config_copy(std::size_t nblocks, std::size_t blksize, std::size_t hdrsize)
-    : claimed_nblocks(nblocks),
-      claimed_blksize(blksize),
-      claimed_hdrsize(hdrsize),
-      blksize_(blksize),
-      hdrsize_(hdrsize),
-      img_(nblocks, blksize),
-      next_(hdrsize / blksize) {}
-
-inline placed_record config_copy::add_body(std::uint32_t ref, std::uint32_t type,
-                                                  const bytes& body, std::uint16_t flag,
-                                                  long nfrag) {
-  placed_record p;
-  p.ref = ref;
-  p.flag = flag;
-  p.type = type;
-  p.size = body.size();
-  p.first = next_;
-  p.nblocks = img_.put_record(next_, ref, flag, static_cast<std::uint16_t>(type), body, nfrag);
-  next_ += p.nblocks;
-  placed.push_back(p);
-  return placed.back();
-}
-
-inline placed_record config_copy::add(std::uint32_t ref, std::uint32_t type,
-                                             const void* sp, std::uint16_t flag) {
-  return add_body(ref, type, encode_record(type, sp), flag);
-}
-
-inline bytes config_copy::data() {
-  auto db = std::make_unique<dbase>();
-  db->ddb_nblocks = claimed_nblocks;
-  db->ddb_blksize = claimed_blksize;
-  db->ddb_hdrsize = claimed_hdrsize;
-  bytes out = img_.data();
-  voldbsup_format_header(db.get(), out.data(), std::min(hdrsize_, out.size()), &hdr_);
-  return out;
-}
-
-inline std::string config_copy::frame(const placed_record& p, std::uint16_t gen_flags) const {
-  char line[160];
-  std::snprintf(line, sizeof line, "#Record %4lu: type=0x%04x flags=0x%04x gen_flags=0x%04x ",
-                static_cast<unsigned long>(p.ref), p.type, p.flag, gen_flags);
-  std::string s = line;
-  s += "size=" + std::to_string(p.size) + "\n#Blocks:";
-  for (std::size_t i = 0; i < p.nblocks; ++i) s += " " + std::to_string(p.first + i);
-  return s + "\n";
-}
-
-inline std::string config_copy::block_map() const {
-  std::vector<placed_record> v = placed;
-  std::sort(v.begin(), v.end(),
-            [](const placed_record& a, const placed_record& b) { return a.first < b.first; });
-  const std::size_t payload = blksize_ - 16;
-  std::string s;
-  for (const placed_record& p : v) {
-    for (std::size_t f = 0; f < p.nblocks; ++f) {
-      const std::size_t off = f == 0 ? 0 : payload * f - 8;
-      const std::size_t room = f == 0 ? payload - 8 : payload;
-      const std::size_t frag = std::min(room, p.size - off);
-      char line[160];
-      std::snprintf(line, sizeof line,
-                    "#Block %4lu: flag=0x0000 ref=%-4lu offset=%-4lu frag_size=%-4lu\n",
-                    static_cast<unsigned long>(p.first + f), static_cast<unsigned long>(p.ref),
-                    static_cast<unsigned long>(off), static_cast<unsigned long>(frag));
-      s += line;
-    }
-  }
-  return s;
-}
 
 // Hex lines for a builder "hex" body.
 inline std::string hex_body(const bytes& b) {
