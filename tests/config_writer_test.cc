@@ -12,7 +12,6 @@
 #include "base/errors.h"
 #include "codec/text_forms.h"
 #include "config_decode_support.h"
-#include "privbuild/builder.h"
 #include "privbuild/config_fields.h"
 
 namespace pd {
@@ -303,25 +302,6 @@ TEST(ConfigWriterTest, DescriptionErrorsNameTheLine) {
   EXPECT_EQ(build_error("database blksize=16"), "config line 1: blksize must lie in 32..65536");
   EXPECT_EQ(build_error("volume at=70 name=x"), "config line 1: the record runs past the copy");
   EXPECT_EQ(build_error("record name=x"), "config line 1: record needs type= or entry=");
-}
-
-TEST(ConfigWriterTest, RegisteredAsAContentGenerator) {
-  std::string error;
-  std::vector<std::uint8_t> img = build_image(R"(
-disk sector-size=512 sectors=2048
-region config copy=1 offset=17 len=100
-copy-content config copy=1 content=config begin
-  database nblocks=100 dgname=dg7
-  group name=dg7 rid=0.1
-end
-)", &error);
-  ASSERT_EQ(error, "");
-  ASSERT_FALSE(img.empty());
-  bool found = false;
-  for (std::size_t i = 0; i + 4 <= img.size(); i += 512) {
-    found |= std::memcmp(img.data() + i, "VMDB", 4) == 0;
-  }
-  EXPECT_TRUE(found);
 }
 
 }  // namespace

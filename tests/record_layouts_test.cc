@@ -149,23 +149,24 @@ TEST(RecordLayoutsTest, DiskGroupVersions) {
   }
 }
 
+// The version a record needs: from its type word, and from volume flags
+// that a later version introduced (an unnamed bit needs the newest).
 TEST(RecordLayoutsTest, RecordVersions) {
+  const struct {
+    std::uint32_t type, pflag;
+    unsigned want;
+  } cases[] = {{0x31, 0, 301}, {0x10151, 0, 412}, {0x31, 1u << 25, 416}, {0x31, 0x80, 417},
+               {0x1058, 0, 416}};
+  for (const auto& k : cases) {
+    std::uint16_t major = 0, minor = 0;
+    urec u{};
+    u.v.v_pflag = k.pflag;
+    EXPECT_EQ(voldbsup_rtyp2vers(k.type, nullptr, &u, &major, &minor), 0);
+    EXPECT_EQ(major * 100u + minor, k.want) << std::hex << k.type << " " << k.pflag;
+  }
   std::uint16_t major = 0, minor = 0;
-  volrec v{};
-  EXPECT_EQ(voldbsup_rtyp2vers(0x31, nullptr, &v, &major, &minor), 0);
-  EXPECT_EQ(major * 100 + minor, 301);
-  EXPECT_EQ(voldbsup_rtyp2vers(0x10151, nullptr, &v, &major, &minor), 0);
-  EXPECT_EQ(major * 100 + minor, 412);
-  v.v_pflag = 1u << 25;
-  EXPECT_EQ(voldbsup_rtyp2vers(0x31, nullptr, &v, &major, &minor), 0);
-  EXPECT_EQ(major * 100 + minor, 416);
-  v.v_pflag = 0x80;  // a bit no named version knows
-  EXPECT_EQ(voldbsup_rtyp2vers(0x31, nullptr, &v, &major, &minor), 0);
-  EXPECT_EQ(major * 100 + minor, 417);
-  reprec rp{};
-  EXPECT_EQ(voldbsup_rtyp2vers(0x1058, nullptr, &rp, &major, &minor), 0);
-  EXPECT_EQ(major * 100 + minor, 416);
-  EXPECT_EQ(voldbsup_rtyp2vers(0x30, nullptr, &rp, &major, &minor), VE_DB_FORMAT);
+  urec u{};
+  EXPECT_EQ(voldbsup_rtyp2vers(0x30, nullptr, &u, &major, &minor), VE_DB_FORMAT);
 }
 
 // ---------------------------------------------------------------------------
@@ -306,35 +307,30 @@ TEST(RecordLayoutsTest, BodyFaultsAreFormatErrors) {
   }
 }
 
+// An unknown type, then a bad record flag, then refusal by the store's
+// state (before the size check), then the size.
 TEST(RecordLayoutsTest, InitRecordChecksInOrder) {
-  test::decoded_copy store;
-  dbase* db = store.db();
-  db_record r{};
-  r.dbr_type = 0x20;
-  EXPECT_EQ(voldbsup_init_record(db, &r), VE_DB_FORMAT);
-  r.dbr_type = 0x31;
-  r.dbr_flag = 3;
-  r.dbr_size = 20000;
-  EXPECT_EQ(voldbsup_init_record(db, &r), VE_DB_FORMAT);
-  r.dbr_flag = 2;
-  db->ddb_flag = 1u << DDB_STATE_SHIFT;
-  EXPECT_EQ(voldbsup_init_record(db, &r), 0);  // refused before the size check
-  EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
-  r.dbr_gen_flag = 0;
-  db->ddb_flag = 4u << DDB_STATE_SHIFT;
-  EXPECT_EQ(voldbsup_init_record(db, &r), 0);
-  EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
-  r.dbr_gen_flag = 0;
-  r.dbr_flag = 1;
-  db->ddb_flag = 3u << DDB_STATE_SHIFT;
-  EXPECT_EQ(voldbsup_init_record(db, &r), 0);
-  EXPECT_EQ(r.dbr_gen_flag, DBR_REFUSED);
-  r.dbr_gen_flag = 0;
-  db->ddb_flag = 0;
-  EXPECT_EQ(voldbsup_init_record(db, &r), VE_RECORD_TOO_LARGE);
-  r.dbr_size = 16384;
-  EXPECT_EQ(voldbsup_init_record(db, &r), 0);
-  EXPECT_EQ(r.dbr_gen_flag, 0);
+  const struct {
+    std::uint32_t type;
+    std::uint16_t flag;
+    std::size_t size;
+    unsigned state;
+    int want;
+    bool refused;
+  } cases[] = {{0x20, 0, 0, 0, VE_DB_FORMAT, false},    {0x31, 3, 20000, 0, VE_DB_FORMAT, false},
+               {0x31, 2, 20000, 1, 0, true},            {0x31, 2, 20000, 4, 0, true},
+               {0x31, 1, 20000, 3, 0, true},            {0x31, 1, 20000, 0, VE_RECORD_TOO_LARGE, false},
+               {0x31, 1, 16384, 0, 0, false}};
+  for (const auto& k : cases) {
+    test::decoded_copy store;
+    store.db()->ddb_flag = k.state << DDB_STATE_SHIFT;
+    db_record r{};
+    r.dbr_type = k.type;
+    r.dbr_flag = k.flag;
+    r.dbr_size = k.size;
+    EXPECT_EQ(voldbsup_init_record(store.db(), &r), k.want) << k.flag << " " << k.state;
+    EXPECT_EQ(r.dbr_gen_flag == DBR_REFUSED, k.refused) << k.flag << " " << k.state;
+  }
 }
 
 // ---------------------------------------------------------------------------

@@ -177,20 +177,6 @@ class LoadedCopyTest : public CopyReaderTest {
   }
 };
 
-TEST_F(LoadedCopyTest, AnExplicitlyNamedDisabledCopyIsLoadedWithANote) {
-  test::config_copy c = group_copy();
-  write_copy(c.data());
-  make_copy(3, {{17, 16}}, DKR_DISABLED);
-  EXPECT_EQ(priv_dump_config(cs_.get(), &priv_, 3), 1);
-  const std::string out = cs_.out();
-  EXPECT_EQ(out.substr(0, 120),
-            std::string("#Config copy 03\n#NOTE: Copy is disabled\n\n"
-                        "========== Configuration Overview ========\n\n"
-                        "dg1\n|---v1   (2048/1MB)\n\nOther records:\n    pool1\n")
-                .substr(0, 120));
-  EXPECT_EQ(cs_.err(), "");
-}
-
 // The state nibble of the store from the header's commit state: CLEAN,
 // COMMIT and ABORT as they are; CHANGE as ABORT (COMMIT with c_commit);
 // anything else as ABORT.
