@@ -98,16 +98,16 @@ TEST(ConfigWriterTest, RecordsOfTheMainKindsDecode) {
   EXPECT_EQ(c.hdr.vdbi_config_sum.vs_sp_cnt, 1u);
   EXPECT_EQ(c.hdr.vdbi_config_sum.vs_da_cnt, 0u);
 
-  const auto* dg = c.by_ref(1);
-  ASSERT_NE(dg, nullptr);
+  for (unsigned long ref = 1; ref <= 7; ++ref) ASSERT_NE(c.by_ref(ref), nullptr) << ref;
+
+  const test::decoded_record* dg = c.by_ref(1);
   EXPECT_EQ(dg->type, 0x45u | 0x2000 | 0x4000 | 0x800);
   EXPECT_STREQ(dg->rec->dg.dg_real_name, "dg1");
   EXPECT_EQ(dg->rec->dg.dg_nconfig, -1);
   EXPECT_EQ(dg->rec->dg.dg_version, 171u);
   EXPECT_STREQ(dg->rec->dg.dg_comment, "main group");
 
-  const auto* v = c.by_ref(2);
-  ASSERT_NE(v, nullptr);
+  const test::decoded_record* v = c.by_ref(2);
   EXPECT_EQ(v->type, 0x61u | 0x800 | 0x200);
   EXPECT_EQ(v->rec->v.v_len, 2048);
   EXPECT_EQ(v->rec->v.v_pl_num, 2u);
@@ -120,36 +120,31 @@ TEST(ConfigWriterTest, RecordsOfTheMainKindsDecode) {
   // The volume's pflag bits 24-25 need version 4.16.
   EXPECT_EQ(c.db()->ddb_mvers_minor, 17);
 
-  const auto* pl = c.by_ref(3);
-  ASSERT_NE(pl, nullptr);
+  const test::decoded_record* pl = c.by_ref(3);
   EXPECT_EQ(pl->type, 0x42u | 0x1000 | 0x4000);
   EXPECT_EQ(pl->rec->pl.pl_st_width, 128);
   EXPECT_EQ(pl->rec->pl.pl_ncolumn, 3u);
   EXPECT_EQ(pl->rec->pl.pl_guid.Data1, 0x11111111u);
 
-  const auto* sd = c.by_ref(4);
-  ASSERT_NE(sd, nullptr);
+  const test::decoded_record* sd = c.by_ref(4);
   EXPECT_EQ(sd->rec->sd.sd_nt_hidden_sectors, 63);
   EXPECT_STREQ(sd->rec->sd.sd_comment, "hello");  // 0x43 keeps it in the base
   EXPECT_EQ(sd->type, 0x43u | 0x200);
 
-  const auto* dm = c.by_ref(5);
-  ASSERT_NE(dm, nullptr);
+  const test::decoded_record* dm = c.by_ref(5);
   EXPECT_STREQ(dm->rec->dm.dm_diskid, "a0000002-1234-0002-4041-424344454647");
   ASSERT_NE(dm->rec->dm.dm_app_value, nullptr);
   EXPECT_EQ(dm->rec->dm.dm_app_value[0], 0x82);  // the length prefix
   EXPECT_EQ(dm->rec->dm.dm_app_value[2], 0x02);
 
-  const auto* rp = c.by_ref(6);
-  ASSERT_NE(rp, nullptr);
+  const test::decoded_record* rp = c.by_ref(6);
   EXPECT_EQ(rp->type, 0x58u | 0x800 | 0x1000);
   EXPECT_EQ(rp->rec->rp.rp_net_address.portno, 4145);
   EXPECT_EQ(rp->rec->rp.rp_net_address.ipaddress, 0x0A000001u);
   EXPECT_EQ(rp->rec->rp.rp_local_address6.ipaddress.addr.words[0], 0xC0A80001u);
   EXPECT_EQ(rp->rec->rp.rp_bandwidth_limit, 1000u);
 
-  const auto* sp = c.by_ref(7);
-  ASSERT_NE(sp, nullptr);
+  const test::decoded_record* sp = c.by_ref(7);
   EXPECT_EQ(sp->type, 0x6Au | 0x1000);
   EXPECT_EQ(sp->rec->sp.sp_link_state, -3);
   EXPECT_EQ(sp->rec->sp.sp_vol_guid.Data4[7], 0x10);
