@@ -5,9 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "config_db/records.h"
 #include "report/copy_loading.h"
@@ -45,47 +43,8 @@ class fake_records {
   std::deque<db_record> dbrecs_;
 };
 
-std::vector<db_record*> list_of(const reclist* l) {
-  std::vector<db_record*> v;
-  for (; l != nullptr; l = l->next) v.push_back(l->r);
-  return v;
-}
-
-TEST(ListTest, AddKeepsNameOrderWithTheHeadFirstAmongEquals) {
-  fake_records f;
-  node_pool pool;
-  reclist* head = nullptr;
-  db_record* b1 = f.add(1, "b");
-  db_record* a1 = f.add(1, "a");
-  db_record* c1 = f.add(1, "c");
-  db_record* b2 = f.add(1, "b");
-  db_record* a2 = f.add(1, "a");
-  db_record* b3 = f.add(1, "b");
-  db_record* none = f.add_bare(9);  // no collected record: the empty name
-  for (db_record* r : {b1, a1, c1, b2, a2, b3, none}) listadd(pool, &head, r);
-  // a2 equals the head a1 and goes right after it; b2 and b3 go in front of
-  // the other b's.
-  EXPECT_EQ(list_of(head), (std::vector<db_record*>{none, a1, a2, b3, b2, b1, c1}));
-}
-
-TEST(ListTest, DeleteMovesTheCursorBack) {
-  fake_records f;
-  node_pool pool;
-  reclist* head = nullptr;
-  db_record* a = f.add(1, "a");
-  db_record* b = f.add(1, "b");
-  db_record* c = f.add(1, "c");
-  for (db_record* r : {a, b, c}) listadd(pool, &head, r);
-  reclist* p = head->next->next;  // c
-  listdelete(&head, &p);
-  EXPECT_EQ(p, head->next);  // the predecessor, b
-  EXPECT_EQ(list_of(head), (std::vector<db_record*>{a, b}));
-  p = head;
-  listdelete(&head, &p);
-  EXPECT_EQ(p, nullptr);
-  EXPECT_EQ(list_of(head), (std::vector<db_record*>{b}));
-}
-
+// (The name order of the lists and the cursor of a deletion are checked
+// against the report's index of them.)
 // (Whole trees are shown by the reports of built images.)
 TEST(TreeTest, SizeSuffixOnlyForVolumesAndSubdisks) {
   fake_records f;
