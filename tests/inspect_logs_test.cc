@@ -118,9 +118,7 @@ TEST(InspectLogsDisk, UsageErrorsEndWithStatusThree) {
   EXPECT_EQ(inspect({"logs", "x.img", "--copy", "one"}).status, 3);  // not a number
   EXPECT_EQ(inspect({"logs", "x.img", "--copy", "-1"}).status, 3);   // negative
   EXPECT_EQ(inspect({"--sector-size", "1024", "logs", "x.img"}).status, 3);
-  process_result r = inspect({"logs", temp_dir() + "/absent.img"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.err, "Cannot open dump file " + temp_dir() + "/absent.img.\n");
+  expect_runs({{{"logs", temp_dir() + "/absent.img"}, 3, "", "Cannot open dump file " + temp_dir() + "/absent.img.\n"}});
 }
 
 }  // namespace

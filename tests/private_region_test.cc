@@ -135,13 +135,6 @@ TEST(ScanTest, WithFourKiBSectorsTheSearchCannotMatch) {
   EXPECT_EQ(direct.reads, 31);
 }
 
-TEST(ScanTest, FourKiBSectorsScanNormally) {
-  memory_disk d(build("disk sector-size=4096 sectors=256\nregion config copy=1 offset=17 len=100\n"));
-  ASSERT_EQ(d.scan(4096), VE_OK);
-  EXPECT_EQ(d.priv->pri_header->phi_alt_header, 256 - 24);
-  EXPECT_EQ(priv_join(d.priv), VE_OK);
-}
-
 TEST(ScanTest, BackupRetryTakesThePositionsOfTheBackupHeader) {
   // The caller's positions are wrong; the backup copy names the right ones.
   memory_disk d(build(disk512 + "hdrcopy primary\nhdrcopy alternate\nhdrcopy 1000\n"));
