@@ -142,14 +142,6 @@ TEST(BlockStoreTest, CompactFramingKeepsThePayloadArithmetic) {
   EXPECT_EQ(std_img.feed_all(), std::make_pair(int{VE_BAD_MAGIC}, std::size_t{1}));
 }
 
-// Record 6 from block 1 (3 blocks of 1200 bytes, 2 of 600), and block 3
-// repeating its fragment 1.
-void repeat_fragment_1(copy_image& i, std::size_t size) {
-  i.put_record(1, 6, 0, 0x31, pattern(size));
-  std::memcpy(i.block(3), i.block(2), 512);
-  put_be32(i.block(3) + 4, 3);
-}
-
 // Faults that stop the feed at block 3: the error, the block's mark and the
 // flags of record 6 (0: no record).
 TEST(BlockStoreTest, FaultsThatStopTheFeed) {
@@ -165,9 +157,21 @@ TEST(BlockStoreTest, FaultsThatStopTheFeed) {
       {"block number", [](copy_image& i) { put_be32(i.block(3) + 4, 4); }, VE_BAD_BLOCKNO, DBB_BAD, 0},
       {"fragment count", [](copy_image& i) { i.put_record(3, 9, 0, 0x31, pattern(20), 2); }, VE_DB_FORMAT,
        DBB_BAD, 0},
-      {"overlap", [](copy_image& i) { repeat_fragment_1(i, 1200); }, VE_DB_FORMAT, DBB_BAD, DBR_FORMAT_ERROR},
-      {"after completion", [](copy_image& i) { repeat_fragment_1(i, 600); }, VE_DB_FORMAT, DBB_BAD,
-       DBR_COMPLETE | DBR_FORMAT_ERROR},
+      // record 6 fills blocks 1..3; block 3 repeats its fragment 1
+      {"overlap",
+       [](copy_image& i) {
+         i.put_record(1, 6, 0, 0x31, pattern(1200));
+         std::memcpy(i.block(3), i.block(2), 512);
+         put_be32(i.block(3) + 4, 3);
+       },
+       VE_DB_FORMAT, DBB_BAD, DBR_FORMAT_ERROR},
+      // record 6 is complete in blocks 1..2; block 3 carries a third fragment
+      {"after completion",
+       [](copy_image& i) {
+         i.put_record(1, 6, 0, 0x31, pattern(600));
+         i.set_block(3, 3, 6, 2, 2);
+       },
+       VE_DB_FORMAT, DBB_BAD, DBR_COMPLETE | DBR_FORMAT_ERROR},
   };
   for (const fault& f : faults) {
     SCOPED_TRACE(f.what);
