@@ -98,6 +98,19 @@ struct device_fixture {
   session& s() { return cs.get(); }
 };
 
+// Runs `call`, which must end the tool with status 1 and `err` on the
+// session's standard error.
+template <typename F>
+void expect_fatal(test::captured_session& cs, F call, const std::string& err) {
+  try {
+    call();
+    ADD_FAILURE() << "returned; expected " << err;
+  } catch (const fatal_exit& e) {
+    EXPECT_EQ(e.status, 1);
+  }
+  EXPECT_EQ(cs.err(), err);
+}
+
 // `n` sectors, sector i filled with the byte i.
 std::vector<std::uint8_t> numbered_sectors(int n) {
   std::vector<std::uint8_t> b;
@@ -148,13 +161,8 @@ TEST(DriverTest, TheImageIsReadOnly) {
   test::write_file(img, data);
   device_fixture f(img);
   std::vector<std::uint8_t> buf(512, 0xEE);
-  try {
-    privutil_write(&f.priv, buf.data(), 1, 1, PRI_IO_PRIVATE);
-    ADD_FAILURE() << "a write reached the image";
-  } catch (const fatal_exit& e) {
-    EXPECT_EQ(e.status, 1);
-  }
-  EXPECT_EQ(f.cs.err(), "nt_write_dev WriteFile privdiag: Cannot write data\n");
+  expect_fatal(f.cs, [&] { privutil_write(&f.priv, buf.data(), 1, 1, PRI_IO_PRIVATE); },
+               "nt_write_dev WriteFile privdiag: Cannot write data\n");
   EXPECT_EQ(test::read_file(img), data);
 }
 
@@ -222,13 +230,8 @@ TEST(DriverTest, ADirectoryOpensButCannotBeRead) {
   device_fixture f(dir);
   ASSERT_NE(f.s().priv_fd, nullptr);
   std::uint8_t buf[512];
-  try {
-    privutil_read(&f.priv, buf, 0, 1, PRI_IO_PRIVATE);
-    ADD_FAILURE() << "read a directory";
-  } catch (const fatal_exit& e) {
-    EXPECT_EQ(e.status, 1);
-  }
-  EXPECT_EQ(f.cs.err(), "nt_read_dev ReadFile privdiag: Cannot read data\n");
+  expect_fatal(f.cs, [&] { privutil_read(&f.priv, buf, 0, 1, PRI_IO_PRIVATE); },
+               "nt_read_dev ReadFile privdiag: Cannot read data\n");
 }
 
 TEST(DriverTest, FileLayerEdges) {
@@ -242,13 +245,8 @@ TEST(DriverTest, FileLayerEdges) {
   EXPECT_EQ(std::ftell(f.s().priv_fd), 100);
   for (int whence : {3, -1}) {
     test::captured_session cs;
-    try {
-      nt_seek_dev(cs.get(), f.s().priv_fd, 0, whence);
-      ADD_FAILURE() << whence;
-    } catch (const fatal_exit& e) {
-      EXPECT_EQ(e.status, 1);
-    }
-    EXPECT_EQ(cs.err(), "privdiag: nt_seek_dev: whence=" + std::to_string(whence) + " not valid\n");
+    expect_fatal(cs, [&] { nt_seek_dev(cs.get(), f.s().priv_fd, 0, whence); },
+                 "privdiag: nt_seek_dev: whence=" + std::to_string(whence) + " not valid\n");
   }
 }
 
