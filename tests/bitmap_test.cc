@@ -71,42 +71,39 @@ TEST(BitmapTest, CountClearBothWays) {
   EXPECT_EQ(bmap_count_clear_reverse(m.get(), 4, 5), 0);
 }
 
-TEST(BitmapTest, ForwardSearchesTestTheWholeLastWord) {
+// Searches test the whole last word of a map above 32 bits, stop at nbits
+// in a map of one word, skip whole words and honour the start.
+TEST(BitmapTest, ForwardSearches) {
   auto m = make(40);
   bmap_set_range(m.get(), 0, 40);
   EXPECT_EQ(bmap_find_clear(m.get(), 40), 40);  // beyond nbits, inside the last word
   bmap_set_range(m.get(), 40, 24);               // now both words are full
   EXPECT_EQ(bmap_find_clear(m.get(), 40), -1);   // and word 2 is never read
   EXPECT_EQ(bmap_find_clear_from(m.get(), 40, 1000), -1);
-
   auto z = make(40);
   bmap_set(z.get(), 45);  // a bit past nbits in the last word
   EXPECT_EQ(bmap_find_set(z.get(), 40), 45);
   EXPECT_EQ(bmap_find_set_from(z.get(), 40, 46), -1);
-}
 
-TEST(BitmapTest, SmallMapsStopAtNbits) {
-  auto m = make(10);
-  bmap_set_range(m.get(), 0, 10);
-  EXPECT_EQ(bmap_find_clear(m.get(), 10), -1);
-  bmap_set(m.get(), 20);
-  EXPECT_EQ(bmap_find_set_from(m.get(), 10, 10), -1);
-  EXPECT_EQ(bmap_find_set_from(m.get(), 10, 3), 3);
-  bmap_clear(m.get(), 7);
-  EXPECT_EQ(bmap_find_clear_from(m.get(), 10, 2), 7);
-}
+  auto small = make(10);
+  bmap_set_range(small.get(), 0, 10);
+  EXPECT_EQ(bmap_find_clear(small.get(), 10), -1);
+  bmap_set(small.get(), 20);
+  EXPECT_EQ(bmap_find_set_from(small.get(), 10, 10), -1);
+  EXPECT_EQ(bmap_find_set_from(small.get(), 10, 3), 3);
+  bmap_clear(small.get(), 7);
+  EXPECT_EQ(bmap_find_clear_from(small.get(), 10, 2), 7);
 
-TEST(BitmapTest, FindFromSkipsWholeWordsAndHonoursTheStart) {
-  auto m = make(200);
-  bmap_set(m.get(), 3);
-  bmap_set(m.get(), 130);
-  EXPECT_EQ(bmap_find_set(m.get(), 200), 3);
-  EXPECT_EQ(bmap_find_set_from(m.get(), 200, 4), 130);
-  EXPECT_EQ(bmap_find_set_from(m.get(), 200, 131), -1);
-  bmap_set_range(m.get(), 0, 200);
-  bmap_clear(m.get(), 150);
-  EXPECT_EQ(bmap_find_clear_from(m.get(), 200, 100), 150);
-  EXPECT_EQ(bmap_find_clear(m.get(), 200), 150);
+  auto big = make(200);
+  bmap_set(big.get(), 3);
+  bmap_set(big.get(), 130);
+  EXPECT_EQ(bmap_find_set(big.get(), 200), 3);
+  EXPECT_EQ(bmap_find_set_from(big.get(), 200, 4), 130);
+  EXPECT_EQ(bmap_find_set_from(big.get(), 200, 131), -1);
+  bmap_set_range(big.get(), 0, 200);
+  bmap_clear(big.get(), 150);
+  EXPECT_EQ(bmap_find_clear_from(big.get(), 200, 100), 150);
+  EXPECT_EQ(bmap_find_clear(big.get(), 200), 150);
 }
 
 TEST(BitmapTest, ReverseSearches) {

@@ -92,32 +92,37 @@ std::pair<int, std::size_t> feed(dbase* db, bytes& image, std::size_t piece = 51
   return {0, i};
 }
 
-TEST(BlockStoreTest, FragmentArithmeticAtTheBlockBoundary) {
+// An owner, a copy of 16 blocks and a store fed by them.
+struct store_case {
   owner o;
-  copy_image img(o.nblocks);
+  copy_image img{16};
+  store_ptr db = make_store(o);
+  std::pair<int, std::size_t> feed_all() { return feed(db.get(), img.data()); }
+  const db_block& block(unsigned long n) { return ddb_block(db.get(), n); }
+  db_record* find(unsigned long ref) { return dbr_find(db.get(), ref); }
+};
+
+TEST(BlockStoreTest, FragmentArithmeticAtTheBlockBoundary) {
+  store_case t;
   bytes one = pattern(488, 3);
   bytes two = pattern(489, 5);
-  EXPECT_EQ(img.put_record(1, 7, 0, 0x31, one), 1u);
-  EXPECT_EQ(img.put_record(2, 8, 0, 0x31, two), 2u);
-  store_ptr db = make_store(o);
-  ASSERT_EQ(feed(db.get(), img.data()).first, 0);
-  EXPECT_EQ(ddb_extract_done(db.get()), 0);
-
-  db_record* r7 = dbr_find(db.get(), 7);
-  ASSERT_NE(r7, nullptr);
-  EXPECT_EQ(r7->dbr_gen_flag, DBR_COMPLETE);
-  EXPECT_EQ(ddb_block(db.get(), 1).dbb_frag_size, 488);
-  db_record* r8 = dbr_find(db.get(), 8);
-  ASSERT_NE(r8, nullptr);
-  EXPECT_EQ(r8->dbr_first_blkno, 2u);
-  EXPECT_EQ(ddb_block(db.get(), 2).dbb_next_blkno, 3u);
-  EXPECT_EQ(ddb_block(db.get(), 2).dbb_frag_size, 488);
-  EXPECT_EQ(ddb_block(db.get(), 3).dbb_offset, 488u);
-  EXPECT_EQ(ddb_block(db.get(), 3).dbb_frag_size, 1);
-  EXPECT_EQ(ddb_block(db.get(), 3).dbb_next_blkno, DDB_NOBLOCK);
-  EXPECT_EQ(o.bodies[7], one);
-  EXPECT_EQ(o.bodies[8], two);
-  EXPECT_EQ(db->ddb_freeblks, 15u - 3u);
+  EXPECT_EQ(t.img.put_record(1, 7, 0, 0x31, one), 1u);
+  EXPECT_EQ(t.img.put_record(2, 8, 0, 0x31, two), 2u);
+  ASSERT_EQ(t.feed_all().first, 0);
+  EXPECT_EQ(ddb_extract_done(t.db.get()), 0);
+  ASSERT_NE(t.find(7), nullptr);
+  EXPECT_EQ(t.find(7)->dbr_gen_flag, DBR_COMPLETE);
+  EXPECT_EQ(t.block(1).dbb_frag_size, 488);
+  ASSERT_NE(t.find(8), nullptr);
+  EXPECT_EQ(t.find(8)->dbr_first_blkno, 2u);
+  EXPECT_EQ(t.block(2).dbb_next_blkno, 3u);
+  EXPECT_EQ(t.block(2).dbb_frag_size, 488);
+  EXPECT_EQ(t.block(3).dbb_offset, 488u);
+  EXPECT_EQ(t.block(3).dbb_frag_size, 1);
+  EXPECT_EQ(t.block(3).dbb_next_blkno, DDB_NOBLOCK);
+  EXPECT_EQ(t.o.bodies[7], one);
+  EXPECT_EQ(t.o.bodies[8], two);
+  EXPECT_EQ(t.db->ddb_freeblks, 15u - 3u);
 }
 
 TEST(BlockStoreTest, CompactFramingKeepsThePayloadArithmetic) {
@@ -132,182 +137,158 @@ TEST(BlockStoreTest, CompactFramingKeepsThePayloadArithmetic) {
   EXPECT_EQ(o.bodies[4], body);
   EXPECT_EQ(ddb_block(db.get(), 2).dbb_offset, 488u);
   // A standard "VBLK" block is not a compact block.
-  copy_image std_img(o.nblocks);
-  owner o2;
-  store_ptr db2 = make_store(o2);
-  db2->ddb_flag |= DDB_COMPACT;
-  EXPECT_EQ(feed(db2.get(), std_img.data()), std::make_pair(int{VE_BAD_MAGIC}, std::size_t{1}));
+  store_case std_img;
+  std_img.db->ddb_flag |= DDB_COMPACT;
+  EXPECT_EQ(std_img.feed_all(), std::make_pair(int{VE_BAD_MAGIC}, std::size_t{1}));
 }
 
-TEST(BlockStoreTest, FramingFaultsMarkTheBlock) {
+// Faults that stop the feed at block 3: the error, the block's mark and the
+// flags of record 6 (0: no record).
+TEST(BlockStoreTest, FaultsThatStopTheFeed) {
   struct fault {
     const char* what;
     void (*damage)(copy_image&);
     int err;
     std::uint16_t flag;
+    unsigned rec_flags;
   };
   const fault faults[] = {
-      {"magic", [](copy_image& i) { i.block(3)[0] = 'X'; }, VE_BAD_MAGIC, DBB_BAD},
-      {"block number", [](copy_image& i) { put_be32(i.block(3) + 4, 4); }, VE_BAD_BLOCKNO,
-       DBB_BAD},
-      {"fragment count", [](copy_image& i) { i.put_record(3, 9, 0, 0x31, pattern(20), 2); },
-       VE_DB_FORMAT, DBB_BAD},
+      {"magic", [](copy_image& i) { i.block(3)[0] = 'X'; }, VE_BAD_MAGIC, DBB_BAD, 0},
+      {"block number", [](copy_image& i) { put_be32(i.block(3) + 4, 4); }, VE_BAD_BLOCKNO, DBB_BAD, 0},
+      {"fragment count", [](copy_image& i) { i.put_record(3, 9, 0, 0x31, pattern(20), 2); }, VE_DB_FORMAT,
+       DBB_BAD, 0},
+      // record 6 fills blocks 1..3; block 3 repeats its fragment 1
+      {"overlap",
+       [](copy_image& i) {
+         i.put_record(1, 6, 0, 0x31, pattern(1200));
+         std::memcpy(i.block(3), i.block(2), 512);
+         put_be32(i.block(3) + 4, 3);
+       },
+       VE_DB_FORMAT, DBB_BAD, DBR_FORMAT_ERROR},
+      // record 6 is complete in blocks 1..2; block 3 carries a third fragment
+      {"after completion",
+       [](copy_image& i) {
+         i.put_record(1, 6, 0, 0x31, pattern(600));
+         i.set_block(3, 3, 6, 2, 2);
+       },
+       VE_DB_FORMAT, DBB_BAD, DBR_COMPLETE | DBR_FORMAT_ERROR},
   };
   for (const fault& f : faults) {
     SCOPED_TRACE(f.what);
-    owner o;
-    copy_image img(o.nblocks);
-    f.damage(img);
-    store_ptr db = make_store(o);
-    EXPECT_EQ(feed(db.get(), img.data()), std::make_pair(f.err, std::size_t{3}));
-    EXPECT_EQ(ddb_block(db.get(), 3).dbb_flag, f.flag);
-    EXPECT_EQ(ddb_block(db.get(), 3).dbb_record, nullptr);
-    EXPECT_EQ(dbr_find(db.get(), 9), nullptr);
+    store_case t;
+    f.damage(t.img);
+    EXPECT_EQ(t.feed_all(), std::make_pair(f.err, std::size_t{3}));
+    EXPECT_EQ(t.block(3).dbb_flag, f.flag);
+    EXPECT_EQ(t.find(9), nullptr);
+    if (f.rec_flags == 0) {
+      EXPECT_EQ(t.block(3).dbb_record, nullptr);
+      EXPECT_EQ(t.find(6), nullptr);
+    } else {
+      ASSERT_NE(t.find(6), nullptr);
+      EXPECT_EQ(t.find(6)->dbr_gen_flag, f.rec_flags);
+    }
   }
-}
-
-TEST(BlockStoreTest, DuplicateFirstFragmentMarksTheFirstRecord) {
-  owner o;
-  copy_image img(o.nblocks);
-  img.put_record(1, 5, 0, 0x31, pattern(30));
-  img.put_record(2, 5, 0, 0x31, pattern(40));
-  store_ptr db = make_store(o);
-  EXPECT_EQ(feed(db.get(), img.data()), std::make_pair(int{VE_DB_FORMAT}, std::size_t{2}));
-  db_record* r = dbr_find(db.get(), 5);
-  ASSERT_NE(r, nullptr);
-  EXPECT_EQ(r->dbr_gen_flag, DBR_COMPLETE | DBR_FORMAT_ERROR | DBR_DUPLICATE);
-  EXPECT_EQ(ddb_block(db.get(), 2).dbb_record, r);
-  EXPECT_EQ(r->dbr_size, 30u);
+  // A second first fragment marks the first record and stops at its block.
+  store_case t;
+  t.img.put_record(1, 5, 0, 0x31, pattern(30));
+  t.img.put_record(2, 5, 0, 0x31, pattern(40));
+  EXPECT_EQ(t.feed_all(), std::make_pair(int{VE_DB_FORMAT}, std::size_t{2}));
+  ASSERT_NE(t.find(5), nullptr);
+  EXPECT_EQ(t.find(5)->dbr_gen_flag, DBR_COMPLETE | DBR_FORMAT_ERROR | DBR_DUPLICATE);
+  EXPECT_EQ(t.block(2).dbb_record, t.find(5));
+  EXPECT_EQ(t.find(5)->dbr_size, 30u);
 }
 
 TEST(BlockStoreTest, ContinuationWithoutFirstBlockIsAPlaceholder) {
-  owner o;
-  copy_image img(o.nblocks);
-  img.put_record(1, 6, 0, 0x31, pattern(1000));  // blocks 1..3
-  img.set_block(1, 1, 0, 0, 0);                  // the first fragment is lost
-  img.put_record(4, 2, 0, 0x31, pattern(10));
-  store_ptr db = make_store(o);
-  ASSERT_EQ(feed(db.get(), img.data()).first, 0);
-  EXPECT_EQ(dbr_find(db.get(), 6), nullptr);
-  const db_block& b2 = ddb_block(db.get(), 2);
+  store_case t;
+  t.img.put_record(1, 6, 0, 0x31, pattern(1000));  // blocks 1..3
+  t.img.set_block(1, 1, 0, 0, 0);                  // the first fragment is lost
+  t.img.put_record(4, 2, 0, 0x31, pattern(10));
+  ASSERT_EQ(t.feed_all().first, 0);
+  EXPECT_EQ(t.find(6), nullptr);
+  const db_block& b2 = t.block(2);
   ASSERT_NE(b2.dbb_record, nullptr);
   EXPECT_EQ(b2.dbb_record->dbr_gen_flag, DBR_INCOMPLETE);
   EXPECT_EQ(b2.dbb_record->dbr_first_blkno, DDB_NOBLOCK);
   EXPECT_EQ(b2.dbb_flag, DBB_INCOMPLETE);
-  EXPECT_NE(ddb_block(db.get(), 3).dbb_record, b2.dbb_record);  // one per block
-  EXPECT_TRUE(db->ddb_flag & DDB_INCOMPLETE);
-  EXPECT_EQ(o.bodies.count(6), 0u);
+  EXPECT_NE(t.block(3).dbb_record, b2.dbb_record);  // one per block
+  EXPECT_TRUE(t.db->ddb_flag & DDB_INCOMPLETE);
+  EXPECT_EQ(t.o.bodies.count(6), 0u);
 
-  EXPECT_EQ(ddb_extract_done(db.get()), 1);
-  EXPECT_EQ(db->ddb_freeblks, 15u - 3u);
-  ddb_extract_recover(db.get());
-  EXPECT_EQ(db->ddb_freeblks, 15u - 1u);
-  EXPECT_EQ(ddb_block(db.get(), 2).dbb_record, nullptr);
+  EXPECT_EQ(ddb_extract_done(t.db.get()), 1);
+  EXPECT_EQ(t.db->ddb_freeblks, 15u - 3u);
+  ddb_extract_recover(t.db.get());
+  EXPECT_EQ(t.db->ddb_freeblks, 15u - 1u);
+  EXPECT_EQ(t.block(2).dbb_record, nullptr);
   // Recovery adds the write mark to what the block carried.
-  EXPECT_EQ(ddb_block(db.get(), 2).dbb_flag, DBB_INCOMPLETE | DBB_WRITE);
-  EXPECT_EQ(ddb_block(db.get(), 3).dbb_flag, DBB_INCOMPLETE | DBB_WRITE);
-  EXPECT_EQ(ddb_block(db.get(), 2).dbb_frag_size, 0);
-  EXPECT_NE(dbr_find(db.get(), 2), nullptr);  // the good record stays
-  EXPECT_EQ(ddb_block(db.get(), 4).dbb_flag, 0);
+  EXPECT_EQ(t.block(2).dbb_flag, DBB_INCOMPLETE | DBB_WRITE);
+  EXPECT_EQ(t.block(3).dbb_flag, DBB_INCOMPLETE | DBB_WRITE);
+  EXPECT_EQ(t.block(2).dbb_frag_size, 0);
+  EXPECT_NE(t.find(2), nullptr);  // the good record stays
+  EXPECT_EQ(t.block(4).dbb_flag, 0);
 }
 
 TEST(BlockStoreTest, MissingFragmentLeavesTheRecordIncomplete) {
-  owner o;
-  copy_image img(o.nblocks);
-  img.put_record(1, 6, 0, 0x31, pattern(1200));  // blocks 1..3
-  img.set_block(2, 2, 0, 0, 0);
-  store_ptr db = make_store(o);
-  ASSERT_EQ(feed(db.get(), img.data()).first, 0);
-  db_record* r = dbr_find(db.get(), 6);
+  store_case t;
+  t.img.put_record(1, 6, 0, 0x31, pattern(1200));  // blocks 1..3
+  t.img.set_block(2, 2, 0, 0, 0);
+  ASSERT_EQ(t.feed_all().first, 0);
+  db_record* r = t.find(6);
   ASSERT_NE(r, nullptr);
   EXPECT_EQ(r->dbr_gen_flag, DBR_INCOMPLETE);
   EXPECT_EQ(r->dbr_first_blkno, DDB_NOBLOCK);
-  EXPECT_EQ(ddb_block(db.get(), 3).dbb_flag, DBB_INCOMPLETE);
-  EXPECT_EQ(ddb_block(db.get(), 1).dbb_next_blkno, DDB_NOBLOCK);
-  EXPECT_EQ(ddb_extract_done(db.get()), 1);
-  ddb_extract_recover(db.get());
-  EXPECT_EQ(dbr_find(db.get(), 6), nullptr);
-  EXPECT_EQ(db->ddb_freeblks, 15u);
+  EXPECT_EQ(t.block(3).dbb_flag, DBB_INCOMPLETE);
+  EXPECT_EQ(t.block(1).dbb_next_blkno, DDB_NOBLOCK);
+  EXPECT_EQ(ddb_extract_done(t.db.get()), 1);
+  ddb_extract_recover(t.db.get());
+  EXPECT_EQ(t.find(6), nullptr);
+  EXPECT_EQ(t.db->ddb_freeblks, 15u);
   dbrec_iter it;
-  dbrlist_iter(&it, db.get());
+  dbrlist_iter(&it, t.db.get());
   EXPECT_EQ(dbrlist_next(&it), nullptr);
 }
 
-TEST(BlockStoreTest, OverlapAndFragmentsAfterCompletionAreErrors) {
-  {
-    owner o;
-    copy_image img(o.nblocks);
-    bytes body = pattern(1200);
-    img.put_record(1, 6, 0, 0x31, body);  // blocks 1..3
-    img.put_record(1, 6, 0, 0x31, body);
-    // Block 3 repeats fragment 1.
-    std::memcpy(img.block(3), img.block(2), 512);
-    put_be32(img.block(3) + 4, 3);
-    store_ptr db = make_store(o);
-    EXPECT_EQ(feed(db.get(), img.data()), std::make_pair(int{VE_DB_FORMAT}, std::size_t{3}));
-    db_record* r = dbr_find(db.get(), 6);
-    EXPECT_EQ(r->dbr_gen_flag, DBR_FORMAT_ERROR);
-    EXPECT_EQ(ddb_block(db.get(), 3).dbb_flag, DBB_BAD);
-  }
-  {
-    owner o;
-    copy_image img(o.nblocks);
-    img.put_record(1, 6, 0, 0x31, pattern(600));  // blocks 1..2
-    std::memcpy(img.block(3), img.block(2), 512);
-    put_be32(img.block(3) + 4, 3);
-    store_ptr db = make_store(o);
-    EXPECT_EQ(feed(db.get(), img.data()), std::make_pair(int{VE_DB_FORMAT}, std::size_t{3}));
-    EXPECT_EQ(dbr_find(db.get(), 6)->dbr_gen_flag, DBR_COMPLETE | DBR_FORMAT_ERROR);
-  }
-}
-
 TEST(BlockStoreTest, PiecesMustHoldWholeBlocks) {
-  owner o;
-  copy_image img(o.nblocks);
-  store_ptr db = make_store(o);
-  ASSERT_EQ(ddb_extract(db.get(), img.data().data(), 0, 512), 0);
-  EXPECT_EQ(ddb_extract(db.get(), img.block(1), 512, 300), VE_SHORT_READ);
+  store_case t;
+  ASSERT_EQ(ddb_extract(t.db.get(), t.img.data().data(), 0, 512), 0);
+  EXPECT_EQ(ddb_extract(t.db.get(), t.img.block(1), 512, 300), VE_SHORT_READ);
   // Surplus input past the last block is ignored.
   owner o2;
   o2.nblocks = 2;
   store_ptr db2 = make_store(o2);
-  EXPECT_EQ(ddb_extract(db2.get(), img.data().data(), 0, img.data().size()), 0);
+  EXPECT_EQ(ddb_extract(db2.get(), t.img.data().data(), 0, t.img.data().size()), 0);
 }
 
 TEST(BlockStoreTest, CallbackErrorsUndoTheNewRecord) {
-  owner o;
-  o.init_result = 77;
-  copy_image img(o.nblocks);
-  img.put_record(1, 5, 0, 0x31, pattern(30));
-  store_ptr db = make_store(o);
-  EXPECT_EQ(feed(db.get(), img.data()), std::make_pair(77, std::size_t{1}));
-  EXPECT_EQ(dbr_find(db.get(), 5), nullptr);
-  EXPECT_EQ(ddb_block(db.get(), 1).dbb_flag, DBB_BAD);
-  EXPECT_EQ(ddb_block(db.get(), 1).dbb_record, nullptr);
+  store_case t;
+  t.o.init_result = 77;
+  t.img.put_record(1, 5, 0, 0x31, pattern(30));
+  EXPECT_EQ(t.feed_all(), std::make_pair(77, std::size_t{1}));
+  EXPECT_EQ(t.find(5), nullptr);
+  EXPECT_EQ(t.block(1).dbb_flag, DBB_BAD);
+  EXPECT_EQ(t.block(1).dbb_record, nullptr);
 
   owner o2;
   o2.unformat_result = 78;
   store_ptr db2 = make_store(o2);
-  EXPECT_EQ(feed(db2.get(), img.data()), std::make_pair(78, std::size_t{1}));
+  EXPECT_EQ(feed(db2.get(), t.img.data()), std::make_pair(78, std::size_t{1}));
   EXPECT_EQ(dbr_find(db2.get(), 5), nullptr);
 }
 
 TEST(BlockStoreTest, RefusedRecordsAreKeptWithoutContents) {
-  owner o;
-  o.refuse = true;
-  copy_image img(o.nblocks);
-  img.put_record(1, 5, 0, 0x31, pattern(30));
-  img.put_record(2, 6, 0, 0x31, pattern(700));
-  store_ptr db = make_store(o);
-  ASSERT_EQ(feed(db.get(), img.data()).first, 0);
-  EXPECT_TRUE(o.calls.empty());
-  EXPECT_EQ(ddb_extract_done(db.get()), 1);
-  EXPECT_EQ(db->ddb_flag & (DDB_REFUSED | DDB_INCOMPLETE), DDB_REFUSED | DDB_INCOMPLETE);
-  EXPECT_EQ(dbr_find(db.get(), 5)->dbr_gen_flag, DBR_COMPLETE | DBR_REFUSED);
-  ddb_extract_recover(db.get());
-  EXPECT_EQ(dbr_find(db.get(), 5), nullptr);
-  EXPECT_EQ(dbr_find(db.get(), 6), nullptr);
-  EXPECT_EQ(db->ddb_freeblks, 15u);
+  store_case t;
+  t.o.refuse = true;
+  t.img.put_record(1, 5, 0, 0x31, pattern(30));
+  t.img.put_record(2, 6, 0, 0x31, pattern(700));
+  ASSERT_EQ(t.feed_all().first, 0);
+  EXPECT_TRUE(t.o.calls.empty());
+  EXPECT_EQ(ddb_extract_done(t.db.get()), 1);
+  EXPECT_EQ(t.db->ddb_flag & (DDB_REFUSED | DDB_INCOMPLETE), DDB_REFUSED | DDB_INCOMPLETE);
+  EXPECT_EQ(t.find(5)->dbr_gen_flag, DBR_COMPLETE | DBR_REFUSED);
+  ddb_extract_recover(t.db.get());
+  EXPECT_EQ(t.find(5), nullptr);
+  EXPECT_EQ(t.find(6), nullptr);
+  EXPECT_EQ(t.db->ddb_freeblks, 15u);
 }
 
 TEST(BlockStoreTest, HashChainsAreOrderedAndIterationGoesByBucket) {
@@ -365,22 +346,20 @@ TEST(BlockStoreTest, HugeClaimedSizeCostsNothing) {
 }
 
 TEST(BlockStoreTest, SizingRules) {
-  owner o;
-  copy_image img(o.nblocks);
-  img.put_record(10, 3, 0, 0x31, pattern(100));
-  store_ptr db = make_store(o);
-  ASSERT_EQ(feed(db.get(), img.data()).first, 0);
-  EXPECT_EQ(ddb_setsize(db.get(), 10), VE_DB_FULL);
-  EXPECT_EQ(db->ddb_nblocks, 16u);
-  EXPECT_EQ(ddb_setsize(db.get(), 11), 0);
-  EXPECT_EQ(db->ddb_freeblks, 15u - 5u);
-  EXPECT_EQ(ddb_resize(db.get(), 20), 0);
-  EXPECT_EQ(db->ddb_alloclim, 20u);
-  EXPECT_EQ(ddb_block(db.get(), 9).dbb_flag, 0);
-  EXPECT_EQ(ddb_block(db.get(), 11).dbb_flag, DBB_WRITE);
-  EXPECT_EQ(ddb_block(db.get(), 19).dbb_flag, DBB_WRITE);
-  EXPECT_EQ(ddb_block(db.get(), 10).dbb_record->dbr_ref, 3u);
-  EXPECT_EQ(ddb_setsize(db.get(), 20), 0);  // no-op
+  store_case t;
+  t.img.put_record(10, 3, 0, 0x31, pattern(100));
+  ASSERT_EQ(t.feed_all().first, 0);
+  EXPECT_EQ(ddb_setsize(t.db.get(), 10), VE_DB_FULL);
+  EXPECT_EQ(t.db->ddb_nblocks, 16u);
+  EXPECT_EQ(ddb_setsize(t.db.get(), 11), 0);
+  EXPECT_EQ(t.db->ddb_freeblks, 15u - 5u);
+  EXPECT_EQ(ddb_resize(t.db.get(), 20), 0);
+  EXPECT_EQ(t.db->ddb_alloclim, 20u);
+  EXPECT_EQ(t.block(9).dbb_flag, 0);
+  EXPECT_EQ(t.block(11).dbb_flag, DBB_WRITE);
+  EXPECT_EQ(t.block(19).dbb_flag, DBB_WRITE);
+  EXPECT_EQ(t.block(10).dbb_record->dbr_ref, 3u);
+  EXPECT_EQ(ddb_setsize(t.db.get(), 20), 0);  // no-op
 }
 
 TEST(BlockStoreTest, BlockSizesAtTheEdgeOfTheFraming) {

@@ -29,36 +29,29 @@ test::process_result privdiag(const std::vector<std::string>& args) {
 
 std::string image_path(const std::string& name) { return test::temp_dir() + "/" + name; }
 
-TEST(DriverTest, ArgumentErrorsPrintUsageAndFail) {
+TEST(DriverTest, ArgumentAndOpenErrors) {
   const std::string img = image_path("args.img");
+  const std::string missing = image_path("no-such.img");
   test::write_file(img, std::vector<std::uint8_t>(4096, 0));
   struct {
     std::vector<std::string> args;
     std::string err;
+    std::string out;
   } cases[] = {
-      {{}, "privdiag: Incorrect usage\n"},
-      {{"512", img, "extra"}, "privdiag: Incorrect usage\n"},
-      {{"512", img, "a", "b"}, "privdiag: Incorrect usage\n"},
-      {{"1024", img}, "privdiag: Incorrect sector size\n"},
-      {{"abc", img}, "privdiag: Incorrect sector size\n"},
-      {{"0", img}, "privdiag: Incorrect sector size\n"},
+      {{}, "privdiag: Incorrect usage\n", usage_out},
+      {{"512", img, "extra"}, "privdiag: Incorrect usage\n", usage_out},
+      {{"512", img, "a", "b"}, "privdiag: Incorrect usage\n", usage_out},
+      {{"1024", img}, "privdiag: Incorrect sector size\n", usage_out},
+      {{"abc", img}, "privdiag: Incorrect sector size\n", usage_out},
+      {{"0", img}, "privdiag: Incorrect sector size\n", usage_out},
+      {{missing}, "Cannot open dump file " + missing + ".\n", ""},
+      {{"4096", missing}, "Cannot open dump file " + missing + ".\n", ""},
   };
   for (const auto& c : cases) {
     auto r = privdiag(c.args);
     EXPECT_EQ(r.status, 1) << c.err;
     EXPECT_EQ(r.err, c.err);
-    EXPECT_EQ(r.out, usage_out);
-  }
-}
-
-TEST(DriverTest, MissingFileCannotBeOpened) {
-  const std::string missing = image_path("no-such.img");
-  for (const auto& args : {std::vector<std::string>{missing},
-                           std::vector<std::string>{"4096", missing}}) {
-    auto r = privdiag(args);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "Cannot open dump file " + missing + ".\n");
-    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.out, c.out);
   }
   test::captured_session cs;
   std::string arg0 = "privdiag", arg1 = missing;
@@ -68,23 +61,19 @@ TEST(DriverTest, MissingFileCannotBeOpened) {
   EXPECT_EQ(cs.err(), "Cannot open dump file " + missing + ".\n");
 }
 
+// Sector size, region offset and length, primary, alternate and backup
+// header positions, flags: a partial last sector is not counted.
 TEST(DriverTest, DiskAttributesFromTheImageLength) {
-  disk_attrs d = derive_disk_attrs(1024 * 1024 + 100, 512);
-  EXPECT_EQ(d.dka_atomic_iosize, 512u);
-  EXPECT_EQ(d.dka_priv_offset, 0);
-  EXPECT_EQ(d.dka_priv_len, 2048);
-  EXPECT_EQ(d.dka_primary_header, 2047);
-  EXPECT_EQ(d.dka_alternate_header, 2048 - 192);
-  EXPECT_EQ(d.dka_nt_backup_header, 2047);
-  EXPECT_EQ(d.dka_flags, 0u);
-
-  d = derive_disk_attrs(1024 * 1024 + 4095, 4096);
-  EXPECT_EQ(d.dka_atomic_iosize, 4096u);
-  EXPECT_EQ(d.dka_priv_len, 256);
-  EXPECT_EQ(d.dka_primary_header, 255);
-  EXPECT_EQ(d.dka_alternate_header, 256 - 24);
-  EXPECT_EQ(d.dka_nt_backup_header, 255);
-
+  auto text = [](const disk_attrs& d) {
+    char b[128];
+    std::snprintf(b, sizeof b, "%zu %lld %lld %lld %lld %lld %lu", d.dka_atomic_iosize,
+                  static_cast<long long>(d.dka_priv_offset), static_cast<long long>(d.dka_priv_len),
+                  static_cast<long long>(d.dka_primary_header), static_cast<long long>(d.dka_alternate_header),
+                  static_cast<long long>(d.dka_nt_backup_header), static_cast<unsigned long>(d.dka_flags));
+    return std::string(b);
+  };
+  EXPECT_EQ(text(derive_disk_attrs(1024 * 1024 + 100, 512)), "512 0 2048 2047 1856 2047 0");
+  EXPECT_EQ(text(derive_disk_attrs(1024 * 1024 + 4095, 4096)), "4096 0 256 255 232 255 0");
 }
 
 // A session with the image open the way the driver opens it, and a handle
@@ -106,6 +95,19 @@ struct device_fixture {
   session& s() { return cs.get(); }
 };
 
+// Runs `call`, which must end the tool with status 1 and `err` on the
+// session's standard error.
+template <typename F>
+void expect_fatal(test::captured_session& cs, F call, const std::string& err) {
+  try {
+    call();
+    ADD_FAILURE() << "returned; expected " << err;
+  } catch (const fatal_exit& e) {
+    EXPECT_EQ(e.status, 1);
+  }
+  EXPECT_EQ(cs.err(), err);
+}
+
 // `n` sectors, sector i filled with the byte i.
 std::vector<std::uint8_t> numbered_sectors(int n) {
   std::vector<std::uint8_t> b;
@@ -113,18 +115,12 @@ std::vector<std::uint8_t> numbered_sectors(int n) {
   return b;
 }
 
-TEST(DriverTest, ImageLengthIsMeasuredAndTheStreamRewound) {
-  const std::string img = image_path("measure.img");
-  test::write_file(img, numbered_sectors(3));
-  device_fixture f(img);
-  EXPECT_EQ(dump_file_size(f.s().priv_fd), 1536u);
-  EXPECT_EQ(std::ftell(f.s().priv_fd), 0);
-}
-
 TEST(DriverTest, RelativeRequestsAddTheRegionOffsetAbsoluteOnesDoNot) {
   const std::string img = image_path("offsets.img");
   test::write_file(img, numbered_sectors(8));
   device_fixture f(img, 2);
+  EXPECT_EQ(dump_file_size(f.s().priv_fd), 8u * 512);  // measured, then rewound
+  EXPECT_EQ(std::ftell(f.s().priv_fd), 0);
   std::uint8_t buf[1024];
   ASSERT_EQ(privutil_read(&f.priv, buf, 1, 2, PRI_IO_PRIVATE), 0);
   EXPECT_EQ(buf[0], 3);
@@ -162,25 +158,30 @@ TEST(DriverTest, TheImageIsReadOnly) {
   test::write_file(img, data);
   device_fixture f(img);
   std::vector<std::uint8_t> buf(512, 0xEE);
-  try {
-    privutil_write(&f.priv, buf.data(), 1, 1, PRI_IO_PRIVATE);
-    ADD_FAILURE() << "a write reached the image";
-  } catch (const fatal_exit& e) {
-    EXPECT_EQ(e.status, 1);
-  }
-  EXPECT_EQ(f.cs.err(), "nt_write_dev WriteFile privdiag: Cannot write data\n");
+  expect_fatal(f.cs, [&] { privutil_write(&f.priv, buf.data(), 1, 1, PRI_IO_PRIVATE); },
+               "nt_write_dev WriteFile privdiag: Cannot write data\n");
   EXPECT_EQ(test::read_file(img), data);
 }
 
-// The image is taken to end where the region ends: on an image shorter than
-// the alternate header's distance from the end (192 sectors of 512 bytes, 24
-// of 4096) the alternate lies before the start, and reading it ends the tool
-// at the seek. A damaged primary is searched for first and never gets there.
-TEST(DriverTest, ImagesShorterThanTheAlternateDistance) {
+// Every path on which privdiag stops with status 1 and nothing on standard
+// output, through the real binary. The image is taken to end where the
+// region ends: on an image shorter than the alternate header's distance from
+// the end (192 sectors of 512 bytes, 24 of 4096) the alternate lies before
+// the start, and reading it ends the tool at the seek; a damaged primary is
+// searched for first and never gets there. A search candidate of another
+// geometry is still read one searched-size sector at a time; an offset that
+// leaves 64 bits is a failed seek.
+TEST(DriverTest, FatalPathsThroughTheBinary) {
+  const std::string disk = "disk sector-size=512 sectors=2048\n";
+  const std::string cfg = disk + "region config copy=1 offset=17 len=800\n";
   const std::string seek_failed = "nt_seek_dev SetFilePointer privdiag: Cannot seek to offset 0\n";
+  const std::string scan = "qztool:priv: ERROR: scan operation failed:\n\t";
+  const std::string join = "qztool:priv: ERROR: join operation failed:\n\t";
+  const std::string format = "Format error in disk private region\n";
+  const std::string invalid = "Disk private region contents are invalid\n";
   struct {
     std::string desc;  // empty: an empty image
-    std::string size;
+    std::string size;  // empty: not given
     std::string err;
   } cases[] = {
       {"", "512", seek_failed},
@@ -188,16 +189,35 @@ TEST(DriverTest, ImagesShorterThanTheAlternateDistance) {
       {"disk sector-size=512 sectors=191\nheader alternate=50\nhdrcopy primary\n", "512", seek_failed},
       {"disk sector-size=4096 sectors=23\nheader alternate=10\nhdrcopy primary\n", "4096", seek_failed},
       {"disk sector-size=512 sectors=100\nheader alternate=50\nhdrcopy primary damage=magic\n", "512",
-       "qztool:priv: ERROR: scan operation failed:\n\tFormat error in disk private region\n"},
+       scan + format},
+      {disk + "hdrcopy alternate\n", "512", scan + format},
+      {disk + "hdrcopy primary version=9.0\nhdrcopy alternate\n", "512",
+       scan + "Disk private region version not supported\n"},
+      {disk + "hdrcopy primary priv-len=0\n", "512", scan + invalid},
+      {disk + "hdrcopy 64 alternate=64\n", "512", join + invalid},
+      {"disk sector-size=4096 sectors=300\nhdrcopy 1 alternate=1\n", "4096", scan + format},
+      {disk + "tocblock at=1 alt=2046 damage=checksum\n", "512", join + format},
+      {disk + "region config offset=17 len=10\nregion log offset=20 len=10\n", "512", join + invalid},
+      {disk + "region config offset=17 len=10\nregion config offset=30 len=10 part-offset=11\n", "512",
+       join + format},
+      // search candidates of another geometry behind a damaged primary
+      {cfg + "hdrcopy primary damage=magic\nhdrcopy 8 alternate=9 iosize=65536\n", "", scan + format},
+      {cfg + "hdrcopy primary damage=magic\nhdrcopy 8 alternate=8 iosize=65536 diskid=.bad\n", "",
+       scan + format},
+      {cfg + "hdrcopy primary damage=magic\nhdrcopy 8 alternate=9 iosize=65536\nhdrcopy 64 alternate=64\n",
+       "", join + invalid},
+      {cfg + "hdrcopy primary damage=magic\nhdrcopy 8 alternate=9 priv-offset=0x7fffffffffffffff\n", "",
+       seek_failed},
   };
   int n = 0;
   for (const auto& c : cases) {
-    const std::string img = image_path("short" + std::to_string(n++) + ".img");
+    SCOPED_TRACE(c.desc);
+    const std::string img = image_path("fatal" + std::to_string(n++) + ".img");
     test::write_file(img, c.desc.empty() ? std::vector<std::uint8_t>{} : test::build(c.desc));
-    auto r = privdiag({c.size, img});
-    EXPECT_EQ(r.status, 1) << c.desc;
-    EXPECT_EQ(r.err, c.err) << c.desc;
-    EXPECT_EQ(r.out, "") << c.desc;
+    auto r = c.size.empty() ? privdiag({img}) : privdiag({c.size, img});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out, "");
   }
 }
 
@@ -207,13 +227,8 @@ TEST(DriverTest, ADirectoryOpensButCannotBeRead) {
   device_fixture f(dir);
   ASSERT_NE(f.s().priv_fd, nullptr);
   std::uint8_t buf[512];
-  try {
-    privutil_read(&f.priv, buf, 0, 1, PRI_IO_PRIVATE);
-    ADD_FAILURE() << "read a directory";
-  } catch (const fatal_exit& e) {
-    EXPECT_EQ(e.status, 1);
-  }
-  EXPECT_EQ(f.cs.err(), "nt_read_dev ReadFile privdiag: Cannot read data\n");
+  expect_fatal(f.cs, [&] { privutil_read(&f.priv, buf, 0, 1, PRI_IO_PRIVATE); },
+               "nt_read_dev ReadFile privdiag: Cannot read data\n");
 }
 
 TEST(DriverTest, FileLayerEdges) {
@@ -227,13 +242,8 @@ TEST(DriverTest, FileLayerEdges) {
   EXPECT_EQ(std::ftell(f.s().priv_fd), 100);
   for (int whence : {3, -1}) {
     test::captured_session cs;
-    try {
-      nt_seek_dev(cs.get(), f.s().priv_fd, 0, whence);
-      ADD_FAILURE() << whence;
-    } catch (const fatal_exit& e) {
-      EXPECT_EQ(e.status, 1);
-    }
-    EXPECT_EQ(cs.err(), "privdiag: nt_seek_dev: whence=" + std::to_string(whence) + " not valid\n");
+    expect_fatal(cs, [&] { nt_seek_dev(cs.get(), f.s().priv_fd, 0, whence); },
+                 "privdiag: nt_seek_dev: whence=" + std::to_string(whence) + " not valid\n");
   }
 }
 

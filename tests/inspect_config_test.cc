@@ -28,33 +28,25 @@ copy-content config copy=2 content=config begin
 end
 )";
 
-class InspectConfig : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    image = new std::string(build_to_file(two_copies_desc, "twocopies.img"));
-  }
-  static void TearDownTestSuite() {
-    delete image;
-    image = nullptr;
-  }
-  static std::string* image;
-};
-std::string* InspectConfig::image = nullptr;
+// Built once for the tests of this file.
+const std::string& two_copies() {
+  static const std::string path = build_to_file(two_copies_desc, "twocopies.img");
+  return path;
+}
 
-TEST_F(InspectConfig, TheFirstCopyPrintsWhatPrivdiagPrintsAfterTheTableOfContents) {
-  process_result diag = run_process({PD_PRIVDIAG_BIN, *image});
-  process_result r = inspect({"config", *image, "--copy", "1"});
+TEST(InspectConfig, TheFirstCopyPrintsWhatPrivdiagPrintsAfterTheTableOfContents) {
+  process_result diag = run_process({PD_PRIVDIAG_BIN, two_copies()});
+  process_result r = inspect({"config", two_copies(), "--copy", "1"});
   EXPECT_EQ(r.status, 0);
   ASSERT_EQ(diag.status, 0);
-  ASSERT_EQ(r.out.rfind("#Config copy 01\n\n========== Configuration Overview ========\n", 0), 0u)
-      << r.out;
+  ASSERT_EQ(r.out.rfind("#Config copy 01\n\n========== Configuration Overview ========\n", 0), 0u) << r.out;
   ASSERT_GT(diag.out.size(), r.out.size());
   EXPECT_EQ(diag.out.substr(diag.out.size() - r.out.size()), r.out);
   EXPECT_EQ(r.err, diag.err);
 }
 
-TEST_F(InspectConfig, ADisabledCopyByNumber) {
-  process_result r = inspect({"config", *image, "--copy", "2"});
+TEST(InspectConfig, ADisabledCopyByNumber) {
+  process_result r = inspect({"config", two_copies(), "--copy", "2"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out.rfind("#Config copy 02\n#NOTE: Copy is disabled\n\n"
                         "========== Configuration Overview ========\n\n"
@@ -66,23 +58,21 @@ TEST_F(InspectConfig, ADisabledCopyByNumber) {
   EXPECT_NE(r.out.find("#config: tid=0.190 "), std::string::npos);
 }
 
-TEST_F(InspectConfig, AMissingCopyAndAMissingNumber) {
-  process_result r = inspect({"config", *image, "--copy", "3"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, error_line("Disk does not have config copy 3\n"));
-  EXPECT_EQ(inspect({"config", *image}).status, 3);  // --copy is required
+TEST(InspectConfig, WholeResults) {
+  const std::string& image = two_copies();
+  expect_runs({
+      {{"config", image, "--copy", "3"}, 1, "", error_line("Disk does not have config copy 3\n")},
+      {{"check", image}, 0, "check: status 0: consistent\n", ""},
+      {{"check", "-q", image}, 0, "", ""},
+      {{"records", image, "--name", "nosuch"}, 1, "#0 of 5 record(s) of config copy 1 match\n", ""},
+  });
+  EXPECT_EQ(inspect({"config", image}).status, 3);  // --copy is required
+  EXPECT_EQ(inspect({"records", image, "--type", "volumes"}).status, 3);
+  EXPECT_EQ(inspect({"records", image, "--rid", "12"}).status, 3);
 }
 
-TEST_F(InspectConfig, CheckOfAConsistentCopy) {
-  process_result r = inspect({"check", *image});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "check: status 0: consistent\n");
-  EXPECT_EQ(inspect({"check", "-q", *image}).out, "");
-}
-
-TEST_F(InspectConfig, RecordsMatchEveryFilter) {
-  process_result diag = run_process({PD_PRIVDIAG_BIN, *image});
+TEST(InspectConfig, RecordsMatchEveryFilter) {
+  process_result diag = run_process({PD_PRIVDIAG_BIN, two_copies()});
   struct filter_case {
     std::vector<std::string> args;
     const char* frame;  // the first line of the one record expected
@@ -96,7 +86,7 @@ TEST_F(InspectConfig, RecordsMatchEveryFilter) {
       {{"--type", "5"}, " Group:    dg1 rid=0.1000"},
   };
   for (const filter_case& c : cases) {
-    std::vector<std::string> args = {"records", *image};
+    std::vector<std::string> args = {"records", two_copies()};
     args.insert(args.end(), c.args.begin(), c.args.end());
     process_result r = inspect(args);
     EXPECT_EQ(r.status, 0) << c.args[0];
@@ -110,18 +100,11 @@ TEST_F(InspectConfig, RecordsMatchEveryFilter) {
   }
 }
 
-TEST_F(InspectConfig, RecordsOfAnotherCopyAndNoMatch) {
-  process_result r =
-      inspect({"records", *image, "--copy", "2", "--type", "volume", "--type", "plex"});
+TEST(InspectConfig, RecordsOfAnotherCopy) {
+  process_result r = inspect({"records", two_copies(), "--copy", "2", "--type", "volume", "--type", "plex"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find(" Volume:   vol2 rid=0.1005"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("#1 of 2 record(s) of config copy 2 match\n"), std::string::npos);
-
-  r = inspect({"records", *image, "--name", "nosuch"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "#0 of 5 record(s) of config copy 1 match\n");
-  EXPECT_EQ(inspect({"records", *image, "--type", "volumes"}).status, 3);
-  EXPECT_EQ(inspect({"records", *image, "--rid", "12"}).status, 3);
 }
 
 TEST(InspectRecordHexdump, EveryBlockOfARecordInChainOrder) {
@@ -178,16 +161,15 @@ copy-content config copy=1 content=config begin
 end
 )",
                                     "findings.img");
-  process_result r = inspect({"check", image});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, error_line("Error (File block 20): Invalid magic number\n") +
-                       "vol1 !!1 missing child(ren)!!\n"
-                       "!!Database has 1 fewer volume record(s) than header does.!!\n"
-                       "check: status 1: inconsistencies found\n");
-  EXPECT_EQ(r.err, "");
-  r = inspect({"check", image, "--quiet"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
+  expect_runs({
+      {{"check", image}, 1,
+       error_line("Error (File block 20): Invalid magic number\n") +
+           "vol1 !!1 missing child(ren)!!\n"
+           "!!Database has 1 fewer volume record(s) than header does.!!\n"
+           "check: status 1: inconsistencies found\n",
+       ""},
+      {{"check", image, "--quiet"}, 1, "", ""},
+  });
 }
 
 }  // namespace

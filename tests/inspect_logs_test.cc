@@ -76,57 +76,27 @@ const char* const copy3_text =
     "BLOCK 3: KLOG 0  :   DIRTY rid=0.33\n"
     "BLOCK 4: KLOG 0  :   DIRTY rid=0.34\n";
 
-class InspectLogs : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { image = new std::string(build_to_file(logs_desc, "logs.img")); }
-  static void TearDownTestSuite() {
-    delete image;
-    image = nullptr;
-  }
-  static std::string* image;
-};
-std::string* InspectLogs::image = nullptr;
-
-TEST_F(InspectLogs, AllCopies) {
-  process_result r = inspect({"logs", *image});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, std::string(copy1_text) + "LOG #02\nDISABLED\n" + copy3_text);
-  EXPECT_EQ(r.err, error_line("Log block 1: Log block invalid\n") +
-                       error_line("Log block 2: Log block invalid\n"));
-}
-
-TEST_F(InspectLogs, OneCopyWithTheLongListing) {
-  process_result r = inspect({"logs", *image, "--copy", "1", "--long"});
-  EXPECT_EQ(r.status, 0);
-  std::string text(copy1_text);
-  text.insert(text.find("BLOCK 0"), "#BLOCK 0: tid=0.5 seqno=1 (len=2)\n");
-  text.insert(text.find("BLOCK 1"), "#BLOCK 1: tid=0.6 seqno=2 (len=2)\n");
-  EXPECT_EQ(r.out, text);
-  EXPECT_EQ(r.err, "");
-}
-
-TEST_F(InspectLogs, ADisabledCopyByNumberIsDumpedWithANote) {
-  process_result r = inspect({"logs", "--copy", "2", *image});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "LOG #02\n# NOTE: Copy is disabled\nBLOCK 0: KLOG 0  :   DIRTY rid=0.9\n");
-  // Block 0's log length (1) keeps the empty block 1 out of the dump.
-  EXPECT_EQ(r.err, "");
-}
-
-TEST_F(InspectLogs, AMissingCopyEndsWithStatusOne) {
-  process_result r = inspect({"logs", *image, "--copy", "4"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, error_line("Disk does not have log copy 4\n"));
-}
-
-TEST(InspectLogsDisk, NoLogCopies) {
-  std::string image = build_to_file(
-      "disk sector-size=512 sectors=2048\nregion config copy=1 offset=17 len=800\n", "nolog.img");
-  process_result r = inspect({"logs", image});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, error_line("Disk has no log copies\n"));
+TEST(InspectLogs, CopiesMissingCopiesAndMissingHeaders) {
+  const std::string image = build_to_file(logs_desc, "logs.img");
+  const std::string nolog =
+      build_to_file("disk sector-size=512 sectors=2048\nregion config copy=1 offset=17 len=800\n", "nolog.img");
+  const std::string nohdr = build_to_file(
+      "disk sector-size=512 sectors=2048\nregion log copy=1 offset=1617 len=10\n"
+      "hdrcopy primary damage=magic\nhdrcopy alternate damage=magic\n",
+      "nohdr.img");
+  std::string long_text(copy1_text);
+  long_text.insert(long_text.find("BLOCK 0"), "#BLOCK 0: tid=0.5 seqno=1 (len=2)\n");
+  long_text.insert(long_text.find("BLOCK 1"), "#BLOCK 1: tid=0.6 seqno=2 (len=2)\n");
+  expect_runs({
+      {{"logs", image}, 0, std::string(copy1_text) + "LOG #02\nDISABLED\n" + copy3_text,
+       error_line("Log block 1: Log block invalid\n") + error_line("Log block 2: Log block invalid\n")},
+      {{"logs", image, "--copy", "1", "--long"}, 0, long_text, ""},
+      // block 0's log length (1) keeps the empty block 1 out of the dump
+      {{"logs", "--copy", "2", image}, 0, "LOG #02\n# NOTE: Copy is disabled\nBLOCK 0: KLOG 0  :   DIRTY rid=0.9\n", ""},
+      {{"logs", image, "--copy", "4"}, 1, "", error_line("Disk does not have log copy 4\n")},
+      {{"logs", nolog}, 1, "", error_line("Disk has no log copies\n")},
+      {{"logs", nohdr}, 1, "", error_line("scan operation failed:\n\tFormat error in disk private region\n")},
+  });
 }
 
 TEST(InspectLogsDisk, FourKilobyteSectors) {
@@ -143,28 +113,12 @@ end
   EXPECT_EQ(r.out.substr(0, 45), "LOG #01\nBLOCK 0: KLOG 0  :   COMMIT tid=0.3\n");
 }
 
-TEST(InspectLogsDisk, AnImageWithoutHeaderSaysWhatStoppedIt) {
-  std::string image = build_to_file(R"(
-disk sector-size=512 sectors=2048
-region log copy=1 offset=1617 len=10
-hdrcopy primary damage=magic
-hdrcopy alternate damage=magic
-)",
-                                    "nohdr.img");
-  process_result r = inspect({"logs", image});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, error_line("scan operation failed:\n\tFormat error in disk private region\n"));
-}
-
 TEST(InspectLogsDisk, UsageErrorsEndWithStatusThree) {
   EXPECT_EQ(inspect({"logs"}).status, 3);                            // no image
   EXPECT_EQ(inspect({"logs", "x.img", "--copy", "one"}).status, 3);  // not a number
   EXPECT_EQ(inspect({"logs", "x.img", "--copy", "-1"}).status, 3);   // negative
   EXPECT_EQ(inspect({"--sector-size", "1024", "logs", "x.img"}).status, 3);
-  process_result r = inspect({"logs", temp_dir() + "/absent.img"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.err, "Cannot open dump file " + temp_dir() + "/absent.img.\n");
+  expect_runs({{{"logs", temp_dir() + "/absent.img"}, 3, "", "Cannot open dump file " + temp_dir() + "/absent.img.\n"}});
 }
 
 }  // namespace

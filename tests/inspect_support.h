@@ -47,4 +47,22 @@ inline process_result inspect(std::vector<std::string> args) {
 // The label and severity in front of every library message.
 inline std::string error_line(const std::string& text) { return "qztool:priv: ERROR: " + text; }
 
+// A privinspect run and its whole expected result.
+struct inspect_case {
+  std::vector<std::string> args;
+  int status;
+  std::string out;
+  std::string err;
+};
+
+inline void expect_runs(const std::vector<inspect_case>& cases) {
+  for (const inspect_case& c : cases) {
+    SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 2 ? c.args[2] + " " + c.args.back() : ""));
+    process_result r = inspect(c.args);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.out, c.out);
+    EXPECT_EQ(r.err, c.err);
+  }
+}
+
 }  // namespace pd::test

@@ -1,6 +1,6 @@
 // Helpers of the private-region tests: images from builder descriptions, a
-// disk in memory behind a handle's sector callbacks, and privdiag run in
-// process over an image.
+// disk in memory behind a handle's sector callbacks, and privdiag run over
+// an image.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -92,26 +92,13 @@ struct memory_disk : session {
   }
 };
 
-struct run_result {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-// privdiag [sector_size] IMAGE in process, on a temporary file.
-inline run_result privdiag_on(const std::vector<std::uint8_t>& img, int sector_size = 0) {
+// privdiag [sector_size] IMAGE, on a temporary file.
+inline process_result privdiag_on(const std::vector<std::uint8_t>& img, int sector_size = 0) {
   static int n = 0;
   const std::string path = temp_dir() + "/img" + std::to_string(++n);
   write_file(path, img);
-  captured_session cs;
-  std::string a0 = "privdiag", a1 = std::to_string(sector_size), a2 = path;
-  char* argv3[] = {a0.data(), a1.data(), a2.data(), nullptr};
-  char* argv2[] = {a0.data(), a2.data(), nullptr};
-  run_result r;
-  r.status = sector_size != 0 ? privdiag_main(cs.get(), 3, argv3) : privdiag_main(cs.get(), 2, argv2);
-  r.out = cs.out();
-  r.err = cs.err();
-  return r;
+  if (sector_size == 0) return run_process({PD_PRIVDIAG_BIN, path});
+  return run_process({PD_PRIVDIAG_BIN, std::to_string(sector_size), path});
 }
 
 }  // namespace pd::test

@@ -8,7 +8,6 @@
 
 #include "codec/integers.h"
 #include "priv_test_support.h"
-#include "private_region/header.h"
 #include "private_region/toc.h"
 
 namespace pd {
@@ -31,53 +30,23 @@ TEST(PrivbuildTest, DescriptionErrorsNameTheLine) {
     std::string error;
   } cases[] = {
       {"", "the description must begin with a 'disk' statement"},
-      {"region config offset=1 len=1\n", "the description must begin with a 'disk' statement"},
       {disk + "bogus x=1\n", "line 2: unknown statement 'bogus'"},
       {disk + "region config offset=17 len=8 colour=red\n", "line 2: unknown attribute 'colour' for 'region'"},
       {disk + "region config offset=seventeen len=8\n", "line 2: bad number for offset: 'seventeen'"},
-      {disk + "region config len=8\n", "line 2: region needs offset= and len="},
-      {disk + "region toolongname offset=1 len=1\n", "line 2: region needs one type name of at most 8 characters"},
       {disk + "header diskid=\"unterminated\n", "line 2: unterminated quote"},
       {disk + "\nregion x offset=1 len=1 content=hex begin\n00\n", "line 3: 'begin' without 'end'"},
       {disk + "end\n", "line 2: 'end' without 'begin'"},
-      {disk + "region x offset=1 len=1 content=nope\n", "line 2: no content generator called 'nope'"},
       {disk + "region x offset=1 len=1 content=hex begin\nzz\nend\n", "line 2: hex: not hex bytes: zz"},
-      {disk + "region x offset=1 len=1 content=fill begin\n300\nend\n", "line 2: fill: the body must hold one byte value"},
-      {disk + "header colour=red\n", "line 2: unknown header field 'colour'"},
       {disk + "header diskid=" + std::string(65, 'd') + "\n", "line 2: diskid is longer than 64 characters"},
-      {disk + "header seqno=1.2.3\n", "line 2: bad value '1.2.3' for seqno"},
-      {disk + "hdrcopy somewhere\n", "line 2: hdrcopy needs primary, alternate or a sector number"},
-      {disk + "hdrcopy primary damage=fire\n", "line 2: unknown damage 'fire' (magic, checksum)"},
       {disk + "hdrcopy 5000\n", "line 2: header copy at sector 5000 lies outside the image"},
-      {disk + "tocblock at=1\n", "line 2: tocblock needs both at= and alt= or neither"},
       {disk + "tocblock at=1 alt=2\ntocblock\n", "line 3: every tocblock needs at= and alt= once one has them"},
       {disk + "tocblock\ntocblock\n", "line 3: the TOC has only 1 block(s)"},
-      {disk + "region x offset=1 len=1 block=0\n", "line 2: block= needs tocblock statements with at= and alt="},
       {disk + "tocblock at=1 alt=2\nregion x offset=1 len=1 block=3\n", "line 3: no TOC block 3"},
       {disk + "poke at=1048576 hex=00\n", "line 2: poke lies outside the image"},
       {disk + "region x offset=2040 len=10 fill=1\n", "line 2: region contents lie outside the image"},
       {"disk sector-size=1000 sectors=4\n", "line 1: sector-size must be a multiple of 512 (512 or 4096)"},
   };
   for (const auto& c : cases) EXPECT_EQ(error_of(c.desc), c.error) << c.desc;
-}
-
-TEST(PrivbuildTest, DefaultsMakeAValidDisk) {
-  build_layout layout;
-  const auto img = build(disk, &layout);
-  ASSERT_EQ(img.size(), 2048u * 512);
-  EXPECT_EQ(layout.primary_header, 2047);
-  EXPECT_EQ(layout.alt_header, 1856);
-  EXPECT_EQ(layout.toc_sectors, std::vector<voff_t>{1});
-  EXPECT_EQ(layout.alt_toc_sectors, std::vector<voff_t>{2046});
-  for (voff_t s : {2047, 1856}) {
-    priv_header_info h;
-    ASSERT_EQ(priv_unformat_header(&h, img.data() + s * 512), VE_OK);
-    EXPECT_EQ(h.phi_first_toc, 1);
-    EXPECT_EQ(h.phi_first_alt_toc, 2046);
-    EXPECT_EQ(h.phi_update_seqno.seqno_lo, 1u);
-  }
-  EXPECT_EQ(std::memcmp(img.data() + 512, "TOCBLOCK", 8), 0);
-  EXPECT_EQ(std::memcmp(img.data() + 2046 * 512, img.data() + 512, 512), 0);
 }
 
 TEST(PrivbuildTest, AutomaticTocAvoidsHeadersRegionsAndExtraCopies) {
@@ -212,27 +181,6 @@ TEST(PrivbuildTest, TheCommand) {
   r = test::run_process({PD_PRIVBUILD_BIN, dir + "/bad.desc", dir + "/bad.img"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "privbuild: " + dir + "/bad.desc: line 2: unknown statement 'oops'\n");
-}
-
-TEST(PrivbuildTest, TheSampleDescriptionIsAValidDisk) {
-  const std::string sample = test::read_text(std::string(PD_SOURCE_DIR) + "/examples/sample.desc");
-  const auto img = build(sample);
-  test::memory_disk d(img);
-  ASSERT_EQ(d.scan(), VE_OK);
-  ASSERT_EQ(priv_join(d.priv), VE_OK);
-  EXPECT_EQ(d.priv->pri_header->phi_nconfig, 2u);
-  EXPECT_EQ(d.priv->pri_header->phi_nlogs, 1u);
-  EXPECT_NE(d.priv->pri_config_copies, nullptr);
-  EXPECT_NE(d.priv->pri_log_copies, nullptr);
-
-  // The README's first command: build the sample, then report it.
-  const std::string out = test::temp_dir() + "/sample.img";
-  auto r = test::run_process({PD_PRIVBUILD_BIN, std::string(PD_SOURCE_DIR) + "/examples/sample.desc", out});
-  ASSERT_EQ(r.status, 0) << r.err;
-  r = test::run_process({PD_PRIVDIAG_BIN, out});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out.rfind("diskid:  a0000002-1234-0002-4041-424344454647\n", 0), 0u);
-  EXPECT_NE(r.out.find("========== Configuration Overview ========"), std::string::npos);
 }
 
 }  // namespace

@@ -38,24 +38,25 @@ TEST(TextFormsTest, SequenceNumbersPrintHighHalfFirstUnsigned) {
 }
 
 TEST(TextFormsTest, ParseSequenceNumbers) {
+  struct {
+    const char* text;
+    std::uint32_t hi, lo;
+    std::size_t used;
+  } cases[] = {
+      {"12.34x", 12, 34, 5},
+      {"12", 0, 0, 0},  // no dot: nothing read
+      {".5", 0, 5, 2},
+      {"4294967297.1", 1, 1, 12},  // each half keeps its low 32 bits
+  };
+  for (const auto& c : cases) {
+    const char* end = nullptr;
+    const volseqno_t s = strtovolseqno(c.text, &end);
+    EXPECT_EQ(s.seqno_hi, c.hi) << c.text;
+    EXPECT_EQ(s.seqno_lo, c.lo) << c.text;
+    EXPECT_EQ(end, c.text + c.used) << c.text;
+  }
   const char* end = nullptr;
-  const char* t = "12.34x";
-  volseqno_t s = strtovolseqno(t, &end);
-  EXPECT_EQ(s.seqno_hi, 12u);
-  EXPECT_EQ(s.seqno_lo, 34u);
-  EXPECT_EQ(end, t + 5);
-  t = "12";
-  s = strtovolseqno(t, &end);
-  EXPECT_EQ(seqno_value(s), 0u);
-  EXPECT_EQ(end, t);
-  t = ".5";
-  s = strtovolseqno(t, &end);
-  EXPECT_EQ(s.seqno_hi, 0u);
-  EXPECT_EQ(s.seqno_lo, 5u);
-  EXPECT_EQ(end, t + 2);
-  t = "4294967297.1";  // each half keeps its low 32 bits
-  s = strtovolrid(t, &end);
-  EXPECT_EQ(s.seqno_hi, 1u);
+  EXPECT_EQ(strtovolrid("7.8", &end).seqno_lo, 8u);
 }
 
 voldguid_t sample_guid() {
