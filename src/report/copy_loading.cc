@@ -108,18 +108,13 @@ bool holds_heap_member(const void* u, const std::vector<std::size_t>& offsets) {
 }  // namespace
 
 std::size_t record_room(int type) {
+  // The kinds the report keeps decoded fields for; their structures are the
+  // store's own.
   switch (type) {
-    case REC_TYPE_VOL: return sizeof(volrec);
-    case REC_TYPE_PLEX: return sizeof(plexrec);
-    case REC_TYPE_SD: return sizeof(sdrec);
-    case REC_TYPE_DM: return sizeof(dmrec);
-    case REC_TYPE_DG: return sizeof(dgrec);
-    case REC_TYPE_DA: return sizeof(darec);
-    case REC_TYPE_RVOL: return sizeof(rvolrec);
-    case REC_TYPE_REP: return sizeof(reprec);
-    case REC_TYPE_DCO: return sizeof(dcorec);
-    case REC_TYPE_SNAP: return sizeof(snaprec);
-    case REC_TYPE_CACHE: return sizeof(cacherec);
+    case REC_TYPE_VOL: case REC_TYPE_PLEX: case REC_TYPE_SD: case REC_TYPE_DM:
+    case REC_TYPE_DG: case REC_TYPE_DA: case REC_TYPE_RVOL: case REC_TYPE_REP:
+    case REC_TYPE_DCO: case REC_TYPE_SNAP: case REC_TYPE_CACHE:
+      return voldbsup_struct_size(static_cast<std::uint32_t>(type));
     default: return 0;
   }
 }
