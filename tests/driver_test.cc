@@ -9,8 +9,9 @@
 #include <vector>
 
 #include "base/errors.h"
+#include "io/io_buffers.h"
 #include "codec/integers.h"
-#include "driver/dump_device.h"
+#include "io/dump_device.h"
 #include "priv_test_support.h"
 #include "test_support.h"
 

@@ -1,4 +1,5 @@
 #include "codec/integers.h"
+#include "io/io_buffers.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +7,7 @@
 #include <vector>
 
 #include "base/errors.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 #include "test_support.h"
 
 namespace pd {

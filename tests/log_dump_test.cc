@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "codec/integers.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 #include "test_support.h"
 
 namespace pd {

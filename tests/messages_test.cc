@@ -1,4 +1,4 @@
-#include "driver/messages.h"
+#include "io/messages.h"
 
 #include <gtest/gtest.h>
 

@@ -13,7 +13,7 @@
 #include "base/errors.h"
 #include "base/session.h"
 #include "driver/driver.h"
-#include "driver/dump_device.h"
+#include "io/dump_device.h"
 #include "private_region/join.h"
 #include "private_region/locate.h"
 #include "privbuild/builder.h"

@@ -11,7 +11,7 @@
 
 #include "base/errors.h"
 #include "base/session.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 #include "inspect/inspect.h"
 
 namespace {

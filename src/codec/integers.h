@@ -53,17 +53,6 @@ inline void put_be64(std::uint8_t* p, std::uint64_t v) {
   put_be32(p + 4, static_cast<std::uint32_t>(v));
 }
 
-// The calling thread's I/O buffer of at least `nbytes` (page-rounded, only
-// grows; a request of 0 always replaces it by a fresh zeroed page). Null only
-// when memory is exhausted.
-std::uint8_t* buf_get(session& s, std::size_t nbytes);
-void buf_release(session& s);
-
-// The shared 512-aligned sector buffer: grows on a larger request, never
-// cleared; contents are not carried over on growth (a grown buffer starts
-// zeroed).
-std::uint8_t* get_aligned_buf(session& s, std::size_t size);
-
 // Strict unsigned parse in automatic base; bad text reports ":331:%s: Invalid
 // %s\n" and throws fatal_exit{1}.
 unsigned long getdword(session& s, const char* arg, const char* name);

@@ -17,11 +17,12 @@
 #include <unistd.h>
 
 #include "base/errors.h"
-#include "driver/dump_device.h"
-#include "driver/messages.h"
-#include "driver/pipeline.h"
+#include "io/dump_device.h"
+#include "io/messages.h"
+#include "private_region/locate.h"
 #include "private_region/join.h"
 #include "report/copy_loading.h"
+#include "report/header_toc_dump.h"
 
 namespace pd {
 
@@ -32,9 +33,6 @@ constexpr const char* usage_text =
 
 // The output buffer of a report written to a file or a pipe.
 constexpr std::size_t OUT_BUFFER_SIZE = std::size_t{1} << 20;
-
-// Bytes of one header sector: the primary header is the last such sector.
-constexpr std::size_t header_iosize = 512;
 
 // Releases the handle with everything the scan and the join hung on it.
 struct priv_release {
@@ -114,32 +112,6 @@ int privdiag_run(session& s, int argc, char** argv) {
 }
 
 }  // namespace
-
-void open_dump_file(session& s, const char* path) {
-  s.priv_fd = std::fopen(path, "rb");
-  if (s.priv_fd == nullptr) {
-    std::fprintf(s.err, "Cannot open dump file %s.\n", path);
-    throw fatal_exit{1};
-  }
-}
-
-std::uint64_t dump_file_size(FILE* f) {
-  (void)fseeko(f, 0, SEEK_END);
-  off_t end = ftello(f);
-  (void)fseeko(f, 0, SEEK_SET);
-  return end > 0 ? static_cast<std::uint64_t>(end) : 0;
-}
-
-disk_attrs derive_disk_attrs(std::uint64_t fsize, int sector_size) {
-  disk_attrs d;
-  d.dka_atomic_iosize = static_cast<std::size_t>(sector_size);
-  d.dka_priv_offset = 0;
-  d.dka_priv_len = static_cast<voff_t>(fsize / static_cast<unsigned>(sector_size));
-  d.dka_primary_header = d.dka_priv_len - static_cast<voff_t>(header_iosize >> 9);
-  d.dka_alternate_header = d.dka_priv_len - 192 / (sector_size / 512);
-  d.dka_nt_backup_header = d.dka_primary_header;
-  return d;
-}
 
 int privdiag_main(session& s, int argc, char** argv) {
   // A report can run to hundreds of megabytes: write it in large pieces

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "base/errors.h"
-#include "driver/messages.h"
-#include "driver/pipeline.h"
+#include "io/messages.h"
+#include "report/header_toc_dump.h"
 #include "inspect/inspect.h"
 #include "report/copy_loading.h"
 

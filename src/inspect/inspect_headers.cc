@@ -13,7 +13,7 @@
 #include "base/errors.h"
 #include "codec/integers.h"
 #include "codec/text_forms.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 #include "inspect/inspect.h"
 #include "private_region/header.h"
 

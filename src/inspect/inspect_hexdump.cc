@@ -10,9 +10,10 @@
 #include <vector>
 
 #include "codec/integers.h"
+#include "io/io_buffers.h"
 #include "codec/text_forms.h"
 #include "config_db/block_store.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 #include "inspect/inspect.h"
 #include "inspect/inspect_load.h"
 

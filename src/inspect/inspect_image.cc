@@ -3,10 +3,9 @@
 
 #include <cstdio>
 
-#include "driver/driver.h"
-#include "driver/dump_device.h"
-#include "driver/messages.h"
-#include "driver/pipeline.h"
+#include "io/dump_device.h"
+#include "io/messages.h"
+#include "private_region/locate.h"
 #include "private_region/join.h"
 
 namespace pd {

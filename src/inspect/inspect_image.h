@@ -15,7 +15,7 @@
 #include <string>
 
 #include "base/session.h"
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 

@@ -2,8 +2,9 @@
 #include "inspect/inspect_load.h"
 
 #include "codec/integers.h"
+#include "io/io_buffers.h"
 #include "config_db/block_store.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 
 namespace pd {
 

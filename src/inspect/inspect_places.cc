@@ -5,7 +5,7 @@
 
 #include "codec/integers.h"
 #include "codec/text_forms.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 
 namespace pd {
 

@@ -17,7 +17,7 @@
 #include "config_db/block_store.h"
 #include "config_db/record_layouts.h"
 #include "config_db/records.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 #include "inspect/inspect.h"
 #include "inspect/inspect_places.h"
 #include "private_region/header.h"

@@ -21,7 +21,7 @@
 #include <cstdint>
 
 #include "codec/field_codec.h"
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 

@@ -227,6 +227,8 @@ voff_t priv_len_chunks(const priv_header_info* hdr) {
   return priv_sector_to_chunk(hdr, hdr->phi_priv_len);
 }
 
+priv_info* priv_alloc() { return static_cast<priv_info*>(std::calloc(1, sizeof(priv_info))); }
+
 void priv_free(priv_info* priv) {
   if (priv == nullptr) return;
   priv_reset(priv);

@@ -12,13 +12,15 @@
 
 #include <cstddef>
 
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 
 // priv_reset, then frees a handle that priv_alloc (the driver's allocator,
 // calloc) gave.
 void priv_free(priv_info* priv);
+// A zero-filled handle from the heap (calloc), or null; released by priv_free.
+priv_info* priv_alloc();
 
 int priv_join(priv_info* priv);
 void priv_unjoin(priv_info* priv);

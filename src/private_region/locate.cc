@@ -4,6 +4,7 @@
 #include <new>
 
 #include "base/errors.h"
+#include "io/io_buffers.h"
 #include "codec/integers.h"
 #include "private_region/header.h"
 #include "private_region/join.h"

@@ -11,7 +11,7 @@
 
 #include <cstddef>
 
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 

@@ -24,7 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 

@@ -11,11 +11,12 @@
 #include <vector>
 
 #include "base/errors.h"
+#include "io/io_buffers.h"
 #include "codec/integers.h"
 #include "codec/text_forms.h"
 #include "config_db/record_layouts.h"
-#include "driver/dump_device.h"
-#include "driver/messages.h"
+#include "io/dump_device.h"
+#include "io/messages.h"
 
 namespace pd {
 

@@ -33,7 +33,7 @@
 #include "base/types.h"
 #include "config_db/block_store.h"
 #include "config_db/records.h"
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 #include "report/overview.h"
 #include "report/record_printer.h"
 

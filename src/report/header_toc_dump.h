@@ -5,7 +5,7 @@
 #pragma once
 
 #include "base/session.h"
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 

@@ -6,9 +6,10 @@
 #include <cstdio>
 
 #include "base/errors.h"
+#include "io/io_buffers.h"
 #include "codec/integers.h"
 #include "codec/text_forms.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 #include "report/copy_loading.h"
 
 namespace pd {

@@ -22,7 +22,7 @@
 
 #include "base/session.h"
 #include "base/types.h"
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 

@@ -6,7 +6,7 @@
 
 #include "base/errors.h"
 #include "codec/text_forms.h"
-#include "driver/messages.h"
+#include "io/messages.h"
 #include "report/copy_loading.h"
 #include "report/overview_index.h"
 #include "report/record_printer.h"

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 

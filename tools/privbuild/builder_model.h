@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 #include "privbuild/description.h"
 
 namespace pd {

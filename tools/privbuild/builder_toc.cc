@@ -16,7 +16,7 @@
 #include "base/errors.h"
 #include "base/session.h"
 #include "codec/integers.h"
-#include "driver/dump_device.h"
+#include "io/dump_device.h"
 #include "private_region/bitmap.h"
 #include "private_region/join.h"
 #include "private_region/locate.h"

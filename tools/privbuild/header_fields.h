@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 

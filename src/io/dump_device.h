@@ -15,11 +15,12 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 
 #include "base/session.h"
 #include "base/types.h"
-#include "private_region/priv_info.h"
+#include "base/priv_info.h"
 
 namespace pd {
 
@@ -44,7 +45,19 @@ void nt_free(void* ptr);
 // The exhausted-heap report of nt_alloc: writes it and throws fatal_exit{1}.
 [[noreturn]] void nt_alloc_failed(session& s, std::size_t size);
 
-// A zero-filled handle from the heap (calloc), or null. Freed with free().
-priv_info* priv_alloc();
+// Opens the image "rb" (never for writing) as the session's priv_fd; when it
+// cannot be opened writes "Cannot open dump file %s.\n" and throws
+// fatal_exit{1}.
+void open_dump_file(session& s, const char* path);
+
+// The image's length in bytes, the position of its end; the stream is left
+// at its start. A stream that cannot tell its position counts as empty.
+std::uint64_t dump_file_size(FILE* f);
+
+// What the image's length tells of the disk: the region starts at sector 0
+// and spans every whole sector; the primary header is the last 512-byte
+// header sector, the alternate lies 96 KiB before the end (192 sectors of
+// 512 bytes, 24 of 4096). A trailing partial sector is dropped.
+disk_attrs derive_disk_attrs(std::uint64_t fsize, int sector_size);
 
 }  // namespace pd

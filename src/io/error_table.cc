@@ -3,7 +3,7 @@
 // so the later rows for 24 and 184 are shadowed but kept where they stand.
 #include <cstddef>
 
-#include "driver/error_table.h"
+#include "io/error_table.h"
 
 namespace pd {
 

@@ -3,7 +3,7 @@
 // Reads copy the whole staging buffer to the caller whatever was read: past
 // the end of the image the caller sees what the buffer held before. The seek
 // is issued twice and only the second result is tested.
-#include "driver/dump_device.h"
+#include "io/dump_device.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -11,7 +11,7 @@
 #include <limits>
 
 #include "base/errors.h"
-#include "codec/integers.h"
+#include "io/io_buffers.h"
 
 namespace pd {
 
@@ -130,6 +130,36 @@ void nt_alloc_failed(session& s, std::size_t size) {
   throw fatal_exit{1};
 }
 
-priv_info* priv_alloc() { return static_cast<priv_info*>(std::calloc(1, sizeof(priv_info))); }
+
+namespace {
+// Bytes of one header sector: the primary header is the last such sector.
+constexpr std::size_t header_iosize = 512;
+}  // namespace
+
+void open_dump_file(session& s, const char* path) {
+  s.priv_fd = std::fopen(path, "rb");
+  if (s.priv_fd == nullptr) {
+    std::fprintf(s.err, "Cannot open dump file %s.\n", path);
+    throw fatal_exit{1};
+  }
+}
+
+std::uint64_t dump_file_size(FILE* f) {
+  (void)fseeko(f, 0, SEEK_END);
+  off_t end = ftello(f);
+  (void)fseeko(f, 0, SEEK_SET);
+  return end > 0 ? static_cast<std::uint64_t>(end) : 0;
+}
+
+disk_attrs derive_disk_attrs(std::uint64_t fsize, int sector_size) {
+  disk_attrs d;
+  d.dka_atomic_iosize = static_cast<std::size_t>(sector_size);
+  d.dka_priv_offset = 0;
+  d.dka_priv_len = static_cast<voff_t>(fsize / static_cast<unsigned>(sector_size));
+  d.dka_primary_header = d.dka_priv_len - static_cast<voff_t>(header_iosize >> 9);
+  d.dka_alternate_header = d.dka_priv_len - 192 / (sector_size / 512);
+  d.dka_nt_backup_header = d.dka_primary_header;
+  return d;
+}
 
 }  // namespace pd

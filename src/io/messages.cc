@@ -5,7 +5,7 @@
 // entry. No catalogue is ever read: the tag is stripped and the rest of the
 // format is printed with the C library's printf rules. A format whose tag is
 // incomplete (no digit, or digits not closed by a colon) is printed whole.
-#include "driver/messages.h"
+#include "io/messages.h"
 
 #include <cctype>
 #include <cstdarg>
@@ -13,7 +13,7 @@
 #include <new>
 
 #include "base/errors.h"
-#include "driver/error_table.h"
+#include "io/error_table.h"
 
 namespace pd {
 
