@@ -47,6 +47,30 @@ TEST(InspectCheck, UnusableImagesAndUsage) {
   EXPECT_EQ(inspect({"check", "a.img", "b.img"}).status, 3);
 }
 
+// Findings come from the report's model, not from its text: a record whose
+// name reads like a finding is none. An empty image cannot be read.
+TEST(InspectCheck, NamesAreNotFindingsAndAnEmptyImageIsUnreadable) {
+  const std::string named = build_to_file(
+      "disk sector-size=512 sectors=2048\n"
+      "region config copy=1 offset=17 len=400\n"
+      "copy-content config copy=1 content=config begin\n"
+      "  database dgname=dg1 config-tid=0.200\n"
+      "  group name=\"!!x\" rid=0.1000\n"
+      "  volume name=\"v !!1 missing child(ren)!!\" rid=0.1 pl_num=0\n"
+      "end\n",
+      "named.img");
+  const std::string empty = temp_dir() + "/zero.img";
+  write_file(empty, {});
+  expect_runs({
+      {{"check", named}, 0, "check: status 0: consistent\n", ""},
+      {{"check", empty},
+       3,
+       "nt_seek_dev SetFilePointer privinspect: Cannot seek to offset 0\n"
+       "check: status 3: the image cannot be read\n",
+       ""},
+  });
+}
+
 TEST(InspectHelp, EveryCommandAnswersHelp) {
   process_result top = inspect({"--help"});
   EXPECT_EQ(top.status, 0);

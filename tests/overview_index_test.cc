@@ -1,8 +1,8 @@
 // Differential tests: the report's O(n log n) list, tree and duplicate
-// steps (overview_index.h) against the direct algorithms as written
-// (listadd, listdelete, addchild, the pairwise duplicate walk), on many
-// random record sets full of equal names, equal rids, equal references,
-// empty names and records without decoded contents.
+// steps (overview_index.h) against the direct algorithms
+// (overview_reference.h), on many random record sets full of equal names,
+// equal rids, equal references, empty names and records without decoded
+// contents: the same model, findings included, and the same report.
 #include "report/overview_index.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "config_db/block_store.h"
+#include "io/findings.h"
+#include "overview_reference.h"
 #include "privbuild/config_writer.h"
 #include "report/copy_loading.h"
 #include "test_support.h"
@@ -128,8 +130,8 @@ class random_records {
   std::deque<record> recs_;
 };
 
-// Everything the overview prints and builds: the findings met while
-// collecting, the tree, the lists, the duplicate ids, and the structures.
+// Everything the overview prints and builds: the report from the overview
+// on, findings included, the tree, the counts and the lists.
 struct overview_result {
   std::string text;
   std::string structure;
@@ -137,23 +139,14 @@ struct overview_result {
 
 overview_result run_overview(dbase* db, bool direct) {
   test::captured_session cs;
-  FILE* out = cs->out;
   overview_state st;
+  const voldb_info hdr{};
   if (direct) {
-    overview_collect(out, db, st);
-    overview_build_tree(st);
+    test::reference_analyse(st, db, hdr);
   } else {
-    overview_build_indexed(out, db, st);
+    overview_analyse(st, db, hdr, 0);
   }
-  tree_printer(out).printsview(st.root, 0);
-  for (const reclist* l : {st.dmlist, st.vollist, st.plexlist, st.sdlist, st.otherlist}) {
-    listprint(out, l);
-  }
-  if (direct) {
-    print_duplicate_ids(out, st.dmlist);
-  } else {
-    print_duplicate_ids_indexed(out, st.dmlist);
-  }
+  print_overview(cs.get(), db, hdr, st);
   overview_result res;
   res.text = cs.out();
   res.structure = "tree " + tree_of(st.root) + "\ncounts " + std::to_string(st.v_cnt) + " " +
@@ -204,7 +197,7 @@ TEST(ListOrderTest, MatchesListaddOnRandomSequences) {
     std::shuffle(recs.begin(), recs.end(), rng);
     node_pool pool;
     reclist* direct = nullptr;
-    for (db_record* r : recs) listadd(pool, &direct, r);
+    for (db_record* r : recs) test::listadd(pool, &direct, r);
     ASSERT_EQ(list_of(name_sorted_list(pool, recs)), list_of(direct)) << "trial " << trial;
   }
 }
@@ -278,15 +271,27 @@ std::vector<std::string> random_copy_lines(std::mt19937& rng, std::size_t n) {
   return lines;
 }
 
+// The report of a copy from the overview on, its model built by the
+// library or by the direct algorithms.
 std::string run_report(const std::vector<std::uint8_t>& copy, bool direct) {
-  test::captured_session cs;
+  test::captured_session load;
+  finding_collector raised;
+  load->sink = &raised;
   std::vector<std::uint8_t> buf = copy;
-  config_report rep(cs.get());
+  config_report rep(load.get());
   EXPECT_EQ(rep.configcopy_setup(), 1);
-  rep.view.direct = direct;
+  rep.print_report = false;
   rep.configcopy_more(buf.data(), 0, buf.size() / 512);
   rep.configcopy_eof();
-  return cs.out() + "--- standard error ---\n" + cs.err();
+  test::captured_session cs;
+  if (direct) {
+    overview_state st;
+    test::reference_analyse(st, rep.db, rep.hdrinfo);
+    print_overview(cs.get(), rep.db, rep.hdrinfo, st);
+  } else {
+    print_overview(cs.get(), rep.db, rep.hdrinfo, rep.view);
+  }
+  return cs.out();
 }
 
 TEST(OverviewIndexTest, WholeReportsMatchOnRandomCopies) {

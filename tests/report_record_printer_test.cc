@@ -22,8 +22,7 @@ class RecordPrinterTest : public ::testing::Test {
   }
   test::captured_session cs_;
   std::size_t seen_ = 0;
-  volseqno_t max_tid_;
-  record_printer pr_{cs_->out, max_tid_};
+  record_printer pr_{cs_->out};
 };
 
 volrec make_volume() {
@@ -118,39 +117,6 @@ TEST(FlagWordsTest, WrapRule) {
   // A word that would end past column 78 starts a continuation line.
   EXPECT_EQ(print_flag_words(cs->out, 1, words, 3, 74), 14);
   EXPECT_EQ(cs.out(), " aaaa\n          bbbb cc cc\n          aaaa");
-}
-
-TEST_F(RecordPrinterTest, MaxTidFollowsVolumePlexSubdiskAndDiskOnly) {
-  volrec v = make_volume();
-  // The difference is taken as signed 64 bits: 2147483648.0 - 0.0 is
-  // negative, so it is not a new maximum.
-  v.v_update_tid = {0, 0x80000000u};
-  pr_.print_volume_longformat(v);
-  EXPECT_EQ(seqno_value(max_tid_), 0u);
-  v.v_update_tid = {5, 1};
-  pr_.print_volume_longformat(v);
-  EXPECT_EQ(seqno_value(max_tid_), (1ull << 32) | 5);
-  v.v_update_tid = {0xFFFFFFFF, 0};  // lower: unchanged
-  pr_.print_volume_longformat(v);
-  EXPECT_EQ(seqno_value(max_tid_), (1ull << 32) | 5);
-  dgrec g{};
-  g.dg_update_tid = {0, 9};
-  pr_.print_diskgroup_longformat(g);
-  snaprec sp{};
-  sp.sp_update_tid = {0, 9};
-  pr_.print_snap_longformat(sp);
-  EXPECT_EQ(seqno_value(max_tid_), (1ull << 32) | 5);
-  sdrec sd{};
-  sd.sd_update_tid = {6, 1};
-  pr_.print_subdisk_longformat(sd);
-  EXPECT_EQ(seqno_value(max_tid_), (1ull << 32) | 6);
-  dmrec dm{};
-  dm.dm_update_tid = {0, 2};
-  pr_.print_diskmedia_longformat(dm);
-  plexrec pl{};
-  pl.pl_update_tid = {1, 2};
-  pr_.print_plex_longformat(pl);
-  EXPECT_EQ(seqno_value(max_tid_), (2ull << 32) | 1);
 }
 
 // Plex forms beyond the striped one of the whole-report tests: concatenated

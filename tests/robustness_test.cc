@@ -279,35 +279,6 @@ TEST(RobustnessTest, TocOfThousandsOfEntries) {
   EXPECT_EQ(listed, arrival);
 }
 
-// The sorted-list builder gives the list that inserting one by one gives,
-// including the order among equal names.
-TEST(RobustnessTest, SortedListBuilderMatchesInsertion) {
-  std::mt19937 rng(7);
-  for (int round = 0; round < 50; ++round) {
-    const int n = 1 + static_cast<int>(rng() % 60);
-    std::deque<pd::record> recs;
-    std::deque<db_record> dbrecs;
-    node_pool pool;
-    reclist* one_by_one = nullptr;
-    sorted_list_builder builder;
-    for (int i = 0; i < n; ++i) {
-      db_record& r = dbrecs.emplace_back();
-      if (rng() % 5 != 0) {  // else no collected record: the empty name
-        pd::record& rec = recs.emplace_back();
-        std::snprintf(rec.name, sizeof rec.name, "%c", static_cast<char>('a' + rng() % 4));
-        r.dbr_private = &rec;
-      }
-      listadd(pool, &one_by_one, &r);
-      builder.add(&r);
-    }
-    reclist* built = nullptr;
-    builder.link(pool, &built);
-    for (; one_by_one != nullptr && built != nullptr; one_by_one = one_by_one->next, built = built->next) {
-      ASSERT_EQ(one_by_one->r, built->r) << "round " << round;
-    }
-    EXPECT_EQ(one_by_one, built);
-  }
-}
 
 // --- the image is never written ---------------------------------------------
 

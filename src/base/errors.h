@@ -35,9 +35,21 @@ enum vol_errno_value : int {
   VE_TAG_NOT_FOUND = 387,
 };
 
+// Why a run ended early: what a caller such as check reports instead of
+// recognising the message.
+enum class fatal_kind {
+  usage,       // bad arguments
+  unreadable,  // the image cannot be opened, positioned or read
+  memory,      // memory exhausted
+  no_header,   // no usable header copy
+  no_toc,      // no usable table of contents
+  no_copy,     // no usable configuration copy (or its database header)
+};
+
 // Thrown where the tool ends the process; `status` is the exit status.
 struct fatal_exit {
   int status;
+  fatal_kind kind;
 };
 
 }  // namespace pd

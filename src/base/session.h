@@ -13,6 +13,8 @@
 
 namespace pd {
 
+class finding_sink;
+
 // The per-thread I/O buffer list of buf_get. The tool has one thread whose
 // identifier is 0, so there is at most one record.
 struct vold_buffer {
@@ -46,6 +48,9 @@ struct session {
   FILE* err = stderr;  // diagnostics
 
   const char* progname = "privdiag";
+  // Where findings go (io/findings.h); null: their text, where privdiag
+  // writes it.
+  finding_sink* sink = nullptr;
   message_state msg;
   io_buffers bufs;
 

@@ -86,7 +86,7 @@ unsigned long getdword(session& s, const char* arg, const char* name) {
   unsigned long value = std::strtoul(arg, &end, 0);
   if (end == arg || *end != '\0') {
     volpfmt(s, s.err, 1, ":331:%s: Invalid %s\n", arg, name);
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::usage};
   }
   return value;
 }

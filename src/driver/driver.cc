@@ -51,7 +51,7 @@ void usage(session& s) {
   std::fprintf(s.err, fmt, s.progname);
 #pragma GCC diagnostic pop
   usage(s);
-  throw fatal_exit{1};
+  throw fatal_exit{1, fatal_kind::usage};
 }
 
 int privdiag_run(session& s, int argc, char** argv) {
@@ -74,7 +74,7 @@ int privdiag_run(session& s, int argc, char** argv) {
   priv_handle priv(priv_alloc());
   if (!priv) {
     volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::memory};
   }
   priv->pri_io_private = &s;
   priv->pri_read = privutil_read;
@@ -87,7 +87,7 @@ int privdiag_run(session& s, int argc, char** argv) {
   int res = priv_scan(priv.get(), &dattrs);
   if (res != 0) {
     volpfmt(s, s.err, 1, ":1735:scan operation failed:\n\t%s\n", vol_strerror(res));
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::no_header};
   }
   // The join and everything after it address the image directly: the
   // region offset is zero except while the header is printed.
@@ -97,7 +97,7 @@ int privdiag_run(session& s, int argc, char** argv) {
   res = priv_join(priv.get());
   if (res != 0) {
     volpfmt(s, s.err, 1, ":1650:join operation failed:\n\t%s\n", vol_strerror(res));
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::no_toc};
   }
   hdr->phi_priv_offset = save_offset;
   priv_dump_header(s, priv.get());

@@ -98,7 +98,7 @@ int inspect_records(session& s, const inspect_target& t, const records_filter& f
   if (cp == nullptr) return INSPECT_FINDINGS;
   loaded_copy lc(s);
   if (!lc.load(img.priv(), cp)) return INSPECT_FINDINGS;
-  record_printer pr(s.out, lc.rep.max_tid);
+  record_printer pr(s.out);
   int total = 0;
   int matched = 0;
   for (record* r = lc.rep.rlist; r != nullptr; r = r->next) {

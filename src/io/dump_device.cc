@@ -25,7 +25,7 @@ constexpr const char* nt_alloc_name = "nt_alloc";
 [[noreturn]] void nt_seek_failed(session& s) {
   std::fprintf(s.err, "%s %s ", nt_seek_name, "SetFilePointer");
   std::fprintf(s.err, "%s: Cannot seek to offset 0\n", s.progname);
-  throw fatal_exit{1};
+  throw fatal_exit{1, fatal_kind::unreadable};
 }
 
 // The stream and absolute sector of a request, or null when the request
@@ -90,7 +90,7 @@ int privutil_write(priv_info* priv, void* buf, voff_t offset, std::size_t len,
 void nt_seek_dev(session& s, FILE* stream, voff_t offset, int whence) {
   if (static_cast<unsigned>(whence) > 2) {
     std::fprintf(s.err, "%s: %s: whence=%d not valid\n", s.progname, nt_seek_name, whence);
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::unreadable};
   }
   // Always from the start of the file, whatever whence said.
   (void)fseeko(stream, offset, SEEK_SET);
@@ -104,7 +104,7 @@ int nt_read_dev(session& s, FILE* stream, void* buf, std::size_t nbytes) {
   if (std::feof(stream)) return cc;  // the caller makes it a short read
   std::fprintf(s.err, "%s %s ", nt_read_name, "ReadFile");
   std::fprintf(s.err, "%s: Cannot read data\n", s.progname);
-  throw fatal_exit{1};
+  throw fatal_exit{1, fatal_kind::unreadable};
 }
 
 int nt_write_dev(session& s, FILE* stream, const void* buf, std::size_t nbytes) {
@@ -113,7 +113,7 @@ int nt_write_dev(session& s, FILE* stream, const void* buf, std::size_t nbytes) 
   if (static_cast<std::size_t>(cc) == nbytes) return cc;
   std::fprintf(s.err, "%s %s ", nt_write_name, "WriteFile");
   std::fprintf(s.err, "%s: Cannot write data\n", s.progname);
-  throw fatal_exit{1};
+  throw fatal_exit{1, fatal_kind::unreadable};
 }
 
 void* nt_alloc(session& s, std::size_t size) {
@@ -127,7 +127,7 @@ void nt_free(void* ptr) { std::free(ptr); }
 void nt_alloc_failed(session& s, std::size_t size) {
   std::fprintf(s.err, "%s:%s: Alloc(%lu) failed.\n", s.progname, nt_alloc_name,
                static_cast<unsigned long>(size));
-  throw fatal_exit{1};
+  throw fatal_exit{1, fatal_kind::memory};
 }
 
 
@@ -140,7 +140,7 @@ void open_dump_file(session& s, const char* path) {
   s.priv_fd = std::fopen(path, "rb");
   if (s.priv_fd == nullptr) {
     std::fprintf(s.err, "Cannot open dump file %s.\n", path);
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::unreadable};
   }
 }
 

@@ -40,13 +40,20 @@ std::unique_ptr<char[]> msg_dup(const char* text) {
   return copy;
 }
 
+// The label and severity word that begin a message of severity `sev`.
+std::string msg_prefix(const session& s, int sev) {
+  // Severities above 4 have no word; they are written like severity 0.
+  std::string prefix;
+  if (sev <= 0 || sev > sev_max) return prefix;
+  if (s.msg.applabel) prefix += std::string(s.msg.applabel.get()) + ": ";
+  prefix += std::string(sev_list[sev]) + ": ";
+  return prefix;
+}
+
 }  // namespace
 
 int volpfmt(session& s, FILE* f, int sev, const char* fmt, ...) {
-  // Severities above 4 have no word; they are written like severity 0.
-  bool prefixed = sev > 0 && sev <= sev_max;
-  if (prefixed && s.msg.applabel) std::fprintf(f, "%s: ", s.msg.applabel.get());
-  if (prefixed) std::fprintf(f, "%s: ", sev_list[sev]);
+  std::fputs(msg_prefix(s, sev).c_str(), f);
   const char* text = msg_strip_tag(fmt);
   va_list ap;
   va_start(ap, fmt);
@@ -56,6 +63,28 @@ int volpfmt(session& s, FILE* f, int sev, const char* fmt, ...) {
 #pragma GCC diagnostic pop
   va_end(ap);
   return n;
+}
+
+std::string volsfmt(const session& s, int sev, const char* fmt, ...) {
+  std::string out = msg_prefix(s, sev);
+  const char* text = msg_strip_tag(fmt);
+  va_list ap;
+  va_start(ap, fmt);
+  va_list again;
+  va_copy(again, ap);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  const int n = std::vsnprintf(nullptr, 0, text, ap);
+  if (n > 0) {
+    const std::size_t at = out.size();
+    out.resize(at + static_cast<std::size_t>(n) + 1);
+    std::vsnprintf(out.data() + at, static_cast<std::size_t>(n) + 1, text, again);
+    out.resize(at + static_cast<std::size_t>(n));
+  }
+#pragma GCC diagnostic pop
+  va_end(again);
+  va_end(ap);
+  return out;
 }
 
 const char* vol_strerror(int verrno) {
@@ -73,7 +102,7 @@ const char* volsetcat(session& s, const char* catid) {
   if (!copy) {
     // The id itself, not the program name, names the failure.
     std::fprintf(s.err, "%s: Out of memory\n", catid);
-    throw fatal_exit{127};
+    throw fatal_exit{127, fatal_kind::memory};
   }
   s.msg.catname = std::move(copy);
   return s.msg.catname.get();

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 #include "base/session.h"
 
@@ -16,6 +17,10 @@ namespace pd {
 
 int volpfmt(session& s, FILE* f, int sev, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
+
+// The text volpfmt would write, as a string.
+std::string volsfmt(const session& s, int sev, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
 
 const char* vol_strerror(int verrno);
 

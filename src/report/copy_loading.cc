@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "base/errors.h"
@@ -16,6 +17,7 @@
 #include "codec/text_forms.h"
 #include "config_db/record_layouts.h"
 #include "io/dump_device.h"
+#include "io/findings.h"
 #include "io/messages.h"
 
 namespace pd {
@@ -67,7 +69,7 @@ constexpr dbrec_ops rops = {nullptr, nullptr, cb_unformat_record, cb_free_record
 
 [[noreturn]] void die_nomem(session& s) {
   volpfmt(s, s.err, 1, ":734:Memory allocation failure\n");
-  throw fatal_exit{1};
+  throw fatal_exit{1, fatal_kind::memory};
 }
 
 bool copy_disabled(const copy_info* cp) {
@@ -204,7 +206,7 @@ int config_report::unformat_header(const std::uint8_t* buf, std::size_t bufsize)
       voldbsup_unformat_header(db, buf, std::min(bufsize, VOLDB_HDR_DECODE), &hdrinfo);
   if (res != 0) {
     volpfmt(s, s.err, 1, ":649:Fatal error in header: %s\n", vol_strerror(res));
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::no_copy};
   }
   unsigned state = hdrinfo.vdbi_commit_state;
   if (state == VDBI_CHANGE) {
@@ -217,17 +219,17 @@ int config_report::unformat_header(const std::uint8_t* buf, std::size_t bufsize)
   if (db->ddb_hdrsize > CONFIG_BLOCK) {
     volpfmt(s, s.err, 1, ":414:Bad block size in header (%lu)\n",
             static_cast<unsigned long>(db->ddb_hdrsize));
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::no_copy};
   }
   if (db->ddb_blksize == 0 || db->ddb_blksize > 8192) {
     volpfmt(s, s.err, 1, ":414:Bad block size in header (%lu)\n",
             static_cast<unsigned long>(db->ddb_blksize));
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::no_copy};
   }
   const int sres = ddb_setsize(db, db->ddb_nblocks);
   if (sres != 0) {
     volpfmt(s, s.err, 1, ":1548:ddb_setsize failed: %s\n", vol_strerror(sres));
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::no_copy};
   }
   return 0;
 }
@@ -290,7 +292,12 @@ int config_report::feed(std::uint8_t* buf, std::size_t cpoffset, std::size_t nbl
   while (cc >= static_cast<std::int32_t>(CONFIG_BLOCK) && !failed) {
     const int res = ddb_extract(db, bp, static_cast<std::size_t>(offset), CONFIG_BLOCK);
     if (res != 0) {
-      volpfmt(s, s.err, 1, ":624:Error (File block %u): %s\n", blkno, vol_strerror(res));
+      finding f;
+      f.code = finding_code::extract_error;
+      f.text = volsfmt(s, 1, ":624:Error (File block %u): %s", blkno, vol_strerror(res));
+      f.place.block = blkno;
+      place_in_copy(f.place);
+      raise_finding(s, f);
       lastres = res;
       if (eof() != 1) return -1;
       failed = true;
@@ -350,6 +357,56 @@ int config_report::LoadRecords(std::uint8_t* buf, std::size_t cpoffset, std::siz
   return 1;
 }
 
+int config_report::configcopy_eof() {
+  if (configcopy_eof_called != 0) return 1;
+  configcopy_eof_called = 1;
+  if (db->ddb_hdrsize == 0) {
+    volpfmt(s, s.err, 1, ":668:Header not found\n");
+    throw fatal_exit{1, fatal_kind::no_copy};
+  }
+  const auto dbsize = static_cast<std::int64_t>(db->ddb_nblocks * db->ddb_blksize);
+  if (dbsize > lastoffset && lastres == 0) {
+    finding f;
+    f.code = finding_code::premature_eof;
+    f.text = volsfmt(s, 1, ":894:Premature EOF; %ld bytes expected", static_cast<long>(dbsize));
+    f.expected = std::to_string(dbsize);
+    f.actual = std::to_string(lastoffset);
+    f.place.block = lastoffset / static_cast<std::int64_t>(CONFIG_BLOCK);
+    place_in_copy(f.place);
+    raise_finding(s, f);
+  }
+  overview_analyse(view, db, hdrinfo, s.m_qzmake_format);
+  for (placed_finding& p : view.findings) place_in_copy(p.f.place);
+  if (print_report) {
+    print_overview(s, db, hdrinfo, view);
+  } else {
+    raise_overview_findings(s, view);
+  }
+  return 1;
+}
+
+void config_report::place_in_copy(finding_place& at) const {
+  if (copy == nullptr) return;
+  at.copy = copy->ci_copy;
+  at.structure = "config copy";
+  if (at.block < 0 || priv == nullptr || priv->pri_header == nullptr) return;
+  const priv_header_info* hdr = priv->pri_header;
+  const auto chunk = static_cast<voff_t>(hdr->phi_chunk_size);
+  std::int64_t first = 0;  // the part's first file block
+  for (int i = 0; i < copy->ci_npart; ++i) {
+    const disk_region& rg = copy->ci_parts[i]->tei_region;
+    const std::int64_t len = chunk * rg.dkr_len / 512;
+    if (at.block < first + len) {
+      at.offset = (chunk * rg.dkr_offset / 512 + (at.block - first)) * 512;
+      if (hdr->phi_atomic_iosize != 0) {
+        at.sector = at.offset / static_cast<std::int64_t>(hdr->phi_atomic_iosize);
+      }
+      return;
+    }
+    first += len;
+  }
+}
+
 int priv_read_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf,
                    std::size_t blkno, std::size_t nblks, std::size_t* nread,
                    std::size_t* nbytes) {
@@ -385,15 +442,15 @@ int priv_read_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf
   return 0;
 }
 
-int priv_dump_config(session& s, priv_info* priv, int copy) {
+int priv_dump_config(session& s, priv_info* priv, int copy, bool print) {
   std::uint8_t* buf = get_aligned_buf(s, CONFIG_BUFSIZE);
   if (buf == nullptr) {
     volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::memory};
   }
   if (priv->pri_config_copies == nullptr) {
     volpfmt(s, s.err, 1, ":594:Disk has no config copies\n");
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::no_copy};
   }
   copy_info* cp = select_copy(priv, copy);
   if (cp == nullptr) {
@@ -402,21 +459,26 @@ int priv_dump_config(session& s, priv_info* priv, int copy) {
     } else {
       volpfmt(s, s.err, 1, ":566:Disk does not have config copy %d\n", copy);
     }
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::no_copy};
   }
-  std::fprintf(s.out, "#Config copy %02lu\n", static_cast<unsigned long>(cp->ci_copy));
-  if (copy_disabled(cp)) std::fputs("#NOTE: Copy is disabled\n", s.out);
-  std::fputs("\n", s.out);
-  std::fflush(s.out);
+  if (print) {
+    std::fprintf(s.out, "#Config copy %02lu\n", static_cast<unsigned long>(cp->ci_copy));
+    if (copy_disabled(cp)) std::fputs("#NOTE: Copy is disabled\n", s.out);
+    std::fputs("\n", s.out);
+    std::fflush(s.out);
+  }
 
   config_report rep(s);
+  rep.print_report = print;
+  rep.priv = priv;
+  rep.copy = cp;
   if (rep.configcopy_setup() != 1) return -2;
   for (std::size_t cpoffset = 0;;) {
     std::size_t nblksread = 0;
     std::size_t nbytes = 0;
     if (priv_read_copy(s, priv, cp, buf, cpoffset, CONFIG_RUN_BLOCKS, &nblksread, &nbytes) != 0) {
       volpfmt(s, s.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
-      throw fatal_exit{1};
+      throw fatal_exit{1, fatal_kind::unreadable};
     }
     if (nblksread == 0) return rep.configcopy_eof() == 1 ? 1 : -2;
     // A run past the end of the image only replays what the buffer holds.

@@ -89,16 +89,24 @@ class config_report {
   int lastres = 0;
   std::int64_t lastoffset = 0;
   int configcopy_eof_called = 0;
-  volseqno_t max_tid;
-  overview_state view;  // lists, tree nodes and the tree prefix
+  overview_state view;  // the report's model
+  // Print the report (else only raise its findings).
+  bool print_report = true;
+  // The copy being loaded, for the places of findings; null when unknown.
+  const priv_info* priv = nullptr;
+  const copy_info* copy = nullptr;
 
   // Creates the store; returns 1 (a failed allocation is fatal).
   int configcopy_setup();
   // Feeds `nblksread` blocks that start at copy block `cpoffset`; 1 to go
   // on, -1 when the report failed.
   int configcopy_more(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread);
-  // Prints the report once; 1.
+  // Analyses the records, then prints the report (or raises its findings),
+  // once; 1.
   int configcopy_eof();
+  // Fills the copy, sector and byte offset of a finding whose place names
+  // a file block of the copy.
+  void place_in_copy(finding_place& at) const;
   // Feeds blocks without ever printing the report; -1 after the first
   // extraction error (reported on the output stream), else 1.
   int LoadRecords(std::uint8_t* buf, std::size_t cpoffset, std::size_t nblksread);
@@ -137,7 +145,9 @@ class config_report {
 
 // Prints configuration copy `copy` (the first enabled one when negative):
 // its heading, then the report. 1 after the report, -2 when loading failed.
-int priv_dump_config(session& s, priv_info* priv, int copy);
+// With `print` false nothing is printed: the report's findings are raised
+// through the session's sink.
+int priv_dump_config(session& s, priv_info* priv, int copy, bool print = true);
 
 // Reads up to `nblks` 512-byte blocks of copy `cp` from copy block `blkno`
 // into `buf`; `*nread` receives the blocks read (0 at the end of the copy).

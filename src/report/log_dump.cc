@@ -165,7 +165,7 @@ int priv_dump_logs(session& s, priv_info* priv, int copy) {
   std::uint8_t* buf = get_aligned_buf(s, LOG_IOBUF_SIZE);
   if (buf == nullptr) {
     volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
-    throw fatal_exit{1};
+    throw fatal_exit{1, fatal_kind::memory};
   }
   bool found = false;
   for (copy_info* cp = priv->pri_log_copies; cp != nullptr; cp = cp->ci_next) {
@@ -188,7 +188,7 @@ int priv_dump_logs(session& s, priv_info* priv, int copy) {
   } else {
     volpfmt(s, s.err, 1, ":596:Disk has no log copies\n");
   }
-  throw fatal_exit{1};
+  throw fatal_exit{1, fatal_kind::no_copy};
 }
 
 }  // namespace pd

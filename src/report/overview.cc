@@ -3,10 +3,11 @@
 #include "report/overview.h"
 
 #include <cstring>
+#include <string>
 
-#include "base/errors.h"
+#include <algorithm>
+
 #include "codec/text_forms.h"
-#include "io/messages.h"
 #include "report/copy_loading.h"
 #include "report/overview_index.h"
 #include "report/record_printer.h"
@@ -31,17 +32,6 @@ const char* commit_state_word(unsigned state) {
   }
 }
 
-// One record-count check: "fewer" when the header counts more records than
-// were found, "more" when it counts fewer.
-void print_count_check(FILE* out, int cnt, const char* what) {
-  if (cnt > 0) {
-    std::fprintf(out, "!!Database has %d fewer %s record(s) than header does.!!\n", cnt, what);
-  } else if (cnt < 0) {
-    std::fprintf(out, "!!Database has %d more %s record(s) than header does.!!\n",
-                 wrapping_sub(0, cnt), what);
-  }
-}
-
 void print_block_map(FILE* out, const dbase* db, int showfree) {
   if (showfree != 0) {
     for (std::size_t b = 0; b < db->ddb_nblocks; ++b) {
@@ -56,51 +46,7 @@ void print_block_map(FILE* out, const dbase* db, int showfree) {
   }
 }
 
-// The subdisks of sdlist that belong to the plex of node `pn`.
-void attach_subdisks(overview_state& st, sview* pn, const plexrec* pl) {
-  reclist* s = st.sdlist;
-  while (s != nullptr) {
-    if (seqno_equal(record_of(s->r)->sd()->sd_plex_rid, pl->pl_rid)) {
-      pn->diff = wrapping_sub(pn->diff, 1);
-      addchild(pn, st.pool.new_sview(s->r, 0));
-      listdelete(&st.sdlist, &s);
-    }
-    s = s != nullptr ? s->next : st.sdlist;
-  }
-}
-
-// The plexes of plexlist that belong to the volume of node `vn`.
-void attach_plexes(overview_state& st, sview* vn, const volrec* vol) {
-  reclist* p = st.plexlist;
-  while (p != nullptr) {
-    const plexrec* pl = record_of(p->r)->plex();
-    if (seqno_equal(pl->pl_vol_rid, vol->v_rid)) {
-      vn->diff = wrapping_sub(vn->diff, 1);
-      // A plex is always expected to have at least one subdisk.
-      const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
-      sview* pn = st.pool.new_sview(p->r, expected);
-      addchild(vn, pn);
-      listdelete(&st.plexlist, &p);
-      attach_subdisks(st, pn, pl);
-    }
-    p = p != nullptr ? p->next : st.plexlist;
-  }
-}
-
 }  // namespace
-
-void print_duplicate_ids(FILE* out, const reclist* dmlist) {
-  for (const reclist* a = dmlist; a != nullptr; a = a->next) {
-    const dmrec* da = record_of(a->r)->dm();
-    for (const reclist* b = a->next; b != nullptr; b = b->next) {
-      const dmrec* db = record_of(b->r)->dm();
-      if (std::strcmp(da->dm_diskid, db->dm_diskid) == 0) {
-        std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", da->dm_name,
-                     db->dm_name, da->dm_diskid);
-      }
-    }
-  }
-}
 
 const char* rec_name(const db_record* r) {
   const record* rec = record_of(r);
@@ -120,49 +66,8 @@ sview* node_pool::new_sview(db_record* r, int diff) {
   return n;
 }
 
-void listadd(node_pool& pool, reclist** head, db_record* r) {
-  reclist* node = pool.new_reclist(r);
-  const char* name = rec_name(r);
-  if (*head == nullptr || std::strcmp(rec_name((*head)->r), name) > 0) {
-    node->next = *head;
-    *head = node;
-    return;
-  }
-  reclist* cur = *head;
-  while (cur->next != nullptr && std::strcmp(rec_name(cur->next->r), name) < 0) cur = cur->next;
-  node->next = cur->next;
-  cur->next = node;
-}
-
-void listdelete(reclist** head, reclist** p) {
-  if (*p == *head) {
-    *head = (*p)->next;
-    *p = nullptr;  // the node goes back to the pool
-    return;
-  }
-  reclist* q = *head;
-  while (q != nullptr && q->next != *p) q = q->next;
-  if (q == nullptr) return;
-  q->next = (*p)->next;
-  *p = q;
-}
-
 void listprint(FILE* out, const reclist* head) {
   for (; head != nullptr; head = head->next) std::fprintf(out, "    %s\n", rec_name(head->r));
-}
-
-void listprintrecord(record_printer& pr, dbase* db, const reclist* head) {
-  for (; head != nullptr; head = head->next) pr.print_record(db, head->r);
-}
-
-void addchild(sview* p, sview* c) {
-  if (p->dlink == nullptr) {
-    p->dlink = c;
-    return;
-  }
-  sview* last = p->dlink;
-  while (last->rlink != nullptr) last = last->rlink;
-  last->rlink = c;
 }
 
 void tree_printer::printsview(const sview* p, int ilen) {
@@ -171,13 +76,13 @@ void tree_printer::printsview(const sview* p, int ilen) {
     if (p->r != nullptr) {
       const char* name = rec_name(p->r);
       if (p->diff == 0) {
-        std::fprintf(out_, "%s%s", indent_, name);
-        printsviewrecordinfo(out_, p->r);
-      } else if (p->diff > 0) {
-        std::fprintf(out_, "%s%s !!%d missing child(ren)!!\n", indent_, name, p->diff);
-      } else {
-        std::fprintf(out_, "%s%s !!%d extra child(ren)!!\n", indent_, name,
-                     wrapping_sub(0, p->diff));
+        std::fprintf(s_.out, "%s%s", indent_, name);
+        printsviewrecordinfo(s_.out, p->r);
+      } else if (next_ != last_) {
+        // The node's finding: its name and mark, after the tree's drawing.
+        std::fputs(indent_, s_.out);
+        raise_finding(s_, next_->f);
+        ++next_;
       }
     }
     if (p->rlink == nullptr && ilen != 0) std::memset(indent_ + ilen - TREE_LEVEL, ' ', TREE_LEVEL);
@@ -191,7 +96,7 @@ void tree_printer::printsview(const sview* p, int ilen) {
     if (p->rlink == nullptr || ilen == 0) return;
     // A line of the vertical bars down to this level's "|".
     indent_[ilen - 3] = '\0';
-    std::fprintf(out_, "%s\n", indent_);
+    std::fprintf(s_.out, "%s\n", indent_);
     indent_[ilen - 3] = '-';
     p = p->rlink;
   }
@@ -213,13 +118,6 @@ void printsviewrecordinfo(FILE* out, const db_record* r) {
     std::fprintf(out, "   (%s/%sMB)", vofftostr(len, lenbuf), vofftostr(len / 2048));
   }
   std::fputs("\n", out);
-}
-
-void printsviewrecord(record_printer& pr, dbase* db, const sview* p) {
-  for (; p != nullptr; p = p->rlink) {
-    if (p->r != nullptr) pr.print_record(db, p->r);
-    if (p->dlink != nullptr) printsviewrecord(pr, db, p->dlink);
-  }
 }
 
 void print_header(FILE* out, const dbase* db, const voldb_info* hdr) {
@@ -273,125 +171,196 @@ void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* 
   }
 }
 
-void overview_collect(FILE* out, dbase* db, overview_state& st) {
-  dbrec_iter it;
-  dbrlist_iter(&it, db);
-  while (db_record* r = dbrlist_next(&it)) {
-    const record* rec = record_of(r);
-    if (rec == nullptr) {
-      std::fprintf(out, "!! Corrupted ref=%d, 1st block=%d !!\n\n", static_cast<int>(r->dbr_ref),
-                   static_cast<int>(r->dbr_first_blkno));
-      listadd(st.pool, &st.otherlist, r);
-      continue;
-    }
-    switch (rec->type) {
-      case REC_TYPE_VOL:
-        st.v_cnt = wrapping_sub(st.v_cnt, 1);
-        listadd(st.pool, &st.vollist, r);
-        break;
-      case REC_TYPE_PLEX:
-        st.pl_cnt = wrapping_sub(st.pl_cnt, 1);
-        listadd(st.pool, &st.plexlist, r);
-        break;
-      case REC_TYPE_SD:
-        st.sd_cnt = wrapping_sub(st.sd_cnt, 1);
-        listadd(st.pool, &st.sdlist, r);
-        break;
-      case REC_TYPE_DM:
-        st.dm_cnt = wrapping_sub(st.dm_cnt, 1);
-        listadd(st.pool, &st.dmlist, r);
-        break;
-      case REC_TYPE_DG:
-        if (st.dglist != nullptr) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
-        listadd(st.pool, &st.dglist, r);
-        break;
-      default: listadd(st.pool, &st.otherlist, r); break;
-    }
-  }
-}
+namespace {
 
-void overview_build_tree(overview_state& st) {
-  st.root = st.pool.new_sview(st.dglist != nullptr ? st.dglist->r : nullptr, 0);
-  reclist* v = st.vollist;
-  while (v != nullptr) {
-    const volrec* vol = record_of(v->r)->vol();
-    sview* vn = st.pool.new_sview(v->r, static_cast<int>(vol->v_pl_num));
-    addchild(st.root, vn);
-    listdelete(&st.vollist, &v);
-    attach_plexes(st, vn, vol);
-    v = v != nullptr ? v->next : st.vollist;
-  }
-}
-
-int config_report::configcopy_eof() {
-  if (configcopy_eof_called != 0) return 1;
-  configcopy_eof_called = 1;
-  const int res = lastres;
-  if (db->ddb_hdrsize == 0) {
-    volpfmt(s, s.err, 1, ":668:Header not found\n");
-    throw fatal_exit{1};
-  }
-  const auto dbsize = static_cast<std::int64_t>(db->ddb_nblocks * db->ddb_blksize);
-  if (dbsize > lastoffset && res == 0) {
-    volpfmt(s, s.err, 1, ":894:Premature EOF; %ld bytes expected\n", static_cast<long>(dbsize));
-  }
-  overview_state& st = view;
-  st.v_cnt = static_cast<int>(hdrinfo.vdbi_config_sum.vs_v_cnt);
-  st.pl_cnt = static_cast<int>(hdrinfo.vdbi_config_sum.vs_pl_cnt);
-  st.sd_cnt = static_cast<int>(hdrinfo.vdbi_config_sum.vs_sd_cnt);
-  st.dm_cnt = static_cast<int>(hdrinfo.vdbi_config_sum.vs_dm_cnt);
-  FILE* out = s.out;
-  if (st.direct) {
-    overview_collect(out, db, st);
-    overview_build_tree(st);
+// "fewer" when the header counts more records than were found, "more" when
+// it counts fewer.
+void count_finding(overview_state& st, finding_code code, int cnt, unsigned long claimed,
+                   const char* what) {
+  if (cnt == 0) return;
+  finding f;
+  f.code = code;
+  if (cnt > 0) {
+    f.text = finding_textf("!!Database has %d fewer %s record(s) than header does.!!", cnt, what);
   } else {
-    overview_build_indexed(out, db, st);
+    f.text = finding_textf("!!Database has %d more %s record(s) than header does.!!",
+                           wrapping_sub(0, cnt), what);
   }
+  f.expected = std::to_string(claimed);
+  f.actual = std::to_string(static_cast<unsigned>(wrapping_sub(static_cast<int>(claimed), cnt)));
+  st.add(report_place::counts, std::move(f));
+}
+
+// The tree's findings, in the order the tree is printed.
+void tree_findings(overview_state& st, const sview* p) {
+  for (; p != nullptr; p = p->rlink) {
+    if (p->r != nullptr && p->diff != 0) {
+      finding f = record_finding(
+          st, p->diff > 0 ? finding_code::missing_children : finding_code::extra_children, p->r);
+      const int n = p->diff > 0 ? p->diff : wrapping_sub(0, p->diff);
+      f.text = finding_textf("%s !!%d %s child(ren)!!", rec_name(p->r), n,
+                             p->diff > 0 ? "missing" : "extra");
+      st.add(report_place::tree, std::move(f));
+    }
+    tree_findings(st, p->dlink);
+  }
+}
+
+// The update tid of a record whose long format is printed, or null.
+const volseqno_t* update_tid(const db_record* r) {
+  const record* rec = record_of(r);
+  if (rec == nullptr) return nullptr;
+  switch (rec->type) {
+    case REC_TYPE_VOL: return &rec->vol()->v_update_tid;
+    case REC_TYPE_PLEX: return &rec->plex()->pl_update_tid;
+    case REC_TYPE_SD: return &rec->sd()->sd_update_tid;
+    case REC_TYPE_DM: return &rec->dm()->dm_update_tid;
+    default: return nullptr;
+  }
+}
+
+// The later of two tids in the store's circular order: `tid` replaces
+// `max` when it lies 0 to 2^63 - 1 ahead of it.
+void track_tid(volseqno_t& max, const volseqno_t& tid) {
+  const auto diff = static_cast<std::int64_t>(seqno_value(tid) - seqno_value(max));
+  if (diff >= 0 && !seqno_equal(tid, max)) max = tid;
+}
+
+// The findings that print before each place, then those of the place.
+const placed_finding* raise_at(session& s, const placed_finding* p, const placed_finding* end,
+                               report_place at) {
+  for (; p != end && p->at <= at; ++p) raise_finding(s, p->f);
+  return p;
+}
+
+}  // namespace
+
+finding_object finding_object_of(const db_record* r) {
+  finding_object o;
+  o.rtype = static_cast<int>(r->dbr_type & 15);
+  if (const record* rec = record_of(r)) {
+    o.rid = rec->rid;
+    o.name = rec->name;
+  }
+  return o;
+}
+
+finding record_finding(const overview_state& st, finding_code code, const db_record* r) {
+  finding f;
+  f.code = code;
+  f.object = finding_object_of(r);
+  if (r->dbr_first_blkno != DDB_NOBLOCK) {
+    f.place.block = static_cast<std::int64_t>(r->dbr_first_blkno * st.blksize / 512);
+  }
+  return f;
+}
+
+void collect_finding(overview_state& st, const db_record* r, bool extra_dg) {
+  if (record_of(r) == nullptr) {
+    finding f = record_finding(st, finding_code::corrupt_record, r);
+    f.text = finding_textf("!! Corrupted ref=%d, 1st block=%d !!", static_cast<int>(r->dbr_ref),
+                           static_cast<int>(r->dbr_first_blkno));
+    st.add(report_place::collect, std::move(f));
+  } else if (extra_dg) {
+    finding f = record_finding(st, finding_code::extra_dg_record, r);
+    f.text = "!!! ERROR: EXTRA DG RECORD !!!";
+    st.add(report_place::collect, std::move(f));
+  }
+}
+
+void add_duplicate_id(overview_state& st, const db_record* a, const db_record* b) {
+  const dmrec* da = record_of(a)->dm();
+  const dmrec* db = record_of(b)->dm();
+  finding f = record_finding(st, finding_code::duplicate_disk_id, a);
+  f.text = finding_textf("!! Disks %s and %s have duplicate id: %s !!", da->dm_name, db->dm_name,
+                         da->dm_diskid);
+  f.other = finding_object_of(b);
+  st.add(report_place::disks, std::move(f));
+}
+
+void overview_start(overview_state& st, const dbase* db, const voldb_info& hdr) {
+  st.blksize = db->ddb_blksize;
+  st.v_cnt = static_cast<int>(hdr.vdbi_config_sum.vs_v_cnt);
+  st.pl_cnt = static_cast<int>(hdr.vdbi_config_sum.vs_pl_cnt);
+  st.sd_cnt = static_cast<int>(hdr.vdbi_config_sum.vs_sd_cnt);
+  st.dm_cnt = static_cast<int>(hdr.vdbi_config_sum.vs_dm_cnt);
+}
+
+void overview_finish(overview_state& st, const voldb_info& hdr, int m_qzmake_format) {
+  if (st.root->r == nullptr) {
+    finding f;
+    f.code = finding_code::no_dg_record;
+    f.text = "!! No disk group record in configuration !!";
+    st.add(report_place::tree, std::move(f));
+  }
+  tree_findings(st, st.root);
+  const vol_summary& c = hdr.vdbi_config_sum;
+  count_finding(st, finding_code::volume_count, st.v_cnt, c.vs_v_cnt, "volume");
+  count_finding(st, finding_code::plex_count, st.pl_cnt, c.vs_pl_cnt, "plex");
+  count_finding(st, finding_code::subdisk_count, st.sd_cnt, c.vs_sd_cnt, "subdisk");
+  count_finding(st, finding_code::dm_count, st.dm_cnt, c.vs_dm_cnt, "dm");
+
+  if (m_qzmake_format == 0) {
+    for (const db_record* r : details_order(st)) {
+      if (const volseqno_t* tid = update_tid(r)) track_tid(st.max_tid, *tid);
+    }
+  }
+  const auto above =
+      static_cast<std::int64_t>(seqno_value(st.max_tid) - seqno_value(hdr.vdbi_config_tid));
+  if (above > 0) {
+    finding f;
+    f.code = finding_code::higher_tid;
+    f.text = finding_textf("!!Database has a higher tid %s than header does.!!",
+                           volseqnotostr(st.max_tid));
+    f.expected = volseqnotostr(hdr.vdbi_config_tid);
+    f.actual = volseqnotostr(st.max_tid);
+    st.add(report_place::end, std::move(f));
+  }
+  std::stable_sort(st.findings.begin(), st.findings.end(),
+                   [](const placed_finding& a, const placed_finding& b) { return a.at < b.at; });
+}
+
+void overview_analyse(overview_state& st, dbase* db, const voldb_info& hdr, int m_qzmake_format) {
+  overview_start(st, db, hdr);
+  overview_build_indexed(db, st);
+  find_duplicate_ids(st);
+  overview_finish(st, hdr, m_qzmake_format);
+}
+
+void print_overview(session& s, dbase* db, const voldb_info& hdr, const overview_state& st) {
+  FILE* out = s.out;
+  const placed_finding* next = st.findings.data();
+  const placed_finding* const end = next + st.findings.size();
+  next = raise_at(s, next, end, report_place::collect);
 
   std::fputs("========== Configuration Overview ========\n\n", out);
-  if (st.root->r == nullptr) std::fputs(NO_DG_FINDING, out);
-  tree_printer(out).printsview(st.root, 0);
+  if (next != end && next->f.code == finding_code::no_dg_record) raise_finding(s, (next++)->f);
+  const placed_finding* tree_end = next;
+  while (tree_end != end && tree_end->at == report_place::tree) ++tree_end;
+  tree_printer(s, next, tree_end).printsview(st.root, 0);
+  next = tree_end;
   std::fputs("\nOther records:\n", out);
   listprint(out, st.dmlist);
-  if (st.direct) {
-    print_duplicate_ids(out, st.dmlist);
-  } else {
-    print_duplicate_ids_indexed(out, st.dmlist);
-  }
+  next = raise_at(s, next, end, report_place::disks);
   listprint(out, st.vollist);
   listprint(out, st.plexlist);
   listprint(out, st.sdlist);
   listprint(out, st.otherlist);
 
   std::fputs("\n========== Configuration Details ========\n\n", out);
-  print_header(out, db, &hdrinfo);
+  print_header(out, db, &hdr);
   std::fputs("#\n", out);
-  print_count_check(out, st.v_cnt, "volume");
-  print_count_check(out, st.pl_cnt, "plex");
-  print_count_check(out, st.sd_cnt, "subdisk");
-  print_count_check(out, st.dm_cnt, "dm");
+  next = raise_at(s, next, end, report_place::counts);
   print_block_map(out, db, s.f_show_free);
   std::fputs("#\n", out);
 
-  record_printer pr(out, max_tid, s.m_qzmake_format);
-  if (st.direct) {
-    printsviewrecord(pr, db, st.root);
-    listprintrecord(pr, db, st.dmlist);
-    listprintrecord(pr, db, st.vollist);
-    listprintrecord(pr, db, st.plexlist);
-    listprintrecord(pr, db, st.sdlist);
-    listprintrecord(pr, db, st.otherlist);
-  } else {
-    print_details_indexed(pr, db, st);
-  }
+  record_printer pr(out, s.m_qzmake_format);
+  print_details_indexed(pr, db, details_order(st));
+  raise_at(s, next, end, report_place::end);
+}
 
-  const auto above =
-      static_cast<std::int64_t>(seqno_value(max_tid) - seqno_value(hdrinfo.vdbi_config_tid));
-  if (above > 0) {
-    std::fprintf(out, "\n!!Database has a higher tid %s than header does.!!\n",
-                 volseqnotostr(max_tid));
-  }
-  return 1;
+void raise_overview_findings(session& s, const overview_state& st) {
+  for (const placed_finding& p : st.findings) raise_finding(s, p.f);
 }
 
 }  // namespace pd

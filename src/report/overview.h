@@ -1,22 +1,22 @@
 // The configuration report: record lists, the hierarchy view, the
 // consistency findings, the database header and the block map.
 //
-// Collected records are sorted by name into per-type lists (disk groups,
-// volumes, plexes, subdisks, disk media, others). The first disk group is
-// the root of a tree; each volume hangs under it, each plex under the volume
+// The report is built in two steps. The analysis makes the model: the
+// store's records sorted by name into per-type lists (disk groups,
+// volumes, plexes, subdisks, disk media, others); the first disk group as
+// the root of a tree, each volume under it, each plex under the volume
 // whose rid its pl_vol_rid names, each subdisk under the plex its
-// sd_plex_rid names. A node's `diff` is the number of children its record
-// announces minus the children found; the tree printer marks non-zero
-// differences ("!!N missing child(ren)!!", "!!N extra child(ren)!!").
-// Records that fit nowhere stay in their lists and are named under "Other
-// records:".
+// sd_plex_rid names, each node with the number of children its record
+// announces minus the children found; the record counts against the
+// database header's; the highest update tid; and every finding, with the
+// place of the report where it is printed. The printer then writes the
+// model and raises each finding at its place.
 //
 // When the copy holds no disk-group record the tree has no root line: the
-// report prints the finding NO_DG_FINDING where the root would stand and
-// hangs the volumes under an empty root.
+// finding no-dg-record stands where the root would, and the volumes hang
+// under an empty root.
 //
-// List and tree nodes come from pools owned by the report's state; removing a
-// node from a list never releases memory (the pools go away with the state).
+// List and tree nodes come from pools owned by the model.
 #pragma once
 
 #include <cstdint>
@@ -24,14 +24,14 @@
 #include <memory>
 #include <vector>
 
+#include "base/session.h"
 #include "config_db/block_store.h"
 #include "config_db/records.h"
+#include "io/findings.h"
 
 namespace pd {
 
 class record_printer;
-
-inline constexpr const char* NO_DG_FINDING = "!! No disk group record in configuration !!\n\n";
 
 // A node of a name-sorted list of store records.
 struct reclist {
@@ -76,47 +76,41 @@ struct node_pool {
   sview* new_sview(db_record* r, int diff);
 };
 
-// Inserts `r` in name order: in front of the first node whose name sorts
-// after it, except that an equal-named head stays first.
-void listadd(node_pool& pool, reclist** head, db_record* r);
-// The list that listadd builds from records added one by one, built in
-// O(n log n) (name_sorted_list, overview_index.h).
-class sorted_list_builder {
- public:
-  void add(db_record* r) { recs_.push_back(r); }
-  bool empty() const { return recs_.empty(); }
-  // Links the list at *head (which it replaces).
-  void link(node_pool& pool, reclist** head) const;
+void listprint(FILE* out, const reclist* head);
 
- private:
-  std::vector<db_record*> recs_;
+// Where in the report a finding is printed.
+enum class report_place : std::uint8_t {
+  collect,  // before the overview, as the records are sorted into lists
+  tree,     // in the tree: no disk group at the root, or a node's children
+  disks,    // after the disk list of "Other records:"
+  counts,   // after the database header
+  end,      // after the record details
 };
 
-// Unlinks `*p`; `*p` becomes its predecessor, or null when it was the head.
-void listdelete(reclist** head, reclist** p);
-void listprint(FILE* out, const reclist* head);
-void listprintrecord(record_printer& pr, dbase* db, const reclist* head);
+struct placed_finding {
+  report_place at;
+  finding f;
+};
 
-void addchild(sview* p, sview* c);
-
-// The tree printer; `indent` is the prefix of the current line.
+// The tree printer; `indent` is the prefix of the current line. The tree's
+// findings, in the order the tree is printed, are raised at their nodes.
 class tree_printer {
  public:
-  explicit tree_printer(FILE* out) : out_(out) {}
+  tree_printer(session& s, const placed_finding* first, const placed_finding* last)
+      : s_(s), next_(first), last_(last) {}
   void printsview(const sview* p, int ilen);
   const char* indent() const { return indent_; }
 
  private:
-  FILE* out_;
+  session& s_;
+  const placed_finding* next_;
+  const placed_finding* last_;
   char indent_[80] = {};
 };
 
 // The size suffix of a tree line ("   (len/NMB)" for volumes and subdisks)
 // and the newline.
 void printsviewrecordinfo(FILE* out, const db_record* r);
-// print_record of `p`, its subtree, then its following siblings.
-void printsviewrecord(record_printer& pr, dbase* db, const sview* p);
-
 void print_header(FILE* out, const dbase* db, const voldb_info* hdr);
 // `blkno` is the index of `b` in the store's block array.
 void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* b, int showfree);
@@ -127,7 +121,7 @@ inline int wrapping_sub(int a, int b) {
   return static_cast<int>(static_cast<unsigned>(a) - static_cast<unsigned>(b));
 }
 
-// The report's own state.
+// The model of one report.
 struct overview_state {
   node_pool pool;
   reclist* dglist = nullptr;
@@ -136,22 +130,47 @@ struct overview_state {
   reclist* sdlist = nullptr;
   reclist* dmlist = nullptr;
   reclist* otherlist = nullptr;
+  // The header's record counts less the records found.
   int v_cnt = 0;
   int pl_cnt = 0;
   int sd_cnt = 0;
   int dm_cnt = 0;
   sview* root = nullptr;
-  // Build with the direct, quadratic algorithms above instead of those of
-  // overview_index.h (the reference the differential tests compare with).
-  bool direct = false;
+  std::size_t blksize = 0;  // the store's block size, for the places of records
+  // The highest update tid of the volume, plex, subdisk and disk-media
+  // records, met in the order of the details.
+  volseqno_t max_tid;
+  // In the order they are printed.
+  std::vector<placed_finding> findings;
+
+  void add(report_place at, finding f) { findings.push_back({at, std::move(f)}); }
 };
 
-// Sorts the store's records into the lists (printing the corrupted-record
-// and extra-disk-group findings) and builds the tree.
-void overview_collect(FILE* out, dbase* db, overview_state& st);
-void overview_build_tree(overview_state& st);
-// "!! Disks A and B have duplicate id: ID !!" for every pair of disks with
-// equal ids, A before B in list order, A the outer.
-void print_duplicate_ids(FILE* out, const reclist* dmlist);
+// Sets the counts to the header's claims, before the records are sorted.
+void overview_start(overview_state& st, const dbase* db, const voldb_info& hdr);
+// The model's remaining findings once lists and tree are built: no disk
+// group, the tree's children, the record counts and the higher tid (with
+// m_qzmake_format set no record updates the tid, as none is printed in the
+// long format); then the findings in the order of their places.
+void overview_finish(overview_state& st, const voldb_info& hdr, int m_qzmake_format);
+// The whole analysis: overview_start, the lists, the tree and the duplicate
+// ids (overview_index.h), overview_finish.
+void overview_analyse(overview_state& st, dbase* db, const voldb_info& hdr, int m_qzmake_format);
+
+// The report from the overview heading to its end, each finding raised at
+// its place.
+void print_overview(session& s, dbase* db, const voldb_info& hdr, const overview_state& st);
+// Every finding of the model raised in order, nothing printed.
+void raise_overview_findings(session& s, const overview_state& st);
+
+// A finding about record `r`: its type, id and name, and its place, the
+// 512-byte file block where the record's first block lies.
+finding record_finding(const overview_state& st, finding_code code, const db_record* r);
+finding_object finding_object_of(const db_record* r);
+// The finding "!! Corrupted ..." or "!!! ERROR: EXTRA DG RECORD !!!" for a
+// record met while sorting, or nothing.
+void collect_finding(overview_state& st, const db_record* r, bool extra_dg);
+// "!! Disks A and B have duplicate id: ID !!".
+void add_duplicate_id(overview_state& st, const db_record* a, const db_record* b);
 
 }  // namespace pd

@@ -196,7 +196,7 @@ void prefetch_facts(const record* rec) {
   }
 }
 
-void gather(FILE* out, dbase* db, overview_state& st, gathered& g) {
+void gather(dbase* db, overview_state& st, gathered& g) {
   std::vector<db_record*> all;
   dbrec_iter it;
   dbrlist_iter(&it, db);
@@ -210,8 +210,7 @@ void gather(FILE* out, dbase* db, overview_state& st, gathered& g) {
     db_record* r = all[i];
     const record* rec = record_of(r);
     if (rec == nullptr) {
-      std::fprintf(out, "!! Corrupted ref=%d, 1st block=%d !!\n\n", static_cast<int>(r->dbr_ref),
-                   static_cast<int>(r->dbr_first_blkno));
+      collect_finding(st, r, false);
       g.other.add("", rec_facts{r});
       continue;
     }
@@ -239,7 +238,7 @@ void gather(FILE* out, dbase* db, overview_state& st, gathered& g) {
         g.dm.add(rec->name, {r});
         break;
       case REC_TYPE_DG:
-        if (!g.dg.facts.empty()) std::fputs("\n!!! ERROR: EXTRA DG RECORD !!!\n\n", out);
+        if (!g.dg.facts.empty()) collect_finding(st, r, true);
         g.dg.add(rec->name, {r});
         break;
       default: g.other.add(rec->name, {r}); break;
@@ -310,13 +309,9 @@ reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs) 
   return l.build(pool);
 }
 
-void sorted_list_builder::link(node_pool& pool, reclist** head) const {
-  *head = name_sorted_list(pool, recs_);
-}
-
-void overview_build_indexed(FILE* out, dbase* db, overview_state& st) {
+void overview_build_indexed(dbase* db, overview_state& st) {
   gathered g;
-  gather(out, db, st, g);
+  gather(db, st, g);
   st.dglist = g.dg.build(st.pool);
   st.vollist = g.vol.build(st.pool);
   st.plexlist = g.plex.build(st.pool);
@@ -337,10 +332,12 @@ void overview_build_indexed(FILE* out, dbase* db, overview_state& st) {
   attach_subdisks(st, g, attach_plexes(st, g, vols));
 }
 
-void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist) {
+void find_duplicate_ids(overview_state& st) {
   std::vector<const dmrec*> dms;
+  std::vector<const db_record*> recs;
   std::vector<sort_key> keys;
-  for (const reclist* l = dmlist; l != nullptr; l = l->next) {
+  for (const reclist* l = st.dmlist; l != nullptr; l = l->next) {
+    recs.push_back(l->r);
     dms.push_back(record_of(l->r)->dm());
     keys.emplace_back(dms.back()->dm_diskid, keys.size());
   }
@@ -358,9 +355,7 @@ void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist) {
   }
   for (std::size_t a = 0; a < n; ++a) {
     for (std::size_t q = where[a] + 1; q < group_end[where[a]]; ++q) {
-      const dmrec* b = dms[keys[q].pos];
-      std::fprintf(out, "!! Disks %s and %s have duplicate id: %s !!\n\n", dms[a]->dm_name,
-                   b->dm_name, dms[a]->dm_diskid);
+      add_duplicate_id(st, recs[a], recs[keys[q].pos]);
     }
   }
 }
@@ -396,12 +391,17 @@ void prefetch_record(const db_record* r, int stage) {
 
 }  // namespace
 
-void print_details_indexed(record_printer& pr, dbase* db, const overview_state& st) {
+std::vector<const db_record*> details_order(const overview_state& st) {
   std::vector<const db_record*> order;
   flatten(st.root, order);
   for (const reclist* l : {st.dmlist, st.vollist, st.plexlist, st.sdlist, st.otherlist}) {
     for (; l != nullptr; l = l->next) order.push_back(l->r);
   }
+  return order;
+}
+
+void print_details_indexed(record_printer& pr, dbase* db,
+                           const std::vector<const db_record*>& order) {
   constexpr std::size_t AHEAD = 3;
   for (std::size_t i = 0; i < order.size(); ++i) {
     if (i + 3 * AHEAD < order.size()) prefetch_record(order[i + 3 * AHEAD], 0);

@@ -1,9 +1,13 @@
 // The report's list, tree and duplicate steps at scale.
 //
-// The direct algorithms of overview.h (listadd, listdelete during the tree
-// walk, addchild, the pairwise duplicate walk) cost O(n^2) on a copy of n
-// records. The functions here build the very same lists and tree and print
-// the very same lines in O(n log n) plus the size of the output:
+// The lists, the tree and the duplicate ids are defined by direct
+// algorithms: insertion of each record into its name-sorted list (listadd),
+// a walk of the volume list that moves each volume under the root and, for
+// each, the plexes whose pl_vol_rid names it out of the plex list (and for
+// each plex its subdisks), and a pairwise walk of the disk list. These cost
+// O(n^2) on a copy of n records. The functions here build the very same
+// lists and tree and find the very same findings, in the same order, in
+// O(n log n):
 //
 // - A list is the stable sort of its records by name (strcmp), except for
 //   the order inside a run of equal names N, which listadd's insertion rule
@@ -24,11 +28,10 @@
 //   (A, B) are printed with A in list order outside and B, the later
 //   members of A's group, in list order inside.
 //
-// The direct algorithms stay in overview.cc as the reference the
+// The direct algorithms are kept in the tests, as the reference the
 // differential tests compare these with.
 #pragma once
 
-#include <cstdio>
 #include <vector>
 
 #include "report/overview.h"
@@ -39,14 +42,18 @@ namespace pd {
 // The chain listadd builds when the records are added in this order.
 reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs);
 
-// overview_collect then overview_build_tree, with identical results (the
-// same findings printed, lists, counters and tree).
-void overview_build_indexed(FILE* out, dbase* db, overview_state& st);
-// print_duplicate_ids, with identical output.
-void print_duplicate_ids_indexed(FILE* out, const reclist* dmlist);
-// The records in detail, in the report's order: printsviewrecord of the
-// root, then listprintrecord of the disk, volume, plex, subdisk and other
-// lists; each record's memory is asked for a few records ahead.
-void print_details_indexed(record_printer& pr, dbase* db, const overview_state& st);
+// The lists, the counters, the tree and the findings met while sorting
+// (corrupted records, extra disk groups).
+void overview_build_indexed(dbase* db, overview_state& st);
+// "Disks A and B have duplicate id" for every pair of disks of the disk
+// list with equal ids, A before B in list order, A the outer.
+void find_duplicate_ids(overview_state& st);
+// The records in the order of the details: the tree in pre-order, then the
+// disk, volume, plex, subdisk and other lists.
+std::vector<const db_record*> details_order(const overview_state& st);
+// Each record of `order` in the long format; each record's memory is asked
+// for a few records ahead.
+void print_details_indexed(record_printer& pr, dbase* db,
+                           const std::vector<const db_record*>& order);
 
 }  // namespace pd

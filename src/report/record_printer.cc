@@ -91,11 +91,6 @@ int print_flag_words(FILE* out, unsigned long flags, const flag_word* words, std
   return col;
 }
 
-void record_printer::track_tid(const volseqno_t& tid) {
-  const auto diff = static_cast<std::int64_t>(seqno_value(tid) - seqno_value(max_tid_));
-  if (diff >= 0 && !seqno_equal(tid, max_tid_)) max_tid_ = tid;
-}
-
 void record_printer::print_record(const dbase* db, const db_record* r) {
   std::fprintf(out_, "#Record %4lu: type=0x%04x flags=0x%04x gen_flags=0x%04x ",
                static_cast<unsigned long>(r->dbr_ref), static_cast<unsigned>(r->dbr_type),
@@ -134,7 +129,6 @@ void record_printer::print_volume_longformat(const volrec& v) {
   guidbuf g;
   std::fprintf(out_, " Volume:   %s rid=%s update=%s", v.v_name, volridtostr(v.v_rid, rid),
                volseqnotostr(v.v_update_tid, tid));
-  track_tid(v.v_update_tid);
   if (v.v_nt_mount_name != nullptr) std::fprintf(out_, " mountname=%ls", v.v_nt_mount_name);
   std::fputs("\n", out_);
   std::fprintf(out_, " info:     len=%s guid=%s\n", vofftostr(v.v_len),
@@ -185,7 +179,6 @@ void record_printer::print_plex_longformat(const plexrec& pl) {
   guidbuf g;
   std::fprintf(out_, " Plex:     %s rid=%s update=%s\n", pl.pl_name, volridtostr(pl.pl_rid, rid),
                volseqnotostr(pl.pl_update_tid, tid));
-  track_tid(pl.pl_update_tid);
   if (!guid_equal(pl.pl_guid, zeroguid)) {
     std::fprintf(out_, " info      guid=%s\n", guid_text(pl.pl_guid, g));
   }
@@ -216,7 +209,6 @@ void record_printer::print_subdisk_longformat(const sdrec& sd) {
   idbuf off, len;
   std::fprintf(out_, " Subdisk:  %s rid=%s updated=%s\n", sd.sd_name, volridtostr(sd.sd_rid, rid),
                volseqnotostr(sd.sd_update_tid, tid));
-  track_tid(sd.sd_update_tid);
   std::fprintf(out_, " info:     disk=%s offset=%s len=%s hidden=%s\n",
                volridtostr(sd.sd_dm_rid, rid), vofftostr(sd.sd_dm_offset, off),
                vofftostr(sd.sd_len, len), vofftostr(sd.sd_nt_hidden_sectors));
@@ -238,7 +230,6 @@ void record_printer::print_diskmedia_longformat(const dmrec& dm) {
   guidbuf g;
   std::fprintf(out_, " Disk:     %s rid=%s updated=%s\n", dm.dm_name, volridtostr(dm.dm_rid, rid),
                volseqnotostr(dm.dm_update_tid, tid));
-  track_tid(dm.dm_update_tid);
   if ((dm.dm_pflag & DM_PF_REMOVED) == 0) {
     std::fprintf(out_, " assoc:    diskid=%s", dm.dm_diskid);
     if ((dm.dm_pflag & DM_PF_DETACHED) != 0) std::fputs(" detached", out_);

@@ -8,9 +8,7 @@
 // labelled lines built from the decoded fields. Volume flag words wrap so
 // that no line passes column 78; continuation lines start with nine blanks.
 //
-// The printer keeps the highest update tid of the volume, plex, subdisk and
-// disk-media records it has printed in the `max_tid` it was given. Wide
-// strings go through the C library's "%ls" under the current locale.
+// Wide strings go through the C library's "%ls" under the current locale.
 #pragma once
 
 #include <cstdio>
@@ -27,8 +25,8 @@ inline constexpr int FLAG_WRAP_COLUMN = 78;
 
 class record_printer {
  public:
-  record_printer(FILE* out, volseqno_t& max_tid, int m_qzmake_format = 0)
-      : out_(out), max_tid_(max_tid), m_qzmake_format_(m_qzmake_format) {}
+  explicit record_printer(FILE* out, int m_qzmake_format = 0)
+      : out_(out), m_qzmake_format_(m_qzmake_format) {}
 
   void print_record(const dbase* db, const db_record* r);
 
@@ -45,11 +43,9 @@ class record_printer {
   tag_printer& tags() { return tags_; }
 
  private:
-  void track_tid(const volseqno_t& tid);
   void print_fields(int type, const void* u);
 
   FILE* out_;
-  volseqno_t& max_tid_;
   int m_qzmake_format_;
   tag_printer tags_;
 };
