@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "inspect/inspect.h"
 #include "inspect/inspect_image.h"
 #include "inspect_support.h"
 #include "report/copy_loading.h"
@@ -119,6 +120,30 @@ TEST(Findings, PlacesNameTheCopyBlockSectorAndOffset) {
   ASSERT_TRUE(at.count(finding_code::missing_children));
   EXPECT_EQ(at[finding_code::missing_children].block, 2);  // after the header and the group
   EXPECT_EQ(at[finding_code::missing_children].sector, 17 + 2);
+}
+
+// The header copies' verdicts: a damaged alternate copy's checksum and
+// decode, and the scan's choice as a note.
+TEST(Findings, HeaderVerdicts) {
+  const std::string path = build_to_file(
+      "disk sector-size=512 sectors=2048\nregion config copy=1 offset=17 len=400\n"
+      "hdrcopy primary\nhdrcopy alternate damage=checksum\n",
+      "headers.img");
+  captured_session cs;
+  inspect_image img(cs.get());
+  ASSERT_TRUE(img.open({path, 512}));
+  const std::vector<finding> found = header_findings(img);
+  ASSERT_EQ(found.size(), 3u);
+  EXPECT_EQ(found[0].code, finding_code::header_checksum);
+  EXPECT_EQ(found[0].place.sector, 2048 - 192);
+  EXPECT_EQ(std::stoul(*found[0].actual, nullptr, 16), std::stoul(*found[0].expected, nullptr, 16) + 1);
+  EXPECT_EQ(found[1].code, finding_code::header_undecodable);
+  EXPECT_EQ(found[1].text,
+            "alternate header: does not decode: error 165: Format error in disk private region "
+            "(bad checksum)");
+  EXPECT_EQ(found[2].code, finding_code::header_choice);
+  EXPECT_EQ(found[2].sev(), severity::note);
+  EXPECT_EQ(found[2].text, "scan: primary chosen: the alternate does not decode");
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "base/session.h"
 #include "base/types.h"
+#include "io/findings.h"
 #include "inspect/inspect_image.h"
 
 namespace pd {
@@ -24,6 +25,9 @@ int inspect_config(session& s, const inspect_target& t, int copy);
 
 // headers: both header copies, their differences and the scan's choice.
 int inspect_headers(session& s, const inspect_target& t);
+// The verdicts of `headers` as findings: each copy's checksum and decode,
+// then the scan's choice (a note). The image is open, not yet scanned.
+std::vector<finding> header_findings(inspect_image& img);
 
 // check [--quiet]: the whole report run silently; one line per finding.
 int inspect_check(session& s, const inspect_target& t, bool quiet);

@@ -9,10 +9,12 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "base/errors.h"
 #include "codec/integers.h"
 #include "codec/text_forms.h"
+#include "io/findings.h"
 #include "io/messages.h"
 #include "inspect/inspect.h"
 #include "private_region/header.h"
@@ -214,15 +216,19 @@ std::string geometry_disagreement(const header_copy& p, const header_copy& a) {
   return out;
 }
 
-void print_choice(session& s, inspect_image& img, int res, const header_copy& p,
-                  const header_copy& a) {
+// The scan's choice as a note: its line, and the explanation that follows
+// it on the lines after, if any.
+struct header_choice {
+  std::string line;
+  std::string more;
+};
+
+header_choice choice_of(inspect_image& img, int res, const header_copy& p, const header_copy& a) {
   if (res != 0) {
-    std::fprintf(s.out, "scan: no header chosen: error %d: %s\n", res, vol_strerror(res));
-    std::fprintf(s.out,
-                 "    the primary does not decode; the search of sectors 8 to 248 found no "
-                 "header that names its own sector as the alternate, and the alternate copy "
-                 "is not consulted then\n");
-    return;
+    return {finding_textf("scan: no header chosen: error %d: %s", res, vol_strerror(res)),
+            "    the primary does not decode; the search of sectors 8 to 248 found no "
+            "header that names its own sector as the alternate, and the alternate copy "
+            "is not consulted then\n"};
   }
   unsigned long fl = img.priv()->pri_flags;
   bool pok = (fl & PRI_PRIMARY_OK) != 0;
@@ -231,51 +237,100 @@ void print_choice(session& s, inspect_image& img, int res, const header_copy& p,
   std::string ps = seq(p.hdr.phi_update_seqno);
   std::string as = seq(a.hdr.phi_update_seqno);
   if (!pok && used_alt) {
-    std::fprintf(s.out,
-                 "scan: alternate found by search: the primary does not decode; the scan keeps "
-                 "the header as it stood before the search, without a region length, so the "
-                 "join fails\n");
-  } else if (pok && !aok) {
-    std::fprintf(s.out, "scan: primary chosen: the alternate does not decode\n");
-  } else if (!pok) {
-    std::fprintf(s.out, "scan: alternate chosen: the primary does not decode\n");
-  } else if (std::string g = geometry_disagreement(p, a); !g.empty()) {
-    std::fprintf(s.out,
-                 "scan: primary chosen: the copies disagree on %s, and the primary is kept\n",
-                 g.c_str());
-  } else if (used_alt) {
-    std::fprintf(s.out,
-                 "scan: alternate chosen: its update seqno %s is newer than the primary's %s\n",
-                 as.c_str(), ps.c_str());
-  } else {
-    std::fprintf(s.out,
-                 "scan: primary chosen: its update seqno %s is not older than the alternate's %s\n",
-                 ps.c_str(), as.c_str());
+    return {"scan: alternate found by search: the primary does not decode; the scan keeps "
+            "the header as it stood before the search, without a region length, so the "
+            "join fails", ""};
   }
+  if (pok && !aok) return {"scan: primary chosen: the alternate does not decode", ""};
+  if (!pok) return {"scan: alternate chosen: the primary does not decode", ""};
+  if (std::string g = geometry_disagreement(p, a); !g.empty()) {
+    return {"scan: primary chosen: the copies disagree on " + g + ", and the primary is kept", ""};
+  }
+  if (used_alt) {
+    return {"scan: alternate chosen: its update seqno " + as + " is newer than the primary's " + ps,
+            ""};
+  }
+  return {"scan: primary chosen: its update seqno " + ps + " is not older than the alternate's " + as,
+          ""};
+}
+
+// A copy's verdicts: a stored checksum that differs from the computed one,
+// a copy that does not decode.
+void copy_findings(const header_copy& c, const inspect_image& img, std::vector<finding>& out) {
+  if (c.nread < HDR_SIZE) return;
+  finding_place at;
+  at.sector = c.sector;
+  at.offset = c.sector * img.sector_size();
+  at.structure = "header";
+  if (c.stored_sum != c.computed_sum) {
+    finding f;
+    f.code = finding_code::header_checksum;
+    f.text = finding_textf("%s header: stored checksum 0x%08x, computed 0x%08x", c.name,
+                           c.stored_sum, c.computed_sum);
+    f.place = at;
+    f.expected = finding_textf("0x%08x", c.computed_sum);
+    f.actual = finding_textf("0x%08x", c.stored_sum);
+    out.push_back(std::move(f));
+  }
+  if (c.res != 0) {
+    finding f;
+    f.code = finding_code::header_undecodable;
+    f.text = finding_textf("%s header: does not decode: error %d: %s%s", c.name, c.res,
+                           vol_strerror(c.res), fault_of(c));
+    f.place = at;
+    out.push_back(std::move(f));
+  }
+}
+
+// Both copies, the scan's result and every verdict, the scan's choice last.
+struct header_view {
+  header_copy p, a;
+  bool scanned = false;  // the image holds both header positions
+  int scan_res = 0;
+  std::string choice_more;  // lines that explain the choice, if any
+  std::vector<finding> findings;
+};
+
+header_view analyse_headers(inspect_image& img) {
+  header_view v;
+  v.p.name = "primary";
+  v.p.sector = img.attrs().dka_primary_header;
+  v.a.name = "alternate";
+  v.a.sector = img.attrs().dka_alternate_header;
+  for (header_copy* c : {&v.p, &v.a}) {
+    if (read_copy(img, *c)) decode_copy(*c);
+    copy_findings(*c, img, v.findings);
+  }
+  if (v.p.sector < 0 || v.a.sector < 0) return v;
+  v.scanned = true;
+  v.scan_res = img.scan();
+  const header_choice choice = choice_of(img, v.scan_res, v.p, v.a);
+  finding f;
+  f.code = finding_code::header_choice;
+  f.text = choice.line;
+  f.place.structure = "header";
+  v.findings.push_back(std::move(f));
+  v.choice_more = choice.more;
+  return v;
 }
 
 }  // namespace
 
+std::vector<finding> header_findings(inspect_image& img) { return analyse_headers(img).findings; }
+
 int inspect_headers(session& s, const inspect_target& t) {
   inspect_image img(s);
   if (!img.open(t)) return INSPECT_USAGE_IO;
-  header_copy p, a;
-  p.name = "primary";
-  p.sector = img.attrs().dka_primary_header;
-  a.name = "alternate";
-  a.sector = img.attrs().dka_alternate_header;
-  for (header_copy* c : {&p, &a}) {
-    if (read_copy(img, *c)) decode_copy(*c);
-    print_copy(s, *c, img);
-  }
-  print_differences(s, p, a);
-  if (p.sector < 0 || a.sector < 0) {
+  const header_view v = analyse_headers(img);
+  print_copy(s, v.p, img);
+  print_copy(s, v.a, img);
+  print_differences(s, v.p, v.a);
+  if (!v.scanned) {
     std::fprintf(s.out, "scan: not run: the image is too short to hold both header positions\n");
     return INSPECT_FINDINGS;
   }
-  int res = img.scan();
-  print_choice(s, img, res, p, a);
-  return res == 0 ? INSPECT_OK : INSPECT_FINDINGS;
+  std::fprintf(s.out, "%s\n%s", v.findings.back().text.c_str(), v.choice_more.c_str());
+  return v.scan_res == 0 ? INSPECT_OK : INSPECT_FINDINGS;
 }
 
 }  // namespace pd
