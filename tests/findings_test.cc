@@ -16,6 +16,7 @@
 #include "inspect/inspect_image.h"
 #include "inspect_support.h"
 #include "report/copy_loading.h"
+#include "report/log_dump.h"
 
 namespace pd::test {
 namespace {
@@ -144,6 +145,30 @@ TEST(Findings, HeaderVerdicts) {
   EXPECT_EQ(found[2].code, finding_code::header_choice);
   EXPECT_EQ(found[2].sev(), severity::note);
   EXPECT_EQ(found[2].text, "scan: primary chosen: the alternate does not decode");
+}
+
+// A refused log block: its finding names the log copy, the block, its
+// sector, and privinspect logs writes its text on the error stream.
+TEST(Findings, LogBlockInvalid) {
+  const std::string path = build_to_file(
+      "disk sector-size=512 sectors=2048\nregion config copy=1 offset=17 len=400\n"
+      "region log copy=1 offset=1617 len=100 content=log begin\n"
+      "  block tid=0.200 seqno=7\n  block tid=0.200 seqno=8 blkno=9\nend\n",
+      "logs.img");
+  captured_session cs;
+  finding_collector raised;
+  cs->sink = &raised;
+  inspect_image img(cs.get());
+  ASSERT_TRUE(img.open({path, 512}));
+  ASSERT_TRUE(img.locate());
+  priv_dump_logs(cs.get(), img.priv(), 1);
+  ASSERT_FALSE(raised.list.empty());
+  const finding& f = raised.list[0];
+  EXPECT_EQ(f.code, finding_code::log_block_invalid);
+  EXPECT_EQ(f.place.copy, 1);
+  EXPECT_EQ(f.place.block, 1);
+  EXPECT_EQ(f.place.sector, 1618);
+  EXPECT_NE(inspect({"logs", path}).err.find(f.text + "\n"), std::string::npos);
 }
 
 }  // namespace

@@ -387,14 +387,18 @@ int config_report::configcopy_eof() {
 
 void config_report::place_in_copy(finding_place& at) const {
   if (copy == nullptr) return;
-  at.copy = copy->ci_copy;
+  place_in_copy_block(priv, copy, at);
   at.structure = "config copy";
+}
+
+void place_in_copy_block(const priv_info* priv, const copy_info* cp, finding_place& at) {
+  at.copy = cp->ci_copy;
   if (at.block < 0 || priv == nullptr || priv->pri_header == nullptr) return;
   const priv_header_info* hdr = priv->pri_header;
   const auto chunk = static_cast<voff_t>(hdr->phi_chunk_size);
   std::int64_t first = 0;  // the part's first file block
-  for (int i = 0; i < copy->ci_npart; ++i) {
-    const disk_region& rg = copy->ci_parts[i]->tei_region;
+  for (int i = 0; i < cp->ci_npart; ++i) {
+    const disk_region& rg = cp->ci_parts[i]->tei_region;
     const std::int64_t len = chunk * rg.dkr_len / 512;
     if (at.block < first + len) {
       at.offset = (chunk * rg.dkr_offset / 512 + (at.block - first)) * 512;

@@ -164,6 +164,10 @@ int priv_read_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf
 // extraction errors.
 int priv_dump_config_disksetID(session& s, priv_info* priv, int copy, char* disksetID);
 
+// Fills the copy number of `at`, and when `at.block` (a 512-byte block of
+// copy `cp`) lies inside the copy, its byte offset and sector in the image.
+void place_in_copy_block(const priv_info* priv, const copy_info* cp, finding_place& at);
+
 // Copy a possibly absent string; a null source gives an empty destination.
 // 1 when the source was null, else 0. REQUIRES: room for the source.
 int safe_strcpy(char* strDestination, const char* strSource);

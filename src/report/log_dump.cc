@@ -9,6 +9,7 @@
 #include "io/io_buffers.h"
 #include "codec/integers.h"
 #include "codec/text_forms.h"
+#include "io/findings.h"
 #include "io/messages.h"
 #include "report/copy_loading.h"
 
@@ -93,14 +94,21 @@ bool log_copy_disabled(const copy_info* cp) {
 }
 
 // Prints the valid blocks of one copy read into `buf` (`nblks` blocks).
-void log_dump_blocks(session& s, const std::uint8_t* buf, std::size_t nblks) {
+void log_dump_blocks(session& s, const priv_info* priv, const copy_info* cp,
+                     const std::uint8_t* buf, std::size_t nblks) {
   for (std::size_t blk = 0; blk < nblks; blk++) {
     const std::uint8_t* bp = buf + blk * KLOG_BLKSIZE;
     volseqno_t tid;
     unsigned long logseqno = 0;
     std::size_t loglen = 0;
     if (!logblk_valid(bp, KLOG_BLKSIZE, blk, &tid, &logseqno, &loglen)) {
-      volpfmt(s, s.err, 1, ":721:Log block %d: Log block invalid\n", static_cast<int>(blk));
+      finding f;
+      f.code = finding_code::log_block_invalid;
+      f.text = volsfmt(s, 1, ":721:Log block %d: Log block invalid", static_cast<int>(blk));
+      f.place.block = static_cast<std::int64_t>(blk * (KLOG_BLKSIZE / 512));
+      place_in_copy_block(priv, cp, f.place);
+      f.place.structure = "log copy";
+      raise_finding(s, f);
       continue;
     }
     // Only block 0 says how long the log is, and it can only shorten it.
@@ -124,7 +132,7 @@ void log_dump_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf
     volpfmt(s, s.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
     return;
   }
-  log_dump_blocks(s, buf, nread);
+  log_dump_blocks(s, priv, cp, buf, nread);
 }
 
 }  // namespace
