@@ -11,7 +11,6 @@
 #include <string>
 
 #include "base/errors.h"
-#include "codec/integers.h"
 #include "codec/text_forms.h"
 #include "io/messages.h"
 #include "inspect/inspect.h"
@@ -21,8 +20,7 @@ namespace pd {
 
 namespace {
 
-constexpr std::size_t HDR_SIZE = 512;
-constexpr const char HDR_MAGIC[] = "PRIVHEAD";
+constexpr std::size_t HDR_SIZE = PRIV_HEADER_SIZE;
 
 struct header_copy {
   const char* name = "";
@@ -50,8 +48,8 @@ bool read_copy(inspect_image& img, header_copy& c) {
 bool body_decoded(int res) { return res == 0 || res == VE_PRIV_FORMAT || res == VE_PRIV_INVALID; }
 
 void decode_copy(header_copy& c) {
-  c.magic_ok = std::memcmp(c.buf, HDR_MAGIC, 8) == 0;
-  c.stored_sum = get_be32(c.buf + 8);
+  c.magic_ok = std::memcmp(c.buf, header_magic, PRIV_MAGIC_LEN) == 0;
+  c.stored_sum = priv_header_stored_checksum(c.buf);
   c.computed_sum = static_cast<std::uint32_t>(priv_header_checksum(c.buf));
   c.res = priv_unformat_header(&c.hdr, c.buf);
   if (c.magic_ok && c.stored_sum == c.computed_sum) {
@@ -60,8 +58,7 @@ void decode_copy(header_copy& c) {
   }
   std::uint8_t fixed[HDR_SIZE];
   std::memcpy(fixed, c.buf, HDR_SIZE);
-  std::memcpy(fixed, HDR_MAGIC, 8);
-  put_be32(fixed + 8, static_cast<std::uint32_t>(priv_header_checksum(fixed)));
+  priv_header_seal(fixed);
   c.hdr = priv_header_info{};
   c.lenient_res = priv_unformat_header(&c.hdr, fixed);
   c.has_fields = body_decoded(c.lenient_res);
