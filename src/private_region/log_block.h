@@ -45,9 +45,16 @@ inline constexpr std::size_t KLOG_ENTRY_WORDS = 5;
 inline constexpr std::size_t KLOG_ENTRY_USED = 1 + KLOG_ENTRY_WORDS * 4;
 static_assert(KLOG_ENTRY_USED <= KLOG_ENTRY_SIZE, "the words fit in the entry");
 
-// The two accepted magics, read as big-endian words.
-inline constexpr std::uint32_t KLOG_MAGIC = 0x4B4C4F47;      // "KLOG"
-inline constexpr std::uint32_t KLOG_MAGIC_ALT = 0x6B4C4F47;  // "kLOG"
+// The two accepted magics, as text and read as big-endian words.
+inline constexpr char klog_magic[] = "KLOG";
+inline constexpr char klog_magic_alt[] = "kLOG";
+inline constexpr std::size_t KLOG_MAGIC_LEN = 4;
+inline constexpr std::uint32_t KLOG_MAGIC = 0x4B4C4F47;
+inline constexpr std::uint32_t KLOG_MAGIC_ALT = 0x6B4C4F47;
+static_assert(KLOG_OFF_TID_HI == KLOG_OFF_MAGIC + KLOG_MAGIC_LEN &&
+              KLOG_OFF_TID_LO == KLOG_OFF_TID_HI + 4 && KLOG_OFF_SEQNO == KLOG_OFF_TID_LO + 4 &&
+              KLOG_OFF_LOGLEN == KLOG_OFF_SEQNO + 4 && KLOG_OFF_BLKNO == KLOG_OFF_LOGLEN + 4 &&
+              KLOG_OFF_ENTRIES == KLOG_OFF_BLKNO + 4, "the block words follow one another");
 
 enum vol_klogent_type : std::uint8_t {
   MIN_KLOG_TYPE_ENT = 0,
