@@ -121,9 +121,14 @@ inline constexpr std::size_t VOLDB_OFF_COMMIT_STATE = 16;
 inline constexpr std::size_t VOLDB_OFF_VERSION_MAJOR = 18;
 inline constexpr std::size_t VOLDB_OFF_VERSION_MINOR = 20;
 inline constexpr std::size_t VOLDB_PREFIX_SIZE = 22;
-static_assert(VOLDB_PREFIX_SIZE == 4 + 3 * 4 + 3 * 2 && VOLDB_OFF_NBLOCKS == VOLDB_MAGIC_LEN &&
-              VOLDB_OFF_COMMIT_STATE == VOLDB_OFF_HDRSIZE + 4 &&
-              VOLDB_PREFIX_SIZE == VOLDB_OFF_VERSION_MINOR + 2);
+static_assert(VOLDB_PREFIX_SIZE == 4 + 3 * 4 + 3 * 2);
+static_assert(VOLDB_OFF_NBLOCKS == VOLDB_MAGIC_LEN && VOLDB_OFF_BLKSIZE == VOLDB_OFF_NBLOCKS + 4 &&
+                  VOLDB_OFF_HDRSIZE == VOLDB_OFF_BLKSIZE + 4 &&
+                  VOLDB_OFF_COMMIT_STATE == VOLDB_OFF_HDRSIZE + 4 &&
+                  VOLDB_OFF_VERSION_MAJOR == VOLDB_OFF_COMMIT_STATE + 2 &&
+                  VOLDB_OFF_VERSION_MINOR == VOLDB_OFF_VERSION_MAJOR + 2 &&
+                  VOLDB_PREFIX_SIZE == VOLDB_OFF_VERSION_MINOR + 2,
+              "the prefix fields follow one another");
 
 struct voldb_prefix_info {
   bool vdp_magic_ok;  // "VMDB"

@@ -37,15 +37,20 @@ inline constexpr std::size_t TOC_NEXT_OFFSET = 20;
 inline constexpr std::size_t TOC_ALT_NEXT_OFFSET = 28;
 inline constexpr std::size_t TOC_ENTRIES_OFFSET = 36;
 static_assert(TOC_ENTRIES_OFFSET == 8 + 4 + 4 + 4 + 8 + 8);
-static_assert(TOC_CHECKSUM_OFFSET == TOC_MAGIC_LEN && TOC_SEQNO_HI_OFFSET == TOC_CHECKSUM_OFFSET + 4 &&
-              TOC_NEXT_OFFSET == TOC_SEQNO_LO_OFFSET + 4 && TOC_ALT_NEXT_OFFSET == TOC_NEXT_OFFSET + 8);
+static_assert(TOC_CHECKSUM_OFFSET == TOC_MAGIC_LEN &&
+                  TOC_SEQNO_HI_OFFSET == TOC_CHECKSUM_OFFSET + 4 &&
+                  TOC_SEQNO_LO_OFFSET == TOC_SEQNO_HI_OFFSET + 4 &&
+                  TOC_NEXT_OFFSET == TOC_SEQNO_LO_OFFSET + 4 &&
+                  TOC_ALT_NEXT_OFFSET == TOC_NEXT_OFFSET + 8 &&
+                  TOC_ENTRIES_OFFSET == TOC_ALT_NEXT_OFFSET + 8,
+              "the block words follow one another");
 
 // The words before the entries of a TOC block.
 struct toc_block_info {
-  bool tbi_magic_ok;         // "TOCBLOCK"
+  bool tbi_magic_ok;           // "TOCBLOCK"
   std::uint32_t tbi_checksum;  // as stored
   volseqno_t tbi_seqno;
-  voff_t tbi_next;           // signed as stored; the join checks the range
+  voff_t tbi_next;             // as stored: the join checks the range
   voff_t tbi_alt_next;
 };
 
