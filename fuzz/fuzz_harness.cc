@@ -74,12 +74,10 @@ class image_file {
 void fix_checksums(std::vector<std::uint8_t>& image, std::size_t sector_size) {
   for (std::size_t off = 0; off + PRIV_HEADER_SIZE <= image.size(); off += PRIV_HEADER_SIZE) {
     std::uint8_t* p = image.data() + off;
-    if (std::memcmp(p, header_magic, PRIV_MAGIC_LEN) == 0) {
-      put_be32(p + PRIV_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_header_checksum(p)));
-    }
+    if (std::memcmp(p, header_magic, PRIV_MAGIC_LEN) == 0) priv_header_seal(p);
     if (off % sector_size == 0 && off + sector_size <= image.size() &&
-        std::memcmp(p, toc_magic, PRIV_MAGIC_LEN) == 0) {
-      put_be32(p + PRIV_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_toc_checksum(p, sector_size)));
+        std::memcmp(p, toc_magic, TOC_MAGIC_LEN) == 0) {
+      put_be32(p + TOC_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_toc_checksum(p, sector_size)));
     }
   }
 }
