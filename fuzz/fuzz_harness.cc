@@ -16,6 +16,7 @@
 #include "config_db/block_store.h"
 #include "config_db/record_layouts.h"
 #include "driver/driver.h"
+#include "inspect/inspect.h"
 #include "io/dump_device.h"
 #include "private_region/locate.h"
 #include "report/header_toc_dump.h"
@@ -73,12 +74,10 @@ class image_file {
 void fix_checksums(std::vector<std::uint8_t>& image, std::size_t sector_size) {
   for (std::size_t off = 0; off + PRIV_HEADER_SIZE <= image.size(); off += PRIV_HEADER_SIZE) {
     std::uint8_t* p = image.data() + off;
-    if (std::memcmp(p, header_magic, PRIV_MAGIC_LEN) == 0) {
-      put_be32(p + PRIV_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_header_checksum(p)));
-    }
+    if (std::memcmp(p, header_magic, PRIV_MAGIC_LEN) == 0) priv_header_seal(p);
     if (off % sector_size == 0 && off + sector_size <= image.size() &&
-        std::memcmp(p, toc_magic, PRIV_MAGIC_LEN) == 0) {
-      put_be32(p + PRIV_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_toc_checksum(p, sector_size)));
+        std::memcmp(p, toc_magic, TOC_MAGIC_LEN) == 0) {
+      put_be32(p + TOC_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_toc_checksum(p, sector_size)));
     }
   }
 }
@@ -101,6 +100,15 @@ void dump_logs(const std::string& path, int sector_size) {
     priv->pri_header->phi_priv_offset = 0;
     if (priv_join(priv.get()) != 0) return;
     priv_dump_logs(s, priv.get(), -1);
+  } catch (const fatal_exit&) {
+  }
+}
+
+// privinspect's scan: every sector start with a magic, decoded.
+void scan_image(const std::string& path, int sector_size) {
+  session s(null_sink(), null_sink());
+  try {
+    inspect_scan(s, inspect_target{path, sector_size});
   } catch (const fatal_exit&) {
   }
 }
@@ -250,6 +258,7 @@ bool decode_pipeline_input(const std::uint8_t* data, std::size_t size, pipeline_
   const std::uint8_t flags = data[0];
   in->sector_size = (flags & PIPE_4096) != 0 ? 4096 : 512;
   in->dump_logs = (flags & PIPE_LOGS) != 0;
+  in->scan = (flags & PIPE_SCAN) != 0;
   in->image.clear();
   expand_image(flags, data + 1, data + size, &in->image);
   if ((flags & PIPE_FIXSUMS) != 0) fix_checksums(in->image, static_cast<std::size_t>(in->sector_size));
@@ -293,6 +302,7 @@ int run_pipeline(const std::uint8_t* data, std::size_t size) {
   session s(null_sink(), null_sink());
   const int status = privdiag_main(s, 3, argv);
   if (in.dump_logs) dump_logs(path, in.sector_size);
+  if (in.scan) scan_image(path, in.sector_size);
   return status;
 }
 

@@ -10,6 +10,8 @@
 //               "PRIVHEAD" and every sector that starts with "TOCBLOCK"
 //               gets its checksum recomputed (so that mutations reach what
 //               lies behind the checksums)
+//   flag bit 4  also privinspect's scan of the image (every structure's
+//               decoder on whole and on cut sectors)
 // Sparse image: length (4 bytes big-endian, cut to PIPELINE_MAX_IMAGE), fill
 // byte, then chunks until the input ends: offset (4 bytes big-endian), count
 // (2 bytes big-endian), count bytes; a chunk is cut at the image's end.
@@ -44,10 +46,12 @@ inline constexpr std::uint8_t PIPE_4096 = 0x1;
 inline constexpr std::uint8_t PIPE_SPARSE = 0x2;
 inline constexpr std::uint8_t PIPE_LOGS = 0x4;
 inline constexpr std::uint8_t PIPE_FIXSUMS = 0x8;
+inline constexpr std::uint8_t PIPE_SCAN = 0x10;
 
 struct pipeline_input {
   int sector_size = 512;
   bool dump_logs = false;
+  bool scan = false;
   std::vector<std::uint8_t> image;
 };
 
@@ -59,7 +63,8 @@ std::vector<std::uint8_t> encode_sparse_input(std::uint8_t flags, const std::vec
                                               std::uint8_t fill);
 
 // Runs privdiag on the image in process (the image in a memory file, output
-// and diagnostics to /dev/null), then the log dump when asked. Returns
+// and diagnostics to /dev/null), then the log dump and the scan when asked.
+// Returns
 // privdiag's exit status, or -1 for an empty input.
 int run_pipeline(const std::uint8_t* data, std::size_t size);
 // Returns false when the codec broke one of its invariants.

@@ -136,12 +136,13 @@ block_header decode_block_header(const dbase* db, const std::uint8_t* p) {
     h.nfrag = p[5];
     h.payload = p + DDB_C_BLKHDR_SIZE;
   } else {
-    h.magic_ok = std::memcmp(p, "VBLK", 4) == 0;
-    h.blkno = get_be32(p + 4);
-    h.ref = get_be32(p + 8);
-    h.frag = get_be16(p + 12);
-    h.nfrag = get_be16(p + 14);
-    h.payload = p + DDB_BLKHDR_SIZE;
+    ddb_blkhdr_info b{};  // block_header_fits: the decode cannot fail
+    h.payload = ddb_block_header_decode(p, p + db->ddb_blksize, &b);
+    h.magic_ok = b.dbh_magic_ok;
+    h.blkno = b.dbh_blkno;
+    h.ref = b.dbh_ref;
+    h.frag = b.dbh_frag;
+    h.nfrag = b.dbh_nfrag;
   }
   return h;
 }
@@ -432,11 +433,11 @@ std::uint8_t* ddb_format_block(const dbase* db, std::uint8_t* blk, std::size_t b
     }
     return p;
   }
-  std::memcpy(p, "VBLK", 4);
-  put_be32(p + 4, static_cast<std::uint32_t>(blkno));
-  put_be32(p + 8, static_cast<std::uint32_t>(ref));
-  put_be16(p + 12, static_cast<std::uint16_t>(frag));
-  put_be16(p + 14, static_cast<std::uint16_t>(nfrag));
+  std::memcpy(p, ddb_blkhdr_magic, DDB_BLKHDR_MAGIC_LEN);
+  put_be32(p + DDB_BLKHDR_OFF_BLKNO, static_cast<std::uint32_t>(blkno));
+  put_be32(p + DDB_BLKHDR_OFF_REF, static_cast<std::uint32_t>(ref));
+  put_be16(p + DDB_BLKHDR_OFF_FRAG, static_cast<std::uint16_t>(frag));
+  put_be16(p + DDB_BLKHDR_OFF_NFRAG, static_cast<std::uint16_t>(nfrag));
   p += DDB_BLKHDR_SIZE;
   if (frag == 0 && r != nullptr) {
     put_be16(p, r->dbr_flag);
@@ -445,6 +446,18 @@ std::uint8_t* ddb_format_block(const dbase* db, std::uint8_t* blk, std::size_t b
     p += DDB_RECHDR_SIZE;
   }
   return p;
+}
+
+const std::uint8_t* ddb_block_header_decode(const std::uint8_t* p, const std::uint8_t* lim,
+                                            ddb_blkhdr_info* out) {
+  if (p == nullptr || lim < p || static_cast<std::size_t>(lim - p) < DDB_BLKHDR_SIZE)
+    return nullptr;
+  out->dbh_magic_ok = std::memcmp(p, ddb_blkhdr_magic, DDB_BLKHDR_MAGIC_LEN) == 0;
+  out->dbh_blkno = get_be32(p + DDB_BLKHDR_OFF_BLKNO);
+  out->dbh_ref = get_be32(p + DDB_BLKHDR_OFF_REF);
+  out->dbh_frag = get_be16(p + DDB_BLKHDR_OFF_FRAG);
+  out->dbh_nfrag = get_be16(p + DDB_BLKHDR_OFF_NFRAG);
+  return p + DDB_BLKHDR_SIZE;
 }
 
 const db_block& ddb_block(const dbase* db, std::size_t blkno) {

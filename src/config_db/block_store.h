@@ -55,6 +55,35 @@ inline constexpr std::size_t DDB_C_BLKHDR_SIZE = 6;     // "LK" 2 + blkno 1 + re
 inline constexpr std::size_t DDB_C_RECHDR_SIZE = 4;     // flag 1 + type 1 + size 2
 static_assert(DDB_BLKHDR_SIZE == 4 + 4 + 4 + 2 + 2 && DDB_RECHDR_SIZE == 2 + 2 + 4);
 
+// Fields of the standard block header.
+inline constexpr char ddb_blkhdr_magic[] = "VBLK";
+inline constexpr std::size_t DDB_BLKHDR_MAGIC_LEN = 4;
+inline constexpr std::size_t DDB_BLKHDR_OFF_BLKNO = 4;
+inline constexpr std::size_t DDB_BLKHDR_OFF_REF = 8;
+inline constexpr std::size_t DDB_BLKHDR_OFF_FRAG = 12;
+inline constexpr std::size_t DDB_BLKHDR_OFF_NFRAG = 14;
+static_assert(DDB_BLKHDR_OFF_BLKNO == DDB_BLKHDR_MAGIC_LEN &&
+              DDB_BLKHDR_OFF_REF == DDB_BLKHDR_OFF_BLKNO + 4 &&
+              DDB_BLKHDR_OFF_FRAG == DDB_BLKHDR_OFF_REF + 4 &&
+              DDB_BLKHDR_OFF_NFRAG == DDB_BLKHDR_OFF_FRAG + 2 &&
+              DDB_BLKHDR_SIZE == DDB_BLKHDR_OFF_NFRAG + 2);
+
+// A standard block header, decoded.
+struct ddb_blkhdr_info {
+  bool dbh_magic_ok;  // "VBLK"
+  std::uint32_t dbh_blkno;
+  std::uint32_t dbh_ref;
+  std::uint16_t dbh_frag;
+  std::uint16_t dbh_nfrag;
+};
+
+// Decodes the standard block header at `p`, never reading at or past `lim`.
+// Returns the position of the block's payload, or null when fewer than
+// DDB_BLKHDR_SIZE bytes lie before `lim` (then `out` is left alone). Any
+// magic decodes: dbh_magic_ok tells whether it is the block's.
+const std::uint8_t* ddb_block_header_decode(const std::uint8_t* p, const std::uint8_t* lim,
+                                            ddb_blkhdr_info* out);
+
 // ddb_flag bits
 inline constexpr unsigned DDB_INCOMPLETE = 0x2;   // some record is incomplete
 inline constexpr unsigned DDB_REFUSED = 0x20;     // some complete record was refused

@@ -104,6 +104,49 @@ struct anyrec {
   char name[256];
 };
 
+// The fixed prefix of the database header, the same in every version:
+//   0   4  magic "VMDB"
+//   4   4  nblocks   (ddb_fields)
+//   8   4  blksize
+//   12  4  hdrsize
+//   16  2  commit state (voldb_info_base_fields)
+//   18  2  major version
+//   20  2  minor version
+inline constexpr char voldb_magic[] = "VMDB";
+inline constexpr std::size_t VOLDB_MAGIC_LEN = 4;
+inline constexpr std::size_t VOLDB_OFF_NBLOCKS = 4;
+inline constexpr std::size_t VOLDB_OFF_BLKSIZE = 8;
+inline constexpr std::size_t VOLDB_OFF_HDRSIZE = 12;
+inline constexpr std::size_t VOLDB_OFF_COMMIT_STATE = 16;
+inline constexpr std::size_t VOLDB_OFF_VERSION_MAJOR = 18;
+inline constexpr std::size_t VOLDB_OFF_VERSION_MINOR = 20;
+inline constexpr std::size_t VOLDB_PREFIX_SIZE = 22;
+static_assert(VOLDB_PREFIX_SIZE == 4 + 3 * 4 + 3 * 2);
+static_assert(VOLDB_OFF_NBLOCKS == VOLDB_MAGIC_LEN && VOLDB_OFF_BLKSIZE == VOLDB_OFF_NBLOCKS + 4 &&
+                  VOLDB_OFF_HDRSIZE == VOLDB_OFF_BLKSIZE + 4 &&
+                  VOLDB_OFF_COMMIT_STATE == VOLDB_OFF_HDRSIZE + 4 &&
+                  VOLDB_OFF_VERSION_MAJOR == VOLDB_OFF_COMMIT_STATE + 2 &&
+                  VOLDB_OFF_VERSION_MINOR == VOLDB_OFF_VERSION_MAJOR + 2 &&
+                  VOLDB_PREFIX_SIZE == VOLDB_OFF_VERSION_MINOR + 2,
+              "the prefix fields follow one another");
+
+struct voldb_prefix_info {
+  bool vdp_magic_ok;  // "VMDB"
+  std::uint32_t vdp_nblocks;
+  std::uint32_t vdp_blksize;
+  std::uint32_t vdp_hdrsize;
+  std::uint16_t vdp_commit_state;
+  std::uint16_t vdp_version_major;
+  std::uint16_t vdp_version_minor;
+};
+
+// Decodes the prefix at `p`, never reading at or past `lim`. Returns the
+// position after it (where the groups of the version begin), or null when
+// fewer than VOLDB_PREFIX_SIZE bytes lie before `lim` (then `out` is left
+// alone). Any magic decodes: vdp_magic_ok tells whether it is the header's.
+const std::uint8_t* voldb_prefix_decode(const std::uint8_t* p, const std::uint8_t* lim,
+                                        voldb_prefix_info* out);
+
 // Database header. `len` bounds the buffer; at most 512 bytes are used.
 // format writes ddb_nblocks/blksize/hdrsize of `db` and the version of `vi`
 // after clearing min(len, ddb_hdrsize) bytes: 0, or 139 for an unknown major

@@ -7,6 +7,9 @@
 //            voldb_info_netmirror_fields           16 (read when minor > 10)
 //            voldb_info_more_fields_nt_minor_1     8  (read when minor > 9)
 //            eight groups when minor > 16          4 + 16 + 8 + 5*8            = 68
+// The writer writes the 22-byte prefix through ddb_fields and
+// voldb_info_base_fields; the reader takes it from voldb_prefix_decode, whose
+// offsets spell out the same layout.
 // The reader tests minor > 10 before minor > 9: a minor-10 header yields the
 // update time from the bytes where the writer put the repeated counters.
 #include <algorithm>
@@ -14,14 +17,13 @@
 #include <iterator>
 
 #include "base/errors.h"
+#include "codec/integers.h"
 #include "config_db/record_field_macros.h"
 #include "config_db/record_layouts.h"
 
 namespace pd {
 
 namespace {
-
-constexpr std::size_t VMDB_MAGIC_LEN = 4;
 
 #define S dbase
 const db_field ddb_fields[] = {F_U4(ddb_nblocks), F_U4(ddb_blksize), F_U4(ddb_hdrsize)};
@@ -98,13 +100,34 @@ const std::uint8_t* unfmt(const table_ref& t, void* sp, const std::uint8_t* p,
 
 }  // namespace
 
+const std::uint8_t* voldb_prefix_decode(const std::uint8_t* p, const std::uint8_t* lim,
+                                        voldb_prefix_info* out) {
+  if (p == nullptr || lim < p || static_cast<std::size_t>(lim - p) < VOLDB_PREFIX_SIZE)
+    return nullptr;
+  out->vdp_magic_ok = std::memcmp(p, voldb_magic, VOLDB_MAGIC_LEN) == 0;
+  out->vdp_nblocks = get_be32(p + VOLDB_OFF_NBLOCKS);
+  out->vdp_blksize = get_be32(p + VOLDB_OFF_BLKSIZE);
+  out->vdp_hdrsize = get_be32(p + VOLDB_OFF_HDRSIZE);
+  out->vdp_commit_state = get_be16(p + VOLDB_OFF_COMMIT_STATE);
+  out->vdp_version_major = get_be16(p + VOLDB_OFF_VERSION_MAJOR);
+  out->vdp_version_minor = get_be16(p + VOLDB_OFF_VERSION_MINOR);
+  return p + VOLDB_PREFIX_SIZE;
+}
+
 int voldbsup_unformat_header(dbase* db, const std::uint8_t* buf, std::size_t len,
                              voldb_info* vi) {
-  if (len < VMDB_MAGIC_LEN || std::memcmp(buf, "VMDB", VMDB_MAGIC_LEN) != 0) return VE_BAD_MAGIC;
+  if (len < VOLDB_MAGIC_LEN || std::memcmp(buf, voldb_magic, VOLDB_MAGIC_LEN) != 0)
+    return VE_BAD_MAGIC;
   const std::uint8_t* lim = buf + std::min(len, VOLDB_HDR_DECODE);
-  const std::uint8_t* p = unfmt({ddb_fields, std::size(ddb_fields)}, db, buf + VMDB_MAGIC_LEN, lim);
-  p = unfmt({voldb_info_base_fields, std::size(voldb_info_base_fields)}, vi, p, lim);
+  voldb_prefix_info pre;
+  const std::uint8_t* p = voldb_prefix_decode(buf, lim, &pre);
   if (p == nullptr) return VE_DB_FORMAT;
+  db->ddb_nblocks = pre.vdp_nblocks;
+  db->ddb_blksize = pre.vdp_blksize;
+  db->ddb_hdrsize = pre.vdp_hdrsize;
+  vi->vdbi_commit_state = pre.vdp_commit_state;
+  vi->vdbi_version_major = pre.vdp_version_major;
+  vi->vdbi_version_minor = pre.vdp_version_minor;
   std::uint16_t minor = vi->vdbi_version_minor;
   switch (vi->vdbi_version_major) {
     case 3:
@@ -144,13 +167,13 @@ int voldbsup_format_header(dbase* db, std::uint8_t* buf, std::size_t len, const 
     case 4: groups = major4_groups; ngroups = std::size(major4_groups); break;
     default: return VE_DB_VERSION;
   }
-  std::size_t need = VMDB_MAGIC_LEN + dbf_tblsize(ddb_fields, std::size(ddb_fields), db) +
+  std::size_t need = VOLDB_MAGIC_LEN + dbf_tblsize(ddb_fields, std::size(ddb_fields), db) +
                      dbf_tblsize(voldb_info_base_fields, std::size(voldb_info_base_fields), vi);
   for (std::size_t i = 0; i < ngroups; ++i) need += dbf_tblsize(groups[i].ftbl, groups[i].nflds, vi);
   if (need > len) return VE_DB_FORMAT;
   std::memset(buf, 0, std::min(len, std::max(need, db->ddb_hdrsize)));
-  std::memcpy(buf, "VMDB", VMDB_MAGIC_LEN);
-  std::uint8_t* p = dbf_fmt_tbl(ddb_fields, std::size(ddb_fields), db, buf + VMDB_MAGIC_LEN);
+  std::memcpy(buf, voldb_magic, VOLDB_MAGIC_LEN);
+  std::uint8_t* p = dbf_fmt_tbl(ddb_fields, std::size(ddb_fields), db, buf + VOLDB_MAGIC_LEN);
   p = dbf_fmt_tbl(voldb_info_base_fields, std::size(voldb_info_base_fields), vi, p);
   for (std::size_t i = 0; i < ngroups; ++i) p = dbf_fmt_tbl(groups[i].ftbl, groups[i].nflds, vi, p);
   return 0;

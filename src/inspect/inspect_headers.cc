@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "base/errors.h"
-#include "codec/integers.h"
 #include "codec/text_forms.h"
 #include "io/findings.h"
 #include "io/messages.h"
@@ -23,8 +22,7 @@ namespace pd {
 
 namespace {
 
-constexpr std::size_t HDR_SIZE = 512;
-constexpr const char HDR_MAGIC[] = "PRIVHEAD";
+constexpr std::size_t HDR_SIZE = PRIV_HEADER_SIZE;
 
 struct header_copy {
   const char* name = "";
@@ -52,8 +50,8 @@ bool read_copy(inspect_image& img, header_copy& c) {
 bool body_decoded(int res) { return res == 0 || res == VE_PRIV_FORMAT || res == VE_PRIV_INVALID; }
 
 void decode_copy(header_copy& c) {
-  c.magic_ok = std::memcmp(c.buf, HDR_MAGIC, 8) == 0;
-  c.stored_sum = get_be32(c.buf + 8);
+  c.magic_ok = std::memcmp(c.buf, header_magic, PRIV_MAGIC_LEN) == 0;
+  c.stored_sum = priv_header_stored_checksum(c.buf);
   c.computed_sum = static_cast<std::uint32_t>(priv_header_checksum(c.buf));
   c.res = priv_unformat_header(&c.hdr, c.buf);
   if (c.magic_ok && c.stored_sum == c.computed_sum) {
@@ -62,8 +60,7 @@ void decode_copy(header_copy& c) {
   }
   std::uint8_t fixed[HDR_SIZE];
   std::memcpy(fixed, c.buf, HDR_SIZE);
-  std::memcpy(fixed, HDR_MAGIC, 8);
-  put_be32(fixed + 8, static_cast<std::uint32_t>(priv_header_checksum(fixed)));
+  priv_header_seal(fixed);
   c.hdr = priv_header_info{};
   c.lenient_res = priv_unformat_header(&c.hdr, fixed);
   c.has_fields = body_decoded(c.lenient_res);

@@ -3,8 +3,8 @@
 
 #include <cstdio>
 
-#include "codec/integers.h"
 #include "codec/text_forms.h"
+#include "config_db/record_layouts.h"
 #include "io/messages.h"
 
 namespace pd {
@@ -15,10 +15,11 @@ constexpr std::uint64_t MAX_DB_BLKSIZE = 8192;
 
 // The block size the database header at `byte` states, or 512.
 std::uint64_t config_unit(const inspect_image& img, std::uint64_t byte) {
-  std::uint8_t hdr[12];
+  std::uint8_t hdr[VOLDB_PREFIX_SIZE];
   if (img.read_at(byte, hdr, sizeof hdr) != sizeof hdr) return 512;
-  if (hdr[0] != 'V' || hdr[1] != 'M' || hdr[2] != 'D' || hdr[3] != 'B') return 512;
-  std::uint64_t blksize = get_be32(hdr + 8);
+  voldb_prefix_info h;
+  if (voldb_prefix_decode(hdr, hdr + sizeof hdr, &h) == nullptr || !h.vdp_magic_ok) return 512;
+  std::uint64_t blksize = h.vdp_blksize;
   return blksize == 0 || blksize > MAX_DB_BLKSIZE ? 512 : blksize;
 }
 

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "base/errors.h"
-#include "codec/integers.h"
 #include "codec/text_forms.h"
 #include "config_db/block_store.h"
 #include "config_db/record_layouts.h"
@@ -21,8 +20,8 @@
 #include "inspect/inspect.h"
 #include "inspect/inspect_places.h"
 #include "private_region/header.h"
+#include "private_region/log_block.h"
 #include "private_region/toc.h"
-#include "report/log_dump.h"
 
 namespace pd {
 
@@ -36,7 +35,9 @@ struct scan_magic {
 };
 
 const scan_magic scan_magics[] = {
-    {"PRIVHEAD", 8}, {"TOCBLOCK", 8}, {"VMDB", 4}, {"VBLK", 4}, {"KLOG", 4}, {"kLOG", 4},
+    {header_magic, PRIV_MAGIC_LEN},     {toc_magic, TOC_MAGIC_LEN},
+    {voldb_magic, VOLDB_MAGIC_LEN},     {ddb_blkhdr_magic, DDB_BLKHDR_MAGIC_LEN},
+    {klog_magic, KLOG_MAGIC_LEN},       {klog_magic_alt, KLOG_MAGIC_LEN},
 };
 
 class scanner {
@@ -77,10 +78,11 @@ class scanner {
 };
 
 bool scanner::extend_run(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
-  if (len < DDB_BLKHDR_SIZE || std::memcmp(p, "VBLK", 4) != 0 || get_be32(p + 8) != 0) {
+  ddb_blkhdr_info h;
+  if (ddb_block_header_decode(p, p + len, &h) == nullptr || !h.dbh_magic_ok || h.dbh_ref != 0) {
     return false;
   }
-  std::uint32_t blkno = get_be32(p + 4);
+  std::uint32_t blkno = h.dbh_blkno;
   std::optional<copy_position> at = places_.position(sector);
   if (at && (at->kind != copy_kind::config || at->rem != 0 || at->block != blkno)) return false;
   if (places_.joined() && !at) return false;
@@ -91,8 +93,8 @@ bool scanner::extend_run(std::uint64_t sector, const std::uint8_t* p, std::size_
     flush();
     run_.first_sector = sector;
     run_.first_blkno = blkno;
-    run_.frag = get_be16(p + 12);
-    run_.nfrag = get_be16(p + 14);
+    run_.frag = h.dbh_frag;
+    run_.nfrag = h.dbh_nfrag;
     run_.first_place = at;
   }
   run_.count++;
@@ -104,7 +106,7 @@ void scanner::flush() {
   std::uint64_t last = run_.first_sector + run_.count - 1;
   std::uint32_t last_blkno = run_.first_blkno + static_cast<std::uint32_t>(run_.count - 1);
   if (run_.count == 1) {
-    prefix(run_.first_sector, "VBLK");
+    prefix(run_.first_sector, ddb_blkhdr_magic);
     std::fprintf(s_.out, " block %u, ref 0, fragment %u of %u%s\n", run_.first_blkno, run_.frag,
                  run_.nfrag, places_.describe(run_.first_sector).c_str());
   } else {
@@ -134,8 +136,8 @@ void scanner::truncated(std::size_t len) {
 }
 
 void scanner::privhead(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
-  if (len < 512) return truncated(len);
-  std::uint32_t stored = get_be32(p + 8);
+  if (len < PRIV_HEADER_SIZE) return truncated(len);
+  std::uint32_t stored = priv_header_stored_checksum(p);
   std::uint32_t computed = static_cast<std::uint32_t>(priv_header_checksum(p));
   if (stored == computed) {
     std::fprintf(s_.out, " checksum correct");
@@ -163,17 +165,16 @@ void scanner::privhead(std::uint64_t sector, const std::uint8_t* p, std::size_t 
 }
 
 void scanner::tocblock(const std::uint8_t* p, std::size_t len) {
-  if (len < 36) return truncated(len);
-  std::uint32_t stored = get_be32(p + 8);
+  toc_block_info b;
+  if (toc_block_decode(p, p + len, &b) == nullptr) return truncated(len);
+  std::uint32_t stored = b.tbi_checksum;
   std::uint32_t computed = static_cast<std::uint32_t>(priv_toc_checksum(p, len));
   if (stored == computed) {
     std::fprintf(s_.out, " checksum correct");
   } else {
     std::fprintf(s_.out, " checksum 0x%08x expected 0x%08x", stored, computed);
   }
-  volseqno_t seq;
-  seq.seqno_hi = get_be32(p + 12);
-  seq.seqno_lo = get_be32(p + 16);
+  const volseqno_t& seq = b.tbi_seqno;
   char sb[24];
   std::fprintf(s_.out, ", seqno %s", volseqnotostr(seq, sb));
   if (places_.header_seqno_known) {
@@ -183,21 +184,22 @@ void scanner::tocblock(const std::uint8_t* p, std::size_t len) {
       std::fprintf(s_.out, " (header has %s)", volseqnotostr(places_.header_seqno, sb));
     }
   }
-  std::fprintf(s_.out, ", next %lld/%lld\n", static_cast<long long>(get_be64(p + 20)),
-               static_cast<long long>(get_be64(p + 28)));
+  std::fprintf(s_.out, ", next %lld/%lld\n", static_cast<long long>(b.tbi_next),
+               static_cast<long long>(b.tbi_alt_next));
 }
 
 void scanner::vmdb(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
-  if (len < 22) return truncated(len);
+  voldb_prefix_info h;
+  if (voldb_prefix_decode(p, p + len, &h) == nullptr) return truncated(len);
   std::fprintf(s_.out, " nblocks %u, blksize %u, hdrsize %u, version %u.%u, state %u",
-               get_be32(p + 4), get_be32(p + 8), get_be32(p + 12), get_be16(p + 18),
-               get_be16(p + 20), get_be16(p + 16));
+               h.vdp_nblocks, h.vdp_blksize, h.vdp_hdrsize, h.vdp_version_major,
+               h.vdp_version_minor, h.vdp_commit_state);
   static const dbase_ops no_ops{};
   dbase* db = ddb_alloc(&no_ops);
   int res = VE_NOMEM;
   if (db != nullptr) {
     voldb_info vi{};
-    res = voldbsup_unformat_header(db, p, len < 512 ? len : 512, &vi);
+    res = voldbsup_unformat_header(db, p, len < VOLDB_HDR_DECODE ? len : VOLDB_HDR_DECODE, &vi);
     ddb_free(db);
   }
   if (res == 0) {
@@ -209,23 +211,20 @@ void scanner::vmdb(std::uint64_t sector, const std::uint8_t* p, std::size_t len)
 }
 
 void scanner::vblk(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
-  if (len < DDB_BLKHDR_SIZE) return truncated(len);
-  std::uint32_t blkno = get_be32(p + 4);
-  std::fprintf(s_.out, " block %u, ref %u, fragment %u of %u%s\n", blkno, get_be32(p + 8),
-               get_be16(p + 12), get_be16(p + 14),
-               places_.describe(sector, copy_kind::config, blkno).c_str());
+  ddb_blkhdr_info h;
+  if (ddb_block_header_decode(p, p + len, &h) == nullptr) return truncated(len);
+  std::fprintf(s_.out, " block %u, ref %u, fragment %u of %u%s\n", h.dbh_blkno, h.dbh_ref,
+               h.dbh_frag, h.dbh_nfrag,
+               places_.describe(sector, copy_kind::config, h.dbh_blkno).c_str());
 }
 
 void scanner::klog(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
-  if (len < KLOG_OFF_ENTRIES) return truncated(len);
-  std::uint32_t blkno = get_be32(p + KLOG_OFF_BLKNO);
-  volseqno_t tid;
-  tid.seqno_hi = get_be32(p + KLOG_OFF_TID_HI);
-  tid.seqno_lo = get_be32(p + KLOG_OFF_TID_LO);
+  klog_block_info h;
+  if (klog_block_decode(p, p + len, &h) == nullptr) return truncated(len);
   char tb[24];
-  std::fprintf(s_.out, " block %u, tid %s, seqno %u, len %u%s\n", blkno, volseqnotostr(tid, tb),
-               get_be32(p + KLOG_OFF_SEQNO), get_be32(p + KLOG_OFF_LOGLEN),
-               places_.describe(sector, copy_kind::log, blkno).c_str());
+  std::fprintf(s_.out, " block %u, tid %s, seqno %u, len %u%s\n", h.klb_blkno,
+               volseqnotostr(h.klb_tid, tb), h.klb_seqno, h.klb_loglen,
+               places_.describe(sector, copy_kind::log, h.klb_blkno).c_str());
 }
 
 bool scanner::examine(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {

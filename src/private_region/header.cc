@@ -143,10 +143,19 @@ std::uint64_t priv_header_checksum(const std::uint8_t* buf) {
   return region_checksum(buf, PRIV_HEADER_SIZE);
 }
 
+std::uint32_t priv_header_stored_checksum(const std::uint8_t* buf) {
+  return get_be32(buf + PRIV_CHECKSUM_OFFSET);
+}
+
+void priv_header_seal(std::uint8_t* buf) {
+  std::memcpy(buf, header_magic, PRIV_MAGIC_LEN);
+  put_be32(buf + PRIV_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_header_checksum(buf)));
+}
+
 int priv_unformat_header(priv_header_info* hdr, const std::uint8_t* buf) {
   const std::uint8_t* const lim = buf + PRIV_HEADER_SIZE;
   if (std::memcmp(buf, header_magic, PRIV_MAGIC_LEN) != 0) return VE_PRIV_FORMAT;
-  if (get_be32(buf + PRIV_CHECKSUM_OFFSET) != priv_header_checksum(buf)) return VE_PRIV_FORMAT;
+  if (priv_header_stored_checksum(buf) != priv_header_checksum(buf)) return VE_PRIV_FORMAT;
 
   const std::uint8_t* p =
       dbf_unfmt_tbl(priv_version_fields, n_priv_version_fields, hdr, buf + PRIV_VERSION_OFFSET, lim);
@@ -187,8 +196,7 @@ void priv_format_header(const priv_header_info* hdr, std::uint8_t* buf) {
   if (hdr->phi_version_major >= 2) {
     for (const ext_table& ext : nt_extensions) p = dbf_fmt_tbl(ext.tbl, *ext.n, hdr, p);
   }
-  std::memcpy(buf, header_magic, PRIV_MAGIC_LEN);
-  put_be32(buf + PRIV_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_header_checksum(buf)));
+  priv_header_seal(buf);
 }
 
 int check_optional_name(char* name, std::size_t limit) {

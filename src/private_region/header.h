@@ -30,6 +30,7 @@ inline constexpr char header_magic[] = "PRIVHEAD";
 inline constexpr std::size_t PRIV_MAGIC_LEN = 8;
 inline constexpr std::size_t PRIV_CHECKSUM_OFFSET = 8;
 inline constexpr std::size_t PRIV_VERSION_OFFSET = 12;
+static_assert(PRIV_CHECKSUM_OFFSET == PRIV_MAGIC_LEN && PRIV_VERSION_OFFSET == PRIV_CHECKSUM_OFFSET + 4);
 
 // Accepted region lengths: 1 .. PRIV_MAX_LEN sectors.
 inline constexpr voff_t PRIV_MAX_LEN = 0x80000;
@@ -55,6 +56,12 @@ extern const std::size_t n_priv_header_fields_2_0_nt_minor3;
 
 // The header checksum of a sector buffer (at least 512 bytes).
 std::uint64_t priv_header_checksum(const std::uint8_t* buf);
+// The checksum the sector at `buf` stores (bytes 8..11).
+// REQUIRES: PRIV_CHECKSUM_OFFSET + 4 bytes at `buf`.
+std::uint32_t priv_header_stored_checksum(const std::uint8_t* buf);
+// Writes the magic and then the checksum of the sector at `buf` (at least
+// 512 bytes); the other bytes are left as they are.
+void priv_header_seal(std::uint8_t* buf);
 
 // Decodes the 512 bytes at `buf` into `hdr` (fields the sector does not hold
 // keep their values). 0, or 165 (magic, checksum, names), 168 (region length

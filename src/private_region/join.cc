@@ -133,14 +133,17 @@ int join_block(priv_info* priv, toc_list_index& list, std::uint8_t* buf, voff_t*
   if (res != VE_OK && priv_read_toc_sector(priv, buf, *alt) == VE_OK) res = VE_OK;
   if (res != VE_OK) return res;
 
-  const auto next = static_cast<voff_t>(get_be64(buf + TOC_NEXT_OFFSET));
-  const auto altnext = static_cast<voff_t>(get_be64(buf + TOC_ALT_NEXT_OFFSET));
+  // The read verified the block: the chunk holds its words.
+  const std::uint8_t* const end = buf + hdr->phi_chunk_size;
+  toc_block_info b;
+  const std::uint8_t* p = toc_block_decode(buf, end, &b);
+  if (p == nullptr) return VE_PRIV_FORMAT;
+  const voff_t next = b.tbi_next;
+  const voff_t altnext = b.tbi_alt_next;
   if (next < 0 || altnext < 0 || next >= privlen || altnext >= privlen ||
       ((next == 0) != (altnext == 0)))
     return VE_PRIV_INVALID;
 
-  const std::uint8_t* p = buf + TOC_ENTRIES_OFFSET;
-  const std::uint8_t* const end = buf + hdr->phi_chunk_size;
   for (;;) {
     toc_entry_info* e = nullptr;
     if ((res = priv_unpack_toc_entry(&e, &p, end)) != VE_OK) return res;

@@ -101,8 +101,8 @@ int write_block(priv_info* priv, std::uint8_t* buf, std::size_t i, std::size_t n
   std::uint8_t* cursor = buf + TOC_ENTRIES_OFFSET;
   for (const toc_entry_info* e = priv->pri_toc_entries; e != nullptr; e = e->tei_next)
     if (e->tei_sector == i) priv_pack_toc_entry(e, &cursor);
-  std::memcpy(buf, toc_magic, 8);
-  put_be32(buf + 8, static_cast<std::uint32_t>(priv_toc_checksum(buf, chunk)));
+  std::memcpy(buf, toc_magic, TOC_MAGIC_LEN);
+  put_be32(buf + TOC_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_toc_checksum(buf, chunk)));
   const std::size_t count = sectors_per_chunk(hdr);
   const int r1 = priv->pri_write(priv, buf, toc[i], count, PRI_IO_PRIVATE);
   const int r2 = priv->pri_write(priv, buf, alt[i], count, PRI_IO_PRIVATE);

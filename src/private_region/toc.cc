@@ -73,14 +73,26 @@ int priv_read_toc_sector(priv_info* priv, std::uint8_t* buf, voff_t sector) {
   const priv_header_info* hdr = priv->pri_header;
   const int res = priv->pri_read(priv, buf, sector, sectors_per_chunk(hdr), PRI_IO_PRIVATE);
   if (res != VE_OK) return res;
-  // A chunk smaller than the block header cannot hold a block.
-  if (hdr->phi_chunk_size < TOC_ENTRIES_OFFSET) return VE_PRIV_FORMAT;
-  if (std::memcmp(buf, toc_magic, 8) != 0) return VE_PRIV_FORMAT;
-  if (get_be32(buf + 8) != priv_toc_checksum(buf, hdr->phi_chunk_size)) return VE_PRIV_FORMAT;
-  if (get_be32(buf + TOC_SEQNO_LO_OFFSET) != hdr->phi_update_seqno.seqno_lo ||
-      get_be32(buf + TOC_SEQNO_HI_OFFSET) != hdr->phi_update_seqno.seqno_hi)
-    return VE_PRIV_INVALID;
+  // A chunk smaller than the block words cannot hold a block.
+  toc_block_info b;
+  if (toc_block_decode(buf, buf + hdr->phi_chunk_size, &b) == nullptr) return VE_PRIV_FORMAT;
+  if (!b.tbi_magic_ok) return VE_PRIV_FORMAT;
+  if (b.tbi_checksum != priv_toc_checksum(buf, hdr->phi_chunk_size)) return VE_PRIV_FORMAT;
+  if (!seqno_equal(b.tbi_seqno, hdr->phi_update_seqno)) return VE_PRIV_INVALID;
   return VE_OK;
+}
+
+const std::uint8_t* toc_block_decode(const std::uint8_t* p, const std::uint8_t* lim,
+                                     toc_block_info* out) {
+  if (p == nullptr || lim < p || static_cast<std::size_t>(lim - p) < TOC_ENTRIES_OFFSET)
+    return nullptr;
+  out->tbi_magic_ok = std::memcmp(p, toc_magic, TOC_MAGIC_LEN) == 0;
+  out->tbi_checksum = get_be32(p + TOC_CHECKSUM_OFFSET);
+  out->tbi_seqno.seqno_hi = get_be32(p + TOC_SEQNO_HI_OFFSET);
+  out->tbi_seqno.seqno_lo = get_be32(p + TOC_SEQNO_LO_OFFSET);
+  out->tbi_next = static_cast<voff_t>(get_be64(p + TOC_NEXT_OFFSET));
+  out->tbi_alt_next = static_cast<voff_t>(get_be64(p + TOC_ALT_NEXT_OFFSET));
+  return p + TOC_ENTRIES_OFFSET;
 }
 
 toc_entry_info* priv_alloc_toc_entry(std::size_t info_size) {

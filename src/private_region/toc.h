@@ -29,12 +29,30 @@
 namespace pd {
 
 inline constexpr char toc_magic[] = "TOCBLOCK";
+inline constexpr std::size_t TOC_MAGIC_LEN = 8;
+inline constexpr std::size_t TOC_CHECKSUM_OFFSET = 8;
 inline constexpr std::size_t TOC_SEQNO_HI_OFFSET = 12;
 inline constexpr std::size_t TOC_SEQNO_LO_OFFSET = 16;
 inline constexpr std::size_t TOC_NEXT_OFFSET = 20;
 inline constexpr std::size_t TOC_ALT_NEXT_OFFSET = 28;
 inline constexpr std::size_t TOC_ENTRIES_OFFSET = 36;
 static_assert(TOC_ENTRIES_OFFSET == 8 + 4 + 4 + 4 + 8 + 8);
+static_assert(TOC_CHECKSUM_OFFSET == TOC_MAGIC_LEN &&
+                  TOC_SEQNO_HI_OFFSET == TOC_CHECKSUM_OFFSET + 4 &&
+                  TOC_SEQNO_LO_OFFSET == TOC_SEQNO_HI_OFFSET + 4 &&
+                  TOC_NEXT_OFFSET == TOC_SEQNO_LO_OFFSET + 4 &&
+                  TOC_ALT_NEXT_OFFSET == TOC_NEXT_OFFSET + 8 &&
+                  TOC_ENTRIES_OFFSET == TOC_ALT_NEXT_OFFSET + 8,
+              "the block words follow one another");
+
+// The words before the entries of a TOC block.
+struct toc_block_info {
+  bool tbi_magic_ok;           // "TOCBLOCK"
+  std::uint32_t tbi_checksum;  // as stored
+  volseqno_t tbi_seqno;
+  voff_t tbi_next;             // as stored: the join checks the range
+  voff_t tbi_alt_next;
+};
 
 inline constexpr std::size_t TOC_ENTRY_TYPE_LEN = 8;
 inline constexpr std::size_t TOC_ENTRY_FIXED = 28;
@@ -52,6 +70,13 @@ inline constexpr unsigned long TEI_NEW = 1;
 inline constexpr unsigned long TEI_REMOVE = 2;
 
 std::uint64_t priv_toc_checksum(const std::uint8_t* buf, std::size_t len);
+
+// Decodes the block words at `p`, never reading at or past `lim`. Returns
+// the position of the first entry, or null when fewer than
+// TOC_ENTRIES_OFFSET bytes lie before `lim` (then `out` is left alone). Any
+// magic decodes: tbi_magic_ok tells whether it is the block's.
+const std::uint8_t* toc_block_decode(const std::uint8_t* p, const std::uint8_t* lim,
+                                     toc_block_info* out);
 
 // Reads the block at `sector` (relative) into `buf` (a chunk) and verifies
 // it: 0, the read error, 165 (magic, checksum, chunk too small to hold a

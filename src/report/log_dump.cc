@@ -7,7 +7,6 @@
 
 #include "base/errors.h"
 #include "io/io_buffers.h"
-#include "codec/integers.h"
 #include "codec/text_forms.h"
 #include "io/findings.h"
 #include "io/messages.h"
@@ -56,34 +55,23 @@ const klog_entry_form* klog_find_form(std::uint8_t type) {
   return nullptr;
 }
 
-// Word `k` (0..4) of the entry at `bp`; the caller has checked the bounds.
-std::uint32_t klog_word(const std::uint8_t* bp, std::size_t k) { return get_be32(bp + 1 + 4 * k); }
-
-// Words `k` and `k+1` as a sequence number, high half first.
-volseqno_t klog_seqno(const std::uint8_t* bp, std::size_t k) {
-  volseqno_t v;
-  v.seqno_hi = klog_word(bp, k);
-  v.seqno_lo = klog_word(bp, k + 1);
-  return v;
-}
-
-void klog_print_form(session& s, const klog_entry_form& f, const std::uint8_t* bp, int n) {
+void klog_print_form(session& s, const klog_entry_form& f, const klog_entry_info& e, int n) {
   char ridbuf[24];
   char tidbuf[24];
   switch (f.words) {
     case klog_words::rid_tid:
-      std::fprintf(s.out, f.fmt, n, volridtostr(klog_seqno(bp, 0), ridbuf),
-                   volseqnotostr(klog_seqno(bp, 2), tidbuf));
+      std::fprintf(s.out, f.fmt, n, volridtostr(klog_entry_seqno(e, 0), ridbuf),
+                   volseqnotostr(klog_entry_seqno(e, 2), tidbuf));
       break;
     case klog_words::rid:
-      std::fprintf(s.out, f.fmt, n, volridtostr(klog_seqno(bp, 0), ridbuf));
+      std::fprintf(s.out, f.fmt, n, volridtostr(klog_entry_seqno(e, 0), ridbuf));
       break;
     case klog_words::tid:
-      std::fprintf(s.out, f.fmt, n, volseqnotostr(klog_seqno(bp, 0), tidbuf));
+      std::fprintf(s.out, f.fmt, n, volseqnotostr(klog_entry_seqno(e, 0), tidbuf));
       break;
     case klog_words::app_dirty:
-      std::fprintf(s.out, f.fmt, n, volridtostr(klog_seqno(bp, 0), ridbuf),
-                   volseqnotostr(klog_seqno(bp, 2), tidbuf), static_cast<int>(klog_word(bp, 4)));
+      std::fprintf(s.out, f.fmt, n, volridtostr(klog_entry_seqno(e, 0), ridbuf),
+                   volseqnotostr(klog_entry_seqno(e, 2), tidbuf), static_cast<int>(e.kle_words[4]));
       break;
   }
 }
@@ -119,8 +107,7 @@ void log_dump_blocks(session& s, const priv_info* priv, const copy_info* cp,
     }
     const std::uint8_t* limit = bp + KLOG_BLKSIZE;
     for (int n = 0; n < KLOG_NENTRIES; n++) {
-      priv_print_log(s, bp + KLOG_OFF_ENTRIES + KLOG_ENTRY_SIZE * n, limit, n,
-                     static_cast<int>(blk));
+      priv_print_log(s, bp + klog_entry_offset(n), limit, n, static_cast<int>(blk));
     }
   }
 }
@@ -139,32 +126,25 @@ void log_dump_copy(session& s, priv_info* priv, copy_info* cp, std::uint8_t* buf
 
 int logblk_valid(const std::uint8_t* buf, std::size_t len, std::size_t logblkno, volseqno_t* tidp,
                  unsigned long* logseqnop, std::size_t* nblksp) {
-  if (buf == nullptr || len < KLOG_OFF_ENTRIES) return 0;
-  std::uint32_t magic = get_be32(buf + KLOG_OFF_MAGIC);
-  if (magic != KLOG_MAGIC && magic != KLOG_MAGIC_ALT) return 0;
-  volseqno_t tid;
-  tid.seqno_hi = get_be32(buf + KLOG_OFF_TID_HI);
-  tid.seqno_lo = get_be32(buf + KLOG_OFF_TID_LO);
-  std::uint32_t logseqno = get_be32(buf + KLOG_OFF_SEQNO);
-  std::uint32_t loglen = get_be32(buf + KLOG_OFF_LOGLEN);
-  std::uint32_t blkno = get_be32(buf + KLOG_OFF_BLKNO);
-  if (blkno != logblkno) return 0;
-  *tidp = tid;
-  *logseqnop = logseqno;
-  *nblksp = loglen;
+  klog_block_info b;
+  if (buf == nullptr || klog_block_decode(buf, buf + len, &b) == nullptr) return 0;
+  if (!b.klb_magic_ok || b.klb_blkno != logblkno) return 0;
+  *tidp = b.klb_tid;
+  *logseqnop = b.klb_seqno;
+  *nblksp = b.klb_loglen;
   return 1;
 }
 
 int priv_print_log(session& s, const std::uint8_t* bp, const std::uint8_t* limit, int n, int blk) {
   if (bp == nullptr || limit <= bp) return -1;
-  std::uint8_t type = bp[0];
-  if (type == MIN_KLOG_TYPE_ENT) return 0;
-  if (static_cast<std::size_t>(limit - bp) < KLOG_ENTRY_USED) return -1;
+  if (klog_entry_type(bp) == MIN_KLOG_TYPE_ENT) return 0;
+  klog_entry_info e;
+  if (klog_entry_decode(bp, limit, &e) == nullptr) return -1;
   std::fprintf(s.out, "BLOCK %d: ", blk);
-  if (const klog_entry_form* f = klog_find_form(type)) {
-    klog_print_form(s, *f, bp, n);
+  if (const klog_entry_form* f = klog_find_form(e.kle_type)) {
+    klog_print_form(s, *f, e, n);
   } else {
-    std::fprintf(s.out, "KLOG %-3d: INVALID %d\n", n, static_cast<int>(type));
+    std::fprintf(s.out, "KLOG %-3d: INVALID %d\n", n, static_cast<int>(e.kle_type));
   }
   return 0;
 }
