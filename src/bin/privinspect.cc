@@ -126,6 +126,7 @@ int main(int argc, char** argv) {
   cli_values v;
   app.add_option("--sector-size", v.target.sector_size, "bytes per sector: 512 (default) or 4096")
       ->check(CLI::IsMember({512, 4096}));
+  app.set_version_flag("--version", "privinspect " PD_VERSION, "print the version and exit");
   app.require_subcommand(1);
   app.fallthrough();
   subcommands c = define(app, v);

@@ -1,0 +1,59 @@
+# bash completion for privinspect(1): subcommands, options, option values
+# and image file names. Installed as
+# /usr/share/bash-completion/completions/privinspect.
+#
+# tests/command_line_test.sh checks these lists against privinspect --help.
+
+_privinspect() {
+  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
+  local subcommands="logs config headers check scan hexdump records"
+  local global_options="--sector-size --help --version"
+  local record_types="volume vol plex subdisk sd disk dm diskgroup dg da rvol
+    replica rlink dco snapshot snap stpool info cache vset"
+
+  # The subcommand: the first word before the cursor that names one.
+  local sub="" i
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    case ${COMP_WORDS[i]} in
+      logs | config | headers | check | scan | hexdump | records)
+        sub=${COMP_WORDS[i]}
+        break
+        ;;
+    esac
+  done
+
+  case $prev in
+    --sector-size)
+      mapfile -t COMPREPLY < <(compgen -W "512 4096" -- "$cur")
+      return
+      ;;
+    --type)
+      [[ $sub == records ]] && mapfile -t COMPREPLY < <(compgen -W "$record_types" -- "$cur")
+      return
+      ;;
+    --copy | --count | --sector | --block | --record | --rid | --name)
+      return  # a number, a COPY:N, a record name or id: nothing to offer
+      ;;
+  esac
+
+  if [[ -z $sub ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$subcommands $global_options" -- "$cur")
+    return
+  fi
+
+  local options="--help --sector-size"
+  case $sub in
+    logs) options+=" --copy --long" ;;
+    config) options+=" --copy" ;;
+    check) options+=" --quiet" ;;
+    hexdump) options+=" --sector --block --record --count --copy" ;;
+    records) options+=" --type --rid --name --copy" ;;
+  esac
+  if [[ $cur == -* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
+  else
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+  fi
+}
+complete -F _privinspect privinspect
