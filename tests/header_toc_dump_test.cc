@@ -174,15 +174,5 @@ TEST(PrivdiagHeaderTocTest, PrintsTheStoredOffsetButReadsWithZero) {
   EXPECT_EQ(r.err.find("operation failed"), std::string::npos);
 }
 
-TEST(PrivdiagHeaderTocTest, FourKiBSectors) {
-  const auto r = test::privdiag_on(build("disk sector-size=4096 sectors=300\n"
-                                         "region log copy=1 offset=3 len=7\n"),
-                                   4096);
-  EXPECT_NE(r.out.find("iosize:  4096\n"), std::string::npos);
-  EXPECT_NE(r.out.find("headers: 299 276\n"), std::string::npos);
-  EXPECT_NE(r.out.find(" log      priv      3-     9[     7]: copy=01 offset=000000 enabled\n"),
-            std::string::npos);
-}
-
 }  // namespace
 }  // namespace pd
