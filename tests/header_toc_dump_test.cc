@@ -54,8 +54,6 @@ std::string header_text(const std::string& offset) {
          "logs:    count=1 len=20\n";
 }
 
-TEST(HeaderDumpTest, AllLines) { EXPECT_EQ(dump_of(disk + regions).header, header_text("0")); }
-
 TEST(HeaderDumpTest, FlagsDisksetAndAlternate) {
   const dumped got = dump_of(disk +
                              "header flags=shared,noautoimport,encap-pending hostid=anyhost bootsig=4000000000\n"
