@@ -28,37 +28,6 @@ TEST(BitmapTest, AllocatesWholeWordsZeroed) {
   EXPECT_NE(make(0), nullptr);
 }
 
-TEST(BitmapTest, SetClearTestAndRanges) {
-  auto m = make(100);
-  bmap_set_range(m.get(), 30, 5);
-  EXPECT_EQ(m.get()[0], 0xC0000000u);
-  EXPECT_EQ(m.get()[1], 0x7u);
-  EXPECT_EQ(bmap_test(m.get(), 34), 1);
-  EXPECT_EQ(bmap_test(m.get(), 35), 0);
-  bmap_clear_range(m.get(), 31, 3);
-  EXPECT_EQ(bmap_test(m.get(), 30), 1);
-  EXPECT_EQ(bmap_test(m.get(), 33), 0);
-  EXPECT_EQ(bmap_test(m.get(), 34), 1);
-  bmap_set_range(m.get(), 50, 0);
-  bmap_set_range(m.get(), 50, -3);
-  EXPECT_EQ(m.get()[1], 0x4u);
-  bmap_clear(m.get(), 34);
-  bmap_set(m.get(), 99);
-  EXPECT_EQ(bmap_test(m.get(), 99), 1);
-}
-
-TEST(BitmapTest, AddAndSubWorkWordByWord) {
-  auto a = make(40), b = make(40);
-  bmap_set_range(a.get(), 0, 10);
-  bmap_set_range(b.get(), 5, 30);
-  bmap_add(a.get(), b.get(), 40);
-  EXPECT_EQ(bmap_count_clear(a.get(), 0, 39), 0);
-  EXPECT_EQ(bmap_count_clear(a.get(), 35, 63), 29);
-  bmap_sub(a.get(), b.get(), 40);
-  EXPECT_EQ(a.get()[0], 0x1Fu);
-  EXPECT_EQ(a.get()[1], 0u);
-}
-
 TEST(BitmapTest, CountClearBothWays) {
   auto m = make(100);
   EXPECT_EQ(bmap_count_clear(m.get(), 5, 4), 0);

@@ -291,42 +291,6 @@ TEST(BlockStoreTest, RefusedRecordsAreKeptWithoutContents) {
   EXPECT_EQ(t.db->ddb_freeblks, 15u);
 }
 
-TEST(BlockStoreTest, HashChainsAreOrderedAndIterationGoesByBucket) {
-  owner o;
-  store_ptr db = make_store(o);
-  std::vector<db_record> recs(6);
-  const unsigned long refs[] = {3, 16381 + 1, 16381, 5, 5, 5 + 16381};
-  for (std::size_t i = 0; i < recs.size(); ++i) {
-    recs[i] = db_record{};
-    recs[i].dbr_ref = refs[i];
-    dbr_add(db.get(), &recs[i]);
-  }
-  // Equal references keep insertion order; the chain of bucket 5 ascends.
-  EXPECT_EQ(dbr_find(db.get(), 5), &recs[3]);
-  EXPECT_EQ(db->ddb_record_buckets[5], &recs[3]);
-  EXPECT_EQ(recs[3].dbr_next, &recs[4]);
-  EXPECT_EQ(recs[4].dbr_next, &recs[5]);
-  EXPECT_EQ(recs[5].dbr_prev, &recs[4]);
-  EXPECT_EQ(recs[3].dbr_prev, nullptr);
-
-  std::vector<unsigned long> order;
-  dbrec_iter it;
-  dbrlist_iter(&it, db.get());
-  while (db_record* r = dbrlist_next(&it)) {
-    order.push_back(r->dbr_ref);
-    dbr_delete(db.get(), r);  // the iterator already holds the successor
-  }
-  EXPECT_EQ(order, (std::vector<unsigned long>{16381, 16382, 3, 5, 5, 5 + 16381}));
-  EXPECT_EQ(dbr_find(db.get(), 5), nullptr);
-
-  // Deleting the first of two equal references exposes the second.
-  dbr_add(db.get(), &recs[3]);
-  dbr_add(db.get(), &recs[4]);
-  dbr_delete(db.get(), &recs[3]);
-  EXPECT_EQ(dbr_find(db.get(), 5), &recs[4]);
-  dbr_delete(db.get(), &recs[4]);
-}
-
 TEST(BlockStoreTest, HugeClaimedSizeCostsNothing) {
   owner o;
   o.nblocks = 0xFFFFFFFFu;

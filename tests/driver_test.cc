@@ -41,10 +41,8 @@ TEST(DriverTest, ArgumentAndOpenErrors) {
   } cases[] = {
       {{}, "privdiag: Incorrect usage\n", usage_out},
       {{"512", img, "extra"}, "privdiag: Incorrect usage\n", usage_out},
-      {{"512", img, "a", "b"}, "privdiag: Incorrect usage\n", usage_out},
       {{"1024", img}, "privdiag: Incorrect sector size\n", usage_out},
       {{"abc", img}, "privdiag: Incorrect sector size\n", usage_out},
-      {{"0", img}, "privdiag: Incorrect sector size\n", usage_out},
       {{missing}, "Cannot open dump file " + missing + ".\n", ""},
       {{"4096", missing}, "Cannot open dump file " + missing + ".\n", ""},
   };

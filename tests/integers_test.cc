@@ -112,20 +112,6 @@ TEST(IntegersTest, BufGetRoundsToPagesGrowsAndZeroRequestsAlwaysReplace) {
   EXPECT_EQ(buf_get(s, 10), c);
 }
 
-TEST(IntegersTest, AlignedBufferIsSharedAndOnlyGrows) {
-  test::captured_session cs;
-  session& s = cs.get();
-  std::uint8_t* a = get_aligned_buf(s, 512);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(a) % 512, 0u);
-  a[511] = 9;
-  EXPECT_EQ(get_aligned_buf(s, 100), a);
-  EXPECT_EQ(a[511], 9);  // never cleared
-  std::uint8_t* b = get_aligned_buf(s, 1024);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(b) % 512, 0u);
-  b[1023] = 1;  // the whole request is usable
-  EXPECT_EQ(get_aligned_buf(s, 512), b);
-}
-
 TEST(IntegersTest, GetdwordIsStrictInAutomaticBase) {
   test::captured_session cs;
   EXPECT_EQ(getdword(cs.get(), "0x10", "count"), 16u);

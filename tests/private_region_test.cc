@@ -169,13 +169,6 @@ TEST(ScanTest, OnlyTheAlternateDecodesOnTheBackupPath) {
   EXPECT_EQ(d.priv->pri_flags, PRI_ALT_OK | PRI_USED_ALT);
 }
 
-TEST(ScanTest, SectorShiftAcceptsOnly512) {
-  std::uint8_t shift = 0;
-  EXPECT_EQ(priv_get_sector_shift(512, &shift), VE_OK);
-  EXPECT_EQ(shift, 9);
-  for (std::size_t s : {0u, 256u, 1024u, 4096u}) EXPECT_EQ(priv_get_sector_shift(s, &shift), VE_SECTOR_SIZE);
-}
-
 // A device whose region starts at sector 1, with the primary header first.
 std::vector<std::uint8_t> device_with_region_at_one() {
   auto region = build(

@@ -32,19 +32,13 @@ TEST(PrivbuildTest, DescriptionErrorsNameTheLine) {
       {"", "the description must begin with a 'disk' statement"},
       {disk + "bogus x=1\n", "line 2: unknown statement 'bogus'"},
       {disk + "region config offset=17 len=8 colour=red\n", "line 2: unknown attribute 'colour' for 'region'"},
-      {disk + "region config offset=seventeen len=8\n", "line 2: bad number for offset: 'seventeen'"},
       {disk + "header diskid=\"unterminated\n", "line 2: unterminated quote"},
       {disk + "\nregion x offset=1 len=1 content=hex begin\n00\n", "line 3: 'begin' without 'end'"},
-      {disk + "end\n", "line 2: 'end' without 'begin'"},
       {disk + "region x offset=1 len=1 content=hex begin\nzz\nend\n", "line 2: hex: not hex bytes: zz"},
-      {disk + "header diskid=" + std::string(65, 'd') + "\n", "line 2: diskid is longer than 64 characters"},
       {disk + "hdrcopy 5000\n", "line 2: header copy at sector 5000 lies outside the image"},
       {disk + "tocblock at=1 alt=2\ntocblock\n", "line 3: every tocblock needs at= and alt= once one has them"},
-      {disk + "tocblock\ntocblock\n", "line 3: the TOC has only 1 block(s)"},
       {disk + "tocblock at=1 alt=2\nregion x offset=1 len=1 block=3\n", "line 3: no TOC block 3"},
-      {disk + "poke at=1048576 hex=00\n", "line 2: poke lies outside the image"},
       {disk + "region x offset=2040 len=10 fill=1\n", "line 2: region contents lie outside the image"},
-      {"disk sector-size=1000 sectors=4\n", "line 1: sector-size must be a multiple of 512 (512 or 4096)"},
   };
   for (const auto& c : cases) EXPECT_EQ(error_of(c.desc), c.error) << c.desc;
 }

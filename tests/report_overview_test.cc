@@ -90,14 +90,6 @@ TEST(HeaderTest, LinesAndTheTimestampFormat) {
                       "#dgname: dg1  dgid: 1.2.host\n"
                       "#config: tid=1.9 nvol=1 nplex=2 nsd=3 ndm=4 nda=5\n"
                       "#pending: tid=1.10 nvol=0 nplex=0 nsd=0 ndm=0 nda=6\n");
-  const char* words[] = {"[BAD-STATE]", "CLEAN", "CHANGE", "COMMIT", "ABORT",
-                         "NEW",         "STALE", "[BAD-STATE]", "OFFLINE", "[BAD-STATE]"};
-  for (unsigned st = 0; st < 10; ++st) {
-    test::captured_session c2;
-    h.vdbi_commit_state = static_cast<std::uint16_t>(st);
-    print_header(c2->out, &db, &h);
-    EXPECT_NE(c2.out().find(std::string("(") + words[st] + ")\n"), std::string::npos) << st;
-  }
 }
 
 TEST(BlockMapTest, Lines) {
