@@ -31,8 +31,8 @@ _privinspect() {
       [[ $sub == records ]] && mapfile -t COMPREPLY < <(compgen -W "$record_types" -- "$cur")
       return
       ;;
-    --copy | --count | --sector | --block | --record | --rid | --name)
-      return  # a number, a COPY:N, a record name or id: nothing to offer
+    --copy | --count | --sector | --block | --record | --rid | --name | --range)
+      return  # a number, a COPY:N or SECTOR:COUNT, a record name or id: nothing to offer
       ;;
   esac
 
@@ -46,6 +46,7 @@ _privinspect() {
     logs) options+=" --copy --long" ;;
     config) options+=" --copy" ;;
     check) options+=" --quiet" ;;
+    scan) options+=" --range" ;;
     hexdump) options+=" --sector --block --record --count --copy" ;;
     records) options+=" --type --rid --name --copy" ;;
   esac

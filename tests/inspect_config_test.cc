@@ -131,12 +131,12 @@ end
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.rfind("record vol1 rid=0.1001 ref=2 type=0x0061 size=", 0), 0u) << r.out;
     std::string blocks;
-    for (std::size_t p = r.out.find("\nblock "); p != std::string::npos;
-         p = r.out.find("\nblock ", p + 1)) {
-      std::size_t n = std::stoul(r.out.substr(p + 7));
+    for (std::size_t p = r.out.find("\nstore block "); p != std::string::npos;
+         p = r.out.find("\nstore block ", p + 1)) {
+      std::size_t n = std::stoul(r.out.substr(p + 13));
       blocks += (blocks.empty() ? "" : " ") + std::to_string(n);
-      std::string head = "block " + std::to_string(n) + " (copy byte " + std::to_string(n * 64) +
-                         "):\n   0000  56 42 4c 4b 00 00 00 ";
+      std::string head = "store block " + std::to_string(n) + " (64 bytes at copy byte " +
+                         std::to_string(n * 64) + "):\n   0000  56 42 4c 4b 00 00 00 ";
       EXPECT_NE(r.out.find(head), std::string::npos) << head;
     }
     EXPECT_EQ(blocks, chain);

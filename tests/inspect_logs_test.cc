@@ -95,7 +95,9 @@ TEST(InspectLogs, CopiesMissingCopiesAndMissingHeaders) {
       {{"logs", "--copy", "2", image}, 0, "LOG #02\n# NOTE: Copy is disabled\nBLOCK 0: KLOG 0  :   DIRTY rid=0.9\n", ""},
       {{"logs", image, "--copy", "4"}, 1, "", error_line("Disk does not have log copy 4\n")},
       {{"logs", nolog}, 1, "", error_line("Disk has no log copies\n")},
-      {{"logs", nohdr}, 1, "", error_line("scan operation failed:\n\tFormat error in disk private region\n")},
+      {{"logs", nohdr}, 1, "",
+       error_line("scan operation failed:\n\tFormat error in disk private region\n") + "privinspect: " +
+           nohdr + ": no header found with 512-byte sectors; none with --sector-size 4096 either\n"},
   });
 }
 
@@ -118,7 +120,8 @@ TEST(InspectLogsDisk, UsageErrorsEndWithStatusThree) {
   EXPECT_EQ(inspect({"logs", "x.img", "--copy", "one"}).status, 3);  // not a number
   EXPECT_EQ(inspect({"logs", "x.img", "--copy", "-1"}).status, 3);   // negative
   EXPECT_EQ(inspect({"--sector-size", "1024", "logs", "x.img"}).status, 3);
-  expect_runs({{{"logs", temp_dir() + "/absent.img"}, 3, "", "Cannot open dump file " + temp_dir() + "/absent.img.\n"}});
+  expect_runs({{{"logs", temp_dir() + "/absent.img"}, 3, "",
+                "privinspect: cannot open " + temp_dir() + "/absent.img: No such file or directory\n"}});
 }
 
 }  // namespace

@@ -26,6 +26,8 @@ TEST(InspectScan, ListsAndPlacesEveryCandidate) {
             "located: primary header, seqno 0.17; 1 configuration and 1 log copies\n"
             "sector 1 (byte 512): TOCBLOCK checksum correct, seqno 0.17 (the header's), "
             "next 0/0\n"
+            "sector 17 (byte 8704): damaged: expected VMDB, found \"\\x00\\x00\\x00\\x00\"; "
+            "config copy 1, block 0\n"
             "sector 1617 (byte 827904): KLOG block 0, tid 0.5, seqno 1, len 3; log copy 1, "
             "block 0\n"
             "sector 1618 (byte 828416): kLOG block 1, tid 0.5, seqno 2, len 3; log copy 1, "
@@ -38,7 +40,7 @@ TEST(InspectScan, ListsAndPlacesEveryCandidate) {
             "next 0/0\n"
             "sector 2047 (byte 1048064): PRIVHEAD checksum correct, decodes: version 3.1 "
             "seqno 0.17, at its primary position\n"
-            "7 candidate(s) in 2048 sector(s)\n");
+            "7 candidate(s), 1 damaged sector(s) in 2048 sector(s)\n");
   EXPECT_EQ(r.err, "");
 }
 
@@ -56,7 +58,8 @@ TEST(InspectScan, DamagedImagesAndLargeSectors) {
        {"located: primary header, seqno 0.17; table of contents not joined: "
         "error 168: Disk private region contents are invalid\n",
         "sector 1 (byte 512): TOCBLOCK checksum correct, seqno 0.16 (header has 0.17), next 0/0\n",
-        "sector 1619 (byte 828928): KLOG block 7, tid 0.5, seqno 3, len 3\n", "7 candidate(s) in 2048 sector(s)\n"},
+        "sector 1619 (byte 828928): KLOG block 7, tid 0.5, seqno 3, len 3\n",
+        "7 candidate(s) in 2048 sector(s)\n"},
        ""},
       // the damaged magic hides the alternate from the scan; the primary shows
       {std::string(scan_desc) + "hdrcopy primary damage=checksum\nhdrcopy alternate damage=magic\n", "512",
@@ -91,7 +94,7 @@ TEST(InspectHexdump, SectorsOfTheImage) {
   EXPECT_EQ(r.status, 0);
   std::string zero_row = "00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  ................\n";
   std::string expect =
-      "sector 5 (byte 2560):\n   0000  41 42 43 44 00 00 00 00  00 00 00 00 00 00 "
+      "sector 5 (512 bytes at byte 2560):\n   0000  41 42 43 44 00 00 00 00  00 00 00 00 00 00 "
       "00 00  ABCD............\n";
   for (int row = 1; row < 32; row++) {
     char off[16];
@@ -103,7 +106,7 @@ TEST(InspectHexdump, SectorsOfTheImage) {
   // The image ends 36 bytes into sector 2047.
   r = inspect({"hexdump", image, "--sector", "2046", "--count", "3"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.out.find("sector 2047 (byte 1048064):\n   0000  50 52 49 56 48 45 41 44"),
+  EXPECT_NE(r.out.find("sector 2047 (512 bytes at byte 1048064):\n   0000  50 52 49 56 48 45 41 44"),
             std::string::npos)
       << r.out;
   EXPECT_NE(r.out.find("sector 2047: only 36 bytes before the end of the image\n"),
@@ -118,15 +121,15 @@ TEST(InspectHexdump, BlocksOfAConfigurationCopy) {
       build_to_file(std::string(scan_desc) + "poke sector=19 offset=16 hex=ff\n", "hexblk.img");
   process_result r = inspect({"hexdump", image, "--block", "1:2", "--count", "2"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out.find("config copy 1 block 2:\n"
+  EXPECT_EQ(r.out.find("config copy 1 file block 2 (512 bytes at copy byte 1024):\n"
                        "   0000  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  "),
             0u);
   EXPECT_NE(r.out.find("   0010  ff 00"), std::string::npos);
-  EXPECT_NE(r.out.find("config copy 1 block 3:\n"), std::string::npos);
+  EXPECT_NE(r.out.find("config copy 1 file block 3 (512 bytes at copy byte 1536):\n"), std::string::npos);
 
   r = inspect({"hexdump", image, "--block", "1:799", "--count", "2"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.out.find("config copy 1: block 800 is beyond its end\n"), std::string::npos);
+  EXPECT_NE(r.out.find("config copy 1: file block 800 is beyond its end\n"), std::string::npos);
   r = inspect({"hexdump", image, "--block", "2:0"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, error_line("Disk does not have config copy 2\n"));

@@ -2,8 +2,15 @@
 // a private-region image that the fixed privdiag report does not give. The
 // command line is parsed here; every view lives in the library (src/inspect).
 // Usage errors end with status 3.
+//
+// Numbers are taken as text and converted here (decimal or 0x hex, the
+// range checked with plain integers), so that every refusal names the option
+// and the value in the same words.
 #include <CLI/CLI.hpp>
+#include <unistd.h>
+
 #include <clocale>
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -13,18 +20,20 @@
 #include "base/session.h"
 #include "io/messages.h"
 #include "inspect/inspect.h"
+#include "inspect/output.h"
 
 namespace {
 
 using pd::inspect_target;
 
+constexpr const char* progname = "privinspect";
+
 struct cli_values {
   inspect_target target;
-  int copy = -1;
+  std::string copy_arg, count_arg, range_arg;
   bool long_listing = false;
   bool quiet = false;
   std::string sector_arg, block_arg, record_arg;
-  std::size_t count = 1;
   std::vector<std::string> types;
   std::string rid_arg, name_arg;
 };
@@ -32,6 +41,8 @@ struct cli_values {
 void add_image(CLI::App* sub, cli_values& v) {
   sub->add_option("IMAGE", v.target.image, "raw image of the private region")->required();
 }
+
+const char* const number_form = "decimal, or hex with 0x";
 
 // Sub-commands are named so that the dispatcher below can tell them apart.
 struct subcommands {
@@ -48,15 +59,12 @@ subcommands define(CLI::App& app, cli_values& v) {
   subcommands c{};
   c.logs = app.add_subcommand("logs", "dump the kernel log copies (all, or one by number)");
   add_image(c.logs, v);
-  c.logs->add_option("--copy", v.copy, "log copy number (default: every copy)")
-      ->check(CLI::NonNegativeNumber);
+  c.logs->add_option("--copy", v.copy_arg, "log copy number (default: every copy)");
   c.logs->add_flag("--long", v.long_listing, "add a line per log block (tid, seqno, length)");
 
   c.config = app.add_subcommand("config", "configuration report of one numbered copy");
   add_image(c.config, v);
-  c.config->add_option("--copy", v.copy, "configuration copy number")
-      ->required()
-      ->check(CLI::NonNegativeNumber);
+  c.config->add_option("--copy", v.copy_arg, "configuration copy number")->required();
 
   c.headers =
       app.add_subcommand("headers", "both header copies side by side, and the scan's choice");
@@ -69,23 +77,31 @@ subcommands define(CLI::App& app, cli_values& v) {
   add_image(c.check, v);
   c.check->add_flag("--quiet,-q", v.quiet, "print nothing, only set the exit status");
 
-  c.scan = app.add_subcommand("scan", "find every structure's magic at every sector boundary");
+  c.scan = app.add_subcommand(
+      "scan", "find every structure's magic at every sector boundary, and damage where the "
+              "header and TOC place a structure");
   add_image(c.scan, v);
+  c.scan->add_option("--range", v.range_arg,
+                     "SECTOR:COUNT, scan only COUNT sectors from SECTOR (numbers decimal or 0x hex)");
 
-  c.hexdump =
-      app.add_subcommand("hexdump", "hex dump of sectors, configuration blocks or a record");
+  c.hexdump = app.add_subcommand(
+      "hexdump", "hex dump of image sectors, 512-byte file blocks of a configuration copy, or "
+                 "the store blocks of a record");
   add_image(c.hexdump, v);
   auto* what = c.hexdump->add_option_group("what", "what to dump (exactly one)");
-  what->add_option("--sector", v.sector_arg, "sector number N of the image");
-  what->add_option("--block", v.block_arg, "COPY:N, 512-byte block N of configuration copy COPY");
+  what->add_option("--sector", v.sector_arg,
+                   "sector N of the image (a sector of --sector-size bytes)");
+  what->add_option("--block", v.block_arg,
+                   "COPY:N, 512-byte file block N of configuration copy COPY, counted from the "
+                   "copy's start as the report's \"File block\" messages count");
   what->add_option("--record", v.record_arg,
-                   "the blocks of one record of the first enabled copy, by name or rid H.L");
+                   "the store blocks (of the copy's block size) of one record of the first "
+                   "enabled copy, by name or rid H.L");
   what->require_option(1);
-  c.hexdump->add_option("--count", v.count, "number of sectors or blocks (default 1)")
-      ->check(CLI::PositiveNumber);
-  c.hexdump
-      ->add_option("--copy", v.copy, "configuration copy for --record (default: first enabled)")
-      ->check(CLI::NonNegativeNumber);
+  c.hexdump->add_option("--count", v.count_arg,
+                        "number of sectors or file blocks (default 1; not with --record)");
+  c.hexdump->add_option("--copy", v.copy_arg,
+                        "configuration copy for --record (default: first enabled)");
 
   c.records = app.add_subcommand("records", "long-format records that match every filter given");
   add_image(c.records, v);
@@ -93,52 +109,171 @@ subcommands define(CLI::App& app, cli_values& v) {
                         "record type name or number (repeatable): " + pd::record_type_names());
   c.records->add_option("--rid", v.rid_arg, "record id H.L");
   c.records->add_option("--name", v.name_arg, "record name");
-  c.records->add_option("--copy", v.copy, "configuration copy (default: first enabled)")
-      ->check(CLI::NonNegativeNumber);
+  c.records->add_option("--copy", v.copy_arg, "configuration copy (default: first enabled)");
   return c;
 }
 
-int dispatch(pd::session& s, const subcommands& c, cli_values& v) {
-  if (c.logs->parsed()) return pd::inspect_logs(s, v.target, v.copy, v.long_listing);
-  if (c.config->parsed()) return pd::inspect_config(s, v.target, v.copy);
-  if (c.headers->parsed()) return pd::inspect_headers(s, v.target);
-  if (c.check->parsed()) return pd::inspect_check(s, v.target, v.quiet);
-  if (c.scan->parsed()) return pd::inspect_scan(s, v.target);
-  if (c.hexdump->parsed()) {
-    pd::hexdump_request r;
-    if (!pd::hexdump_parse(s, v.sector_arg, v.block_arg, v.record_arg, r)) {
+std::string subcommand_names(const CLI::App& app) {
+  std::string out;
+  for (const CLI::App* sub : app.get_subcommands({})) {
+    out += (out.empty() ? "" : " ") + sub->get_name();
+  }
+  return out;
+}
+
+// A refused command line: the message, then status 3.
+int usage(const std::string& text) {
+  std::fprintf(stderr, "%s: %s\n", progname, text.c_str());
+  return pd::INSPECT_USAGE_IO;
+}
+
+// `text` of option `name` as a number in [lo, hi]; false after a message.
+bool number_arg(const char* name, const std::string& text, std::uint64_t lo, std::uint64_t hi,
+                std::uint64_t& v) {
+  if (!pd::inspect_parse_number(text, v)) {
+    usage(std::string(name) + ": not a number: " + pd::escape_text(text) + " (" + number_form +
+          ")");
+    return false;
+  }
+  if (v < lo || v > hi) {
+    usage(std::string(name) + ": " + std::to_string(v) + " is not in the range " +
+          std::to_string(lo) + " to " + std::to_string(hi));
+    return false;
+  }
+  return true;
+}
+
+constexpr std::uint64_t max_copy = 65535;
+constexpr std::uint64_t max_count = 4294967295u;
+
+// --copy as given, or -1 when absent.
+bool copy_number(const cli_values& v, int& copy) {
+  copy = -1;
+  if (v.copy_arg.empty()) return true;
+  std::uint64_t n = 0;
+  if (!number_arg("--copy", v.copy_arg, 0, max_copy, n)) return false;
+  copy = static_cast<int>(n);
+  return true;
+}
+
+// COPY:N style arguments: two numbers around a colon.
+bool pair_arg(const char* name, const char* form, const std::string& text, std::uint64_t hi_first,
+              std::uint64_t lo_second, std::uint64_t hi_second, std::uint64_t& first,
+              std::uint64_t& second) {
+  std::size_t colon = text.find(':');
+  if (colon == std::string::npos) {
+    usage(std::string(name) + ": expected " + form + ", got " + pd::escape_text(text));
+    return false;
+  }
+  return number_arg(name, text.substr(0, colon), 0, hi_first, first) &&
+         number_arg(name, text.substr(colon + 1), lo_second, hi_second, second);
+}
+
+int run_hexdump(pd::session& s, const cli_values& v) {
+  pd::hexdump_request r;
+  if (!v.copy_arg.empty() && v.record_arg.empty()) {
+    return usage("hexdump: --copy cannot be used with --sector or --block (--block names its copy)");
+  }
+  if (!v.count_arg.empty() && !v.record_arg.empty()) {
+    return usage("hexdump: --count cannot be used with --record (a record's blocks are all dumped)");
+  }
+  std::uint64_t n = 0, m = 0;
+  if (!v.count_arg.empty()) {
+    if (!number_arg("--count", v.count_arg, 1, max_count, n)) return pd::INSPECT_USAGE_IO;
+    r.count = static_cast<std::size_t>(n);
+  }
+  if (!v.sector_arg.empty()) {
+    r.what = pd::hexdump_what::sector;
+    if (!number_arg("--sector", v.sector_arg, 0, UINT64_MAX, n)) return pd::INSPECT_USAGE_IO;
+    r.sector = n;
+  } else if (!v.block_arg.empty()) {
+    r.what = pd::hexdump_what::block;
+    if (!pair_arg("--block", "COPY:N", v.block_arg, max_copy, 0, SIZE_MAX, n, m)) {
       return pd::INSPECT_USAGE_IO;
     }
-    r.count = v.count;
-    if (r.what == pd::hexdump_what::record) r.copy = v.copy;
-    return pd::inspect_hexdump(s, v.target, r);
+    r.copy = static_cast<int>(n);
+    r.block = static_cast<std::size_t>(m);
+  } else {
+    r.what = pd::hexdump_what::record;
+    r.ref = v.record_arg;
+    if (!copy_number(v, r.copy)) return pd::INSPECT_USAGE_IO;
   }
+  return pd::inspect_hexdump(s, v.target, r);
+}
+
+int run_scan(pd::session& s, const cli_values& v) {
+  pd::scan_request r;
+  if (!v.range_arg.empty()) {
+    std::uint64_t first = 0, count = 0;
+    if (!pair_arg("--range", "SECTOR:COUNT", v.range_arg, UINT64_MAX, 1, UINT64_MAX, first,
+                  count)) {
+      return pd::INSPECT_USAGE_IO;
+    }
+    r.first = first;
+    r.count = count;
+  }
+  r.progress = isatty(STDERR_FILENO) != 0;
+  return pd::inspect_scan(s, v.target, r);
+}
+
+int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
+  if (c.hexdump->parsed()) return run_hexdump(s, v);
+  if (c.scan->parsed()) return run_scan(s, v);
+  int copy = -1;
+  if (!copy_number(v, copy)) return pd::INSPECT_USAGE_IO;
+  if (c.logs->parsed()) return pd::inspect_logs(s, v.target, copy, v.long_listing);
+  if (c.config->parsed()) return pd::inspect_config(s, v.target, copy);
+  if (c.headers->parsed()) return pd::inspect_headers(s, v.target);
+  if (c.check->parsed()) return pd::inspect_check(s, v.target, v.quiet);
   pd::records_filter f;
   if (!pd::records_parse(s, v.types, v.rid_arg, v.name_arg, f)) return pd::INSPECT_USAGE_IO;
-  f.copy = v.copy;
+  f.copy = copy;
   return pd::inspect_records(s, v.target, f);
+}
+
+// The parsed command line's leftovers: an unknown subcommand or argument.
+int check_leftovers(const CLI::App& app, const subcommands& c) {
+  std::vector<std::string> left = app.remaining(true);
+  const CLI::App* chosen = nullptr;
+  for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records}) {
+    if (sub->parsed()) chosen = sub;
+  }
+  if (chosen == nullptr) {
+    if (left.empty() || left[0].rfind("-", 0) == 0) {
+      return usage("a subcommand is required; subcommands: " + subcommand_names(app));
+    }
+    return usage("unknown subcommand '" + pd::escape_text(left[0]) +
+                 "'; subcommands: " + subcommand_names(app));
+  }
+  if (!left.empty()) {
+    return usage(chosen->get_name() + ": unexpected argument '" + pd::escape_text(left[0]) +
+                 "' (see " + progname + " " + chosen->get_name() + " --help)");
+  }
+  return pd::INSPECT_OK;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"privinspect - inspect the private region of a disk image", "privinspect"};
+  CLI::App app{"privinspect - inspect the private region of a disk image", progname};
   cli_values v;
   app.add_option("--sector-size", v.target.sector_size, "bytes per sector: 512 (default) or 4096")
       ->check(CLI::IsMember({512, 4096}));
   app.set_version_flag("--version", "privinspect " PD_VERSION, "print the version and exit");
-  app.require_subcommand(1);
   app.fallthrough();
   subcommands c = define(app, v);
+  app.allow_extras();  // after define(): the subcommands do not inherit it
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     int status = app.exit(e);
     return status == 0 ? 0 : pd::INSPECT_USAGE_IO;
   }
+  if (int status = check_leftovers(app, c); status != pd::INSPECT_OK) return status;
 
   pd::session s;
-  s.progname = "privinspect";
+  s.progname = progname;
+  s.out = pd::checked_stdout(progname, pd::INSPECT_USAGE_IO);
   std::setlocale(LC_ALL, "");
   pd::volsetcat(s, "quillon.mesg");
   pd::volsetlabel(s, "qztool:priv");

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,8 +33,15 @@ std::vector<finding> header_findings(inspect_image& img);
 // check [--quiet]: the whole report run silently; one line per finding.
 int inspect_check(session& s, const inspect_target& t, bool quiet);
 
-// scan: every magic at every sector boundary, with its decode status.
-int inspect_scan(session& s, const inspect_target& t);
+// scan [--range SECTOR:COUNT]: every magic at every sector boundary, with
+// its decode status, and every place where the header and TOC put a
+// structure whose magic is wrong.
+struct scan_request {
+  std::uint64_t first = 0;           // first sector scanned
+  std::uint64_t count = UINT64_MAX;  // sectors scanned (to the end by default)
+  bool progress = false;             // a progress line on the error stream after a second
+};
+int inspect_scan(session& s, const inspect_target& t, const scan_request& r = {});
 
 // hexdump (--sector N | --block COPY:N | --record REF) [--count K]
 enum class hexdump_what { sector, block, record };
@@ -45,10 +53,10 @@ struct hexdump_request {
   std::string ref;           // --record
   std::size_t count = 1;
 };
-// Fills `r` from the one given argument; false (after a usage message) when
-// a number does not parse.
-bool hexdump_parse(session& s, const std::string& sector, const std::string& block,
-                   const std::string& record, hexdump_request& r);
+// A number of the command line: decimal, or hex after "0x"/"0X"; no sign,
+// blanks or trailing text. False on anything else, and on a value above
+// 2^64 - 1.
+bool inspect_parse_number(const std::string& text, std::uint64_t& v);
 int inspect_hexdump(session& s, const inspect_target& t, const hexdump_request& r);
 
 // records [--type T]... [--rid H.L] [--name NAME] [--copy N]

@@ -1,10 +1,9 @@
 // hexdump: raw bytes in the puthex form, of image sectors (read straight
-// from the file, whatever the header says), of 512-byte blocks of a
+// from the file, whatever the header says), of 512-byte file blocks of a
 // configuration copy (numbered as the report's ":624:" messages number
-// them), or of the store blocks that carry one record.
-#include <cerrno>
+// them), or of the store blocks (of the copy's block size) that carry one
+// record. Every heading names its unit, its size and where it starts.
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "io/messages.h"
 #include "inspect/inspect.h"
 #include "inspect/inspect_load.h"
+#include "inspect/output.h"
 
 namespace pd {
 
@@ -24,15 +24,6 @@ namespace {
 constexpr std::size_t COPY_BLKSIZE = 512;
 constexpr std::size_t COPY_RUN_BLOCKS = 128;
 constexpr std::size_t COPY_BUFSIZE = 0x200000;
-
-// A whole decimal number; false on anything else.
-bool parse_number(const std::string& text, unsigned long long& v) {
-  if (text.empty() || text[0] < '0' || text[0] > '9') return false;
-  errno = 0;
-  char* end = nullptr;
-  v = std::strtoull(text.c_str(), &end, 10);
-  return errno == 0 && *end == '\0';
-}
 
 int dump_sectors(session& s, inspect_image& img, std::uint64_t first, std::size_t count) {
   std::size_t ss = static_cast<std::size_t>(img.sector_size());
@@ -47,8 +38,8 @@ int dump_sectors(session& s, inspect_image& img, std::uint64_t first, std::size_
                    static_cast<unsigned long long>(sec), static_cast<unsigned long long>(nsect));
       return INSPECT_FINDINGS;
     }
-    std::fprintf(s.out, "sector %llu (byte %llu):\n", static_cast<unsigned long long>(sec),
-                 static_cast<unsigned long long>(sec * ss));
+    std::fprintf(s.out, "sector %llu (%zu bytes at byte %llu):\n",
+                 static_cast<unsigned long long>(sec), ss, static_cast<unsigned long long>(sec * ss));
     puthex(s.out, buf.data(), static_cast<long>(n));
     if (n < ss) {
       std::fprintf(s.out, "sector %llu: only %zu bytes before the end of the image\n",
@@ -60,7 +51,7 @@ int dump_sectors(session& s, inspect_image& img, std::uint64_t first, std::size_
 }
 
 int dump_blocks(session& s, inspect_image& img, int copy, std::size_t first, std::size_t count) {
-  if (!img.locate()) return INSPECT_FINDINGS;
+  if (int st = img.locate_or_explain(); st != INSPECT_OK) return st;
   copy_info* cp = inspect_select_config_copy(s, img.priv(), copy);
   if (cp == nullptr) return INSPECT_FINDINGS;
   std::uint8_t* buf = get_aligned_buf(s, COPY_BUFSIZE);
@@ -73,13 +64,14 @@ int dump_blocks(session& s, inspect_image& img, int copy, std::size_t first, std
       return INSPECT_FINDINGS;
     }
     for (std::size_t i = 0; i < nread; i++) {
-      std::fprintf(s.out, "config copy %d block %zu:\n", cp->ci_copy, blk + i);
+      std::fprintf(s.out, "config copy %d file block %zu (%zu bytes at copy byte %zu):\n",
+                   cp->ci_copy, blk + i, COPY_BLKSIZE, (blk + i) * COPY_BLKSIZE);
       puthex(s.out, buf + i * COPY_BLKSIZE, COPY_BLKSIZE);
     }
     blk += nread;
     left -= nread;
     if (nread < want) {
-      std::fprintf(s.out, "config copy %d: block %zu is beyond its end\n", cp->ci_copy, blk);
+      std::fprintf(s.out, "config copy %d: file block %zu is beyond its end\n", cp->ci_copy, blk);
       return INSPECT_FINDINGS;
     }
   }
@@ -101,17 +93,17 @@ void dump_store_block(session& s, priv_info* priv, loaded_copy& lc, std::size_t 
   std::size_t nblks = (byte + blksize + COPY_BLKSIZE - 1) / COPY_BLKSIZE - first;
   std::uint8_t* buf = get_aligned_buf(s, COPY_BUFSIZE);
   std::size_t nread = 0;
-  std::fprintf(s.out, "block %zu (copy byte %zu):\n", blkno, byte);
+  std::fprintf(s.out, "store block %zu (%zu bytes at copy byte %zu):\n", blkno, blksize, byte);
   if (nblks > COPY_RUN_BLOCKS || priv_read_copy(s, priv, lc.cp, buf, first, nblks, &nread) != 0 ||
       nread < nblks) {
-    std::fprintf(s.out, "block %zu: cannot be read from the copy\n", blkno);
+    std::fprintf(s.out, "store block %zu: cannot be read from the copy\n", blkno);
     return;
   }
   puthex(s.out, buf + (byte - first * COPY_BLKSIZE), static_cast<long>(blksize));
 }
 
 int dump_record(session& s, inspect_image& img, int copy, const std::string& ref) {
-  if (!img.locate()) return INSPECT_FINDINGS;
+  if (int st = img.locate_or_explain(); st != INSPECT_OK) return st;
   copy_info* cp = inspect_select_config_copy(s, img.priv(), copy);
   if (cp == nullptr) return INSPECT_FINDINGS;
   loaded_copy lc(s);
@@ -122,9 +114,11 @@ int dump_record(session& s, inspect_image& img, int copy, const std::string& ref
     matched++;
     const db_record* dr = r->dbrec;
     char rid[24];
-    std::fprintf(s.out, "record %s rid=%s ref=%lu type=0x%04x size=%zu:\n", r->name,
-                 volridtostr(r->rid, rid), dr->dbr_ref, static_cast<unsigned>(dr->dbr_type),
-                 dr->dbr_size);
+    text_out out(s.out);
+    out.text("record ");
+    out.value(r->name);
+    out.printf(" rid=%s ref=%lu type=0x%04x size=%zu:\n", volridtostr(r->rid, rid), dr->dbr_ref,
+               static_cast<unsigned>(dr->dbr_type), dr->dbr_size);
     std::size_t guard = 0;
     for (std::size_t b = dr->dbr_first_blkno;
          b != DDB_NOBLOCK && b < lc.rep.db->ddb_nblocks && guard < lc.rep.db->ddb_nblocks;
@@ -134,7 +128,7 @@ int dump_record(session& s, inspect_image& img, int copy, const std::string& ref
   }
   if (matched == 0) {
     std::fprintf(s.err, "%s: no record of config copy %d is named or numbered %s\n", s.progname,
-                 cp->ci_copy, ref.c_str());
+                 cp->ci_copy, escape_text(ref).c_str());
     return INSPECT_FINDINGS;
   }
   return INSPECT_OK;
@@ -142,33 +136,27 @@ int dump_record(session& s, inspect_image& img, int copy, const std::string& ref
 
 }  // namespace
 
-bool hexdump_parse(session& s, const std::string& sector, const std::string& block,
-                   const std::string& record, hexdump_request& r) {
-  unsigned long long v = 0;
-  if (!sector.empty()) {
-    r.what = hexdump_what::sector;
-    if (!parse_number(sector, v)) {
-      std::fprintf(s.err, "%s: --sector: not a sector number: %s\n", s.progname, sector.c_str());
+bool inspect_parse_number(const std::string& text, std::uint64_t& v) {
+  bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  std::size_t at = hex ? 2 : 0;
+  if (at >= text.size()) return false;
+  v = 0;
+  for (; at < text.size(); at++) {
+    char ch = text[at];
+    unsigned digit;
+    if (ch >= '0' && ch <= '9') {
+      digit = static_cast<unsigned>(ch - '0');
+    } else if (hex && ch >= 'a' && ch <= 'f') {
+      digit = static_cast<unsigned>(ch - 'a' + 10);
+    } else if (hex && ch >= 'A' && ch <= 'F') {
+      digit = static_cast<unsigned>(ch - 'A' + 10);
+    } else {
       return false;
     }
-    r.sector = v;
-    return true;
-  }
-  if (!block.empty()) {
-    r.what = hexdump_what::block;
-    std::size_t colon = block.find(':');
-    unsigned long long c = 0;
-    if (colon == std::string::npos || !parse_number(block.substr(0, colon), c) ||
-        !parse_number(block.substr(colon + 1), v) || c > 65535) {
-      std::fprintf(s.err, "%s: --block: expected COPY:N, got %s\n", s.progname, block.c_str());
+    if (__builtin_mul_overflow(v, hex ? 16u : 10u, &v) || __builtin_add_overflow(v, digit, &v)) {
       return false;
     }
-    r.copy = static_cast<int>(c);
-    r.block = static_cast<std::size_t>(v);
-    return true;
   }
-  r.what = hexdump_what::record;
-  r.ref = record;
   return true;
 }
 

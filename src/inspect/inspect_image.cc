@@ -1,8 +1,13 @@
 // Opening, locating and joining the image for privinspect.
 #include "inspect/inspect_image.h"
 
-#include <cstdio>
+#include <sys/stat.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "base/errors.h"
 #include "io/dump_device.h"
 #include "io/messages.h"
 #include "private_region/locate.h"
@@ -20,18 +25,54 @@ inspect_image::~inspect_image() {
   }
 }
 
+namespace {
+
+// What a path that is not a regular file is, or null for a regular file.
+const char* not_a_file(const struct stat& st) {
+  if (S_ISDIR(st.st_mode)) return "is a directory";
+  if (S_ISFIFO(st.st_mode)) return "is a FIFO";
+  if (S_ISCHR(st.st_mode)) return "is a character device";
+  if (S_ISBLK(st.st_mode)) return "is a block device";
+  if (S_ISSOCK(st.st_mode)) return "is a socket";
+  if (!S_ISREG(st.st_mode)) return "is not a regular file";
+  return nullptr;
+}
+
+// The bytes from the end of the image to its alternate header position:
+// 192 sectors of 512 bytes, or 24 of 4096 (derive_disk_attrs).
+constexpr std::uint64_t header_positions_bytes = 192 * 512;
+
+}  // namespace
+
 bool inspect_image::open(const inspect_target& t) {
   sector_size_ = t.sector_size;
   s.devicename = t.image;
-  s.priv_fd = std::fopen(t.image.c_str(), "rb");
-  if (s.priv_fd == nullptr) {
-    std::fprintf(s.err, "Cannot open dump file %s.\n", t.image.c_str());
+  const char* path = t.image.c_str();
+  // The path is looked at before it is opened: opening a FIFO would wait
+  // for a writer, and a directory opens "rb" but has no length.
+  struct stat st {};
+  if (::stat(path, &st) != 0) {
+    std::fprintf(s.err, "%s: cannot open %s: %s\n", s.progname, path, std::strerror(errno));
     return false;
   }
-  (void)fseeko(s.priv_fd, 0, SEEK_END);
-  off_t end = ftello(s.priv_fd);
-  (void)fseeko(s.priv_fd, 0, SEEK_SET);
-  file_size_ = end > 0 ? static_cast<std::uint64_t>(end) : 0;
+  if (const char* what = not_a_file(st)) {
+    std::fprintf(s.err, "%s: %s: %s (an image file is expected)\n", s.progname, path, what);
+    return false;
+  }
+  s.priv_fd = std::fopen(path, "rb");
+  if (s.priv_fd == nullptr) {
+    std::fprintf(s.err, "%s: cannot open %s: %s\n", s.progname, path, std::strerror(errno));
+    return false;
+  }
+  file_size_ = dump_file_size(s.priv_fd);
+  if (file_size_ < static_cast<std::uint64_t>(sector_size_)) {
+    std::fprintf(s.err,
+                 "%s: %s: %llu bytes, shorter than one %d-byte sector (both header copies "
+                 "lie within the last %llu bytes of a private region)\n",
+                 s.progname, path, static_cast<unsigned long long>(file_size_), sector_size_,
+                 static_cast<unsigned long long>(header_positions_bytes));
+    return false;
+  }
   dattrs_ = derive_disk_attrs(file_size_, sector_size_);
 
   priv_ = priv_alloc();
@@ -44,6 +85,49 @@ bool inspect_image::open(const inspect_target& t) {
   priv_->pri_write = privutil_write;
   priv_->pri_flags |= PRI_NOUPDATE;
   return true;
+}
+
+bool inspect_image::holds_header_positions() const {
+  if (dattrs_.dka_alternate_header >= 0) return true;
+  std::fprintf(s.err,
+               "%s: %s: %llu bytes, shorter than the %llu bytes that hold both header positions "
+               "(the primary in the last sector, the alternate 96 KiB before the end)\n",
+               s.progname, s.devicename.c_str(), static_cast<unsigned long long>(file_size_),
+               static_cast<unsigned long long>(header_positions_bytes));
+  return false;
+}
+
+void inspect_image::hint_other_sector_size() {
+  int other = sector_size_ == 512 ? 4096 : 512;
+  disk_attrs d = derive_disk_attrs(file_size_, other);
+  bool found = false;
+  if (d.dka_alternate_header >= 0) {
+    priv_info* probe = priv_alloc();
+    if (probe == nullptr) return;
+    probe->pri_io_private = &s;
+    probe->pri_read = privutil_read;
+    probe->pri_write = privutil_write;
+    probe->pri_flags |= PRI_NOUPDATE;
+    try {
+      found = priv_scan(probe, &d) == 0;
+    } catch (const fatal_exit&) {
+    }
+    priv_free(probe);
+  }
+  std::fprintf(s.err, "%s: %s: no header found with %d-byte sectors; %s\n", s.progname,
+               s.devicename.c_str(), sector_size_,
+               found ? (other == 4096 ? "a header is found with --sector-size 4096"
+                                      : "a header is found with --sector-size 512")
+                     : (other == 4096 ? "none with --sector-size 4096 either"
+                                      : "none with --sector-size 512 either"));
+}
+
+int inspect_image::locate_or_explain() {
+  if (!holds_header_positions()) return INSPECT_USAGE_IO;
+  if (locate()) return INSPECT_OK;
+  // A failed header scan leaves the handle without a header.
+  if (priv_->pri_header == nullptr) hint_other_sector_size();
+  return INSPECT_FINDINGS;
 }
 
 int inspect_image::scan() { return priv_scan(priv_, &dattrs_); }

@@ -39,8 +39,21 @@ class inspect_image {
   inspect_image& operator=(const inspect_image&) = delete;
 
   // Opens the image "rb" into the session and derives the disk attributes.
-  // On failure writes "Cannot open dump file %s.\n" and returns false.
+  // Refuses, with a message naming the path (and the system's reason where
+  // it refused), a path that cannot be opened, one that is not a regular
+  // file (a directory, FIFO, device or socket: it is not opened at all), and
+  // an image shorter than one sector. False after the message.
   bool open(const inspect_target& t);
+  // Whether the image is long enough for both header positions; false
+  // after a message giving its length and the length needed.
+  bool holds_header_positions() const;
+  // After a failed header scan: one line saying whether the scan finds a
+  // header at the other sector size (a read-only probe).
+  void hint_other_sector_size();
+  // holds_header_positions() then locate(), with the hint above when the
+  // header scan failed: INSPECT_OK, INSPECT_USAGE_IO when the image is too
+  // short, INSPECT_FINDINGS when it cannot be located.
+  int locate_or_explain();
 
   // The header scan: 0 or the volume error of priv_scan.
   int scan();

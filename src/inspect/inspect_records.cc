@@ -1,6 +1,9 @@
 // records: the long-format records of one configuration copy that pass
 // every filter given (type, rid, name), in the order the store completed
-// them, followed by a count line.
+// them, followed by a count line. Each record is printed by the report's
+// printer into memory and written through the escaping writer: the
+// printer's line breaks are the layout, every other byte that is a control
+// byte or not UTF-8 (in a name, a state, a comment) is escaped.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +12,8 @@
 #include "codec/text_forms.h"
 #include "inspect/inspect.h"
 #include "inspect/inspect_load.h"
+#include "inspect/output.h"
+#include "io/messages.h"
 #include "report/record_printer.h"
 
 namespace pd {
@@ -72,7 +77,8 @@ bool records_parse(session& s, const std::vector<std::string>& types, const std:
   for (const std::string& t : types) {
     int type = 0;
     if (!lookup_type(t, type)) {
-      std::fprintf(s.err, "%s: --type: unknown record type %s\n", s.progname, t.c_str());
+      std::fprintf(s.err, "%s: --type: unknown record type %s\n", s.progname,
+                   escape_text(t).c_str());
       return false;
     }
     f.types.push_back(type);
@@ -81,7 +87,8 @@ bool records_parse(session& s, const std::vector<std::string>& types, const std:
     const char* end = nullptr;
     volrid_t v = strtovolrid(rid.c_str(), &end);
     if (end == rid.c_str() || *end != '\0') {
-      std::fprintf(s.err, "%s: --rid: expected H.L, got %s\n", s.progname, rid.c_str());
+      std::fprintf(s.err, "%s: --rid: expected H.L, got %s\n", s.progname,
+                   escape_text(rid).c_str());
       return false;
     }
     f.rid = v;
@@ -93,12 +100,20 @@ bool records_parse(session& s, const std::vector<std::string>& types, const std:
 int inspect_records(session& s, const inspect_target& t, const records_filter& f) {
   inspect_image img(s);
   if (!img.open(t)) return INSPECT_USAGE_IO;
-  if (!img.locate()) return INSPECT_FINDINGS;
+  if (int st = img.locate_or_explain(); st != INSPECT_OK) return st;
   copy_info* cp = inspect_select_config_copy(s, img.priv(), f.copy);
   if (cp == nullptr) return INSPECT_FINDINGS;
   loaded_copy lc(s);
   if (!lc.load(img.priv(), cp)) return INSPECT_FINDINGS;
-  record_printer pr(s.out);
+  text_out out(s.out);
+  char* text = nullptr;
+  std::size_t len = 0;
+  FILE* mem = open_memstream(&text, &len);
+  if (mem == nullptr) {
+    volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
+    return INSPECT_USAGE_IO;
+  }
+  record_printer pr(mem);
   int total = 0;
   int matched = 0;
   for (record* r = lc.rep.rlist; r != nullptr; r = r->next) {
@@ -106,8 +121,13 @@ int inspect_records(session& s, const inspect_target& t, const records_filter& f
     if (!matches(r, f)) continue;
     matched++;
     pr.print_record(lc.rep.db, r->dbrec);
+    std::fflush(mem);
+    out.lines(std::string_view(text, len));
+    std::rewind(mem);
   }
-  std::fprintf(s.out, "#%d of %d record(s) of config copy %d match\n", matched, total, cp->ci_copy);
+  std::fclose(mem);
+  std::free(text);
+  out.printf("#%d of %d record(s) of config copy %d match\n", matched, total, cp->ci_copy);
   return matched > 0 ? INSPECT_OK : INSPECT_FINDINGS;
 }
 

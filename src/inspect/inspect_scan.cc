@@ -5,6 +5,14 @@
 // the copy (configuration or log) and the block within it, so that a block
 // number that disagrees with its position shows up, and TOC blocks carry
 // the header's sequence number for comparison.
+//
+// Where the header and the table of contents say a structure lies and its
+// magic is not there, the sector is listed as damaged, with the bytes found
+// instead. Consecutive blocks of one copy that carry the same wrong bytes
+// are one line, as are runs of unused store blocks. --range limits the
+// sectors looked at; on a terminal a progress line on the error stream
+// tells how far a long scan has come.
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -19,6 +27,7 @@
 #include "io/messages.h"
 #include "inspect/inspect.h"
 #include "inspect/inspect_places.h"
+#include "inspect/output.h"
 #include "private_region/header.h"
 #include "private_region/log_block.h"
 #include "private_region/toc.h"
@@ -43,13 +52,14 @@ const scan_magic scan_magics[] = {
 class scanner {
  public:
   scanner(session& s, inspect_image& img, const copy_places& places)
-      : s_(s), img_(img), places_(places) {}
+      : out_(s.out), img_(img), places_(places) {}
 
   // Examines the sector at `sector` whose bytes (`len`, at most one sector)
   // are `p`; returns whether it was a candidate.
   bool examine(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
-  // Prints a pending run of unused blocks.
+  // Prints the pending runs.
   void flush();
+  std::uint64_t damaged() const { return damaged_; }
 
  private:
   // Consecutive unused blocks (reference 0) whose numbers count up with
@@ -62,6 +72,21 @@ class scanner {
     std::optional<copy_position> first_place;
   };
   bool extend_run(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
+  void flush_unused();
+
+  // Consecutive blocks of one copy where the same magic is expected and
+  // the same bytes are found.
+  struct damage_run {
+    std::uint64_t first_sector = 0, last_sector = 0;
+    std::uint64_t count = 0;
+    std::string what;  // "expected VBLK, found ..."
+    std::string where;  // of the first
+    std::optional<copy_position> first, last;
+  };
+  void damage(std::uint64_t sector, const expected_magic& e, const std::uint8_t* p,
+              std::size_t len);
+  void flush_damage();
+  void range_heading(std::uint64_t first, std::uint64_t last);
 
   void prefix(std::uint64_t sector, const char* magic);
   void privhead(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
@@ -71,10 +96,12 @@ class scanner {
   void klog(std::uint64_t sector, const std::uint8_t* p, std::size_t len);
   void truncated(std::size_t len);
 
-  session& s_;
+  text_out out_;
   inspect_image& img_;
   const copy_places& places_;
   unused_run run_;
+  damage_run bad_;
+  std::uint64_t damaged_ = 0;
 };
 
 bool scanner::extend_run(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
@@ -102,37 +129,87 @@ bool scanner::extend_run(std::uint64_t sector, const std::uint8_t* p, std::size_
 }
 
 void scanner::flush() {
+  flush_unused();
+  flush_damage();
+}
+
+void scanner::range_heading(std::uint64_t first, std::uint64_t last) {
+  std::uint64_t ss = static_cast<std::uint64_t>(img_.sector_size());
+  out_.printf("sectors %llu-%llu (bytes %llu-%llu): ", static_cast<unsigned long long>(first),
+              static_cast<unsigned long long>(last), static_cast<unsigned long long>(first * ss),
+              static_cast<unsigned long long>(last * ss));
+}
+
+void scanner::damage(std::uint64_t sector, const expected_magic& e, const std::uint8_t* p,
+                     std::size_t len) {
+  std::size_t want = std::strlen(e.magic);
+  std::string what = std::string("expected ") + e.magic + ", found ";
+  what += len < want ? "only " + std::to_string(len) + " bytes before the end of the image"
+                     : "\"" + escape_text(std::string_view(reinterpret_cast<const char*>(p), want)) +
+                           "\"";
+  damaged_++;
+  bool continues = bad_.count > 0 && e.at && bad_.last && what == bad_.what &&
+                   e.at->kind == bad_.last->kind && e.at->copy == bad_.last->copy &&
+                   e.at->block == bad_.last->block + 1;
+  if (continues) {
+    bad_.last_sector = sector;
+    bad_.last = e.at;
+    bad_.count++;
+    return;
+  }
+  flush();
+  bad_ = damage_run{sector, sector, 1, what, e.where, e.at, e.at};
+}
+
+void scanner::flush_damage() {
+  if (bad_.count == 0) return;
+  if (bad_.count == 1) {
+    prefix(bad_.first_sector, "damaged: ");
+  } else {
+    range_heading(bad_.first_sector, bad_.last_sector);
+    out_.text("damaged: ");
+  }
+  out_.text(bad_.what);
+  if (bad_.count == 1) {
+    out_.text(bad_.where);
+  } else {
+    out_.printf("; %s copy %d, blocks %llu-%llu",
+                bad_.first->kind == copy_kind::config ? "config" : "log", bad_.first->copy,
+                static_cast<unsigned long long>(bad_.first->block),
+                static_cast<unsigned long long>(bad_.last->block));
+  }
+  out_.text("\n");
+  bad_ = damage_run{};
+}
+
+void scanner::flush_unused() {
   if (run_.count == 0) return;
   std::uint64_t last = run_.first_sector + run_.count - 1;
   std::uint32_t last_blkno = run_.first_blkno + static_cast<std::uint32_t>(run_.count - 1);
   if (run_.count == 1) {
     prefix(run_.first_sector, ddb_blkhdr_magic);
-    std::fprintf(s_.out, " block %u, ref 0, fragment %u of %u%s\n", run_.first_blkno, run_.frag,
+    out_.printf(" block %u, ref 0, fragment %u of %u%s\n", run_.first_blkno, run_.frag,
                  run_.nfrag, places_.describe(run_.first_sector).c_str());
   } else {
-    std::uint64_t ss = static_cast<std::uint64_t>(img_.sector_size());
-    std::fprintf(s_.out, "sectors %llu-%llu (bytes %llu-%llu): VBLK blocks %u-%u, unused (ref 0)",
-                 static_cast<unsigned long long>(run_.first_sector),
-                 static_cast<unsigned long long>(last),
-                 static_cast<unsigned long long>(run_.first_sector * ss),
-                 static_cast<unsigned long long>(last * ss), run_.first_blkno, last_blkno);
+    range_heading(run_.first_sector, last);
+    out_.printf("VBLK blocks %u-%u, unused (ref 0)", run_.first_blkno, last_blkno);
     if (run_.first_place) {
-      std::fprintf(s_.out, "; config copy %d, blocks %u-%u", run_.first_place->copy,
+      out_.printf("; config copy %d, blocks %u-%u", run_.first_place->copy,
                    run_.first_blkno, last_blkno);
     }
-    std::fputc('\n', s_.out);
+    out_.text("\n");
   }
   run_ = unused_run{};
 }
 
 void scanner::prefix(std::uint64_t sector, const char* magic) {
   std::uint64_t ss = static_cast<std::uint64_t>(img_.sector_size());
-  std::fprintf(s_.out, "sector %llu (byte %llu): %s", static_cast<unsigned long long>(sector),
+  out_.printf("sector %llu (byte %llu): %s", static_cast<unsigned long long>(sector),
                static_cast<unsigned long long>(sector * ss), magic);
 }
 
 void scanner::truncated(std::size_t len) {
-  std::fprintf(s_.out, " truncated: only %zu bytes before the end of the image\n", len);
+  out_.printf(" truncated: only %zu bytes before the end of the image\n", len);
 }
 
 void scanner::privhead(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
@@ -140,28 +217,28 @@ void scanner::privhead(std::uint64_t sector, const std::uint8_t* p, std::size_t 
   std::uint32_t stored = priv_header_stored_checksum(p);
   std::uint32_t computed = static_cast<std::uint32_t>(priv_header_checksum(p));
   if (stored == computed) {
-    std::fprintf(s_.out, " checksum correct");
+    out_.printf(" checksum correct");
   } else {
-    std::fprintf(s_.out, " checksum 0x%08x expected 0x%08x", stored, computed);
+    out_.printf(" checksum 0x%08x expected 0x%08x", stored, computed);
   }
   priv_header_info hdr;
   int res = priv_unformat_header(&hdr, p);
   if (res != 0) {
-    std::fprintf(s_.out, ", does not decode: error %d: %s\n", res, vol_strerror(res));
+    out_.printf(", does not decode: error %d: %s\n", res, vol_strerror(res));
     return;
   }
   char seq[24];
-  std::fprintf(s_.out, ", decodes: version %u.%u seqno %s", hdr.phi_version_major,
+  out_.printf(", decodes: version %u.%u seqno %s", hdr.phi_version_major,
                hdr.phi_version_minor, volseqnotostr(hdr.phi_update_seqno, seq));
   voff_t here = static_cast<voff_t>(sector);
-  if (here == hdr.phi_primary_header) std::fprintf(s_.out, ", at its primary position");
-  if (here == hdr.phi_alt_header) std::fprintf(s_.out, ", at its alternate position");
+  if (here == hdr.phi_primary_header) out_.printf(", at its primary position");
+  if (here == hdr.phi_alt_header) out_.printf(", at its alternate position");
   if (here != hdr.phi_primary_header && here != hdr.phi_alt_header) {
-    std::fprintf(s_.out, ", names sectors %lld/%lld as its positions",
+    out_.printf(", names sectors %lld/%lld as its positions",
                  static_cast<long long>(hdr.phi_primary_header),
                  static_cast<long long>(hdr.phi_alt_header));
   }
-  std::fputc('\n', s_.out);
+  out_.text("\n");
 }
 
 void scanner::tocblock(const std::uint8_t* p, std::size_t len) {
@@ -170,28 +247,28 @@ void scanner::tocblock(const std::uint8_t* p, std::size_t len) {
   std::uint32_t stored = b.tbi_checksum;
   std::uint32_t computed = static_cast<std::uint32_t>(priv_toc_checksum(p, len));
   if (stored == computed) {
-    std::fprintf(s_.out, " checksum correct");
+    out_.printf(" checksum correct");
   } else {
-    std::fprintf(s_.out, " checksum 0x%08x expected 0x%08x", stored, computed);
+    out_.printf(" checksum 0x%08x expected 0x%08x", stored, computed);
   }
   const volseqno_t& seq = b.tbi_seqno;
   char sb[24];
-  std::fprintf(s_.out, ", seqno %s", volseqnotostr(seq, sb));
+  out_.printf(", seqno %s", volseqnotostr(seq, sb));
   if (places_.header_seqno_known) {
     if (seqno_equal(seq, places_.header_seqno)) {
-      std::fprintf(s_.out, " (the header's)");
+      out_.printf(" (the header's)");
     } else {
-      std::fprintf(s_.out, " (header has %s)", volseqnotostr(places_.header_seqno, sb));
+      out_.printf(" (header has %s)", volseqnotostr(places_.header_seqno, sb));
     }
   }
-  std::fprintf(s_.out, ", next %lld/%lld\n", static_cast<long long>(b.tbi_next),
+  out_.printf(", next %lld/%lld\n", static_cast<long long>(b.tbi_next),
                static_cast<long long>(b.tbi_alt_next));
 }
 
 void scanner::vmdb(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
   voldb_prefix_info h;
   if (voldb_prefix_decode(p, p + len, &h) == nullptr) return truncated(len);
-  std::fprintf(s_.out, " nblocks %u, blksize %u, hdrsize %u, version %u.%u, state %u",
+  out_.printf(" nblocks %u, blksize %u, hdrsize %u, version %u.%u, state %u",
                h.vdp_nblocks, h.vdp_blksize, h.vdp_hdrsize, h.vdp_version_major,
                h.vdp_version_minor, h.vdp_commit_state);
   static const dbase_ops no_ops{};
@@ -203,17 +280,17 @@ void scanner::vmdb(std::uint64_t sector, const std::uint8_t* p, std::size_t len)
     ddb_free(db);
   }
   if (res == 0) {
-    std::fprintf(s_.out, ", decodes");
+    out_.printf(", decodes");
   } else {
-    std::fprintf(s_.out, ", does not decode: error %d: %s", res, vol_strerror(res));
+    out_.printf(", does not decode: error %d: %s", res, vol_strerror(res));
   }
-  std::fprintf(s_.out, "%s\n", places_.describe(sector, copy_kind::config, 0).c_str());
+  out_.printf("%s\n", places_.describe(sector, copy_kind::config, 0).c_str());
 }
 
 void scanner::vblk(std::uint64_t sector, const std::uint8_t* p, std::size_t len) {
   ddb_blkhdr_info h;
   if (ddb_block_header_decode(p, p + len, &h) == nullptr) return truncated(len);
-  std::fprintf(s_.out, " block %u, ref %u, fragment %u of %u%s\n", h.dbh_blkno, h.dbh_ref,
+  out_.printf(" block %u, ref %u, fragment %u of %u%s\n", h.dbh_blkno, h.dbh_ref,
                h.dbh_frag, h.dbh_nfrag,
                places_.describe(sector, copy_kind::config, h.dbh_blkno).c_str());
 }
@@ -222,7 +299,7 @@ void scanner::klog(std::uint64_t sector, const std::uint8_t* p, std::size_t len)
   klog_block_info h;
   if (klog_block_decode(p, p + len, &h) == nullptr) return truncated(len);
   char tb[24];
-  std::fprintf(s_.out, " block %u, tid %s, seqno %u, len %u%s\n", h.klb_blkno,
+  out_.printf(" block %u, tid %s, seqno %u, len %u%s\n", h.klb_blkno,
                volseqnotostr(h.klb_tid, tb), h.klb_seqno, h.klb_loglen,
                places_.describe(sector, copy_kind::log, h.klb_blkno).c_str());
 }
@@ -246,32 +323,86 @@ bool scanner::examine(std::uint64_t sector, const std::uint8_t* p, std::size_t l
     }
     return true;
   }
+  if (std::optional<expected_magic> e = places_.expected(sector)) damage(sector, *e, p, len);
   return false;
 }
 
+// A line on the error stream, rewritten in place, once the scan has run
+// for a second: how far it has come.
+class progress_line {
+ public:
+  progress_line(bool on, std::uint64_t first, std::uint64_t end)
+      : on_(on), first_(first), end_(end), start_(std::chrono::steady_clock::now()) {}
+  ~progress_line() {
+    if (shown_) std::fprintf(stderr, "\r%*s\r", static_cast<int>(width_), "");
+  }
+  progress_line(const progress_line&) = delete;
+  progress_line& operator=(const progress_line&) = delete;
+
+  void at(std::uint64_t sector) {
+    if (!on_) return;
+    auto now = std::chrono::steady_clock::now();
+    if (now - start_ < std::chrono::seconds(1) || now - last_ < std::chrono::milliseconds(200)) {
+      return;
+    }
+    last_ = now;
+    shown_ = true;
+    unsigned long long done = sector - first_, all = end_ - first_;
+    int n = std::fprintf(stderr, "\rscan: sector %llu of %llu-%llu (%llu%%)",
+                         static_cast<unsigned long long>(sector),
+                         static_cast<unsigned long long>(first_),
+                         static_cast<unsigned long long>(end_ - 1),
+                         all == 0 ? 100ull : done * 100 / all);
+    if (n > 0 && static_cast<std::size_t>(n) > width_) width_ = static_cast<std::size_t>(n);
+  }
+
+ private:
+  bool on_;
+  std::uint64_t first_, end_;
+  std::chrono::steady_clock::time_point start_, last_;
+  bool shown_ = false;
+  std::size_t width_ = 0;
+};
+
 }  // namespace
 
-int inspect_scan(session& s, const inspect_target& t) {
+int inspect_scan(session& s, const inspect_target& t, const scan_request& r) {
   inspect_image img(s);
   if (!img.open(t)) return INSPECT_USAGE_IO;
+  std::uint64_t ss = static_cast<std::uint64_t>(img.sector_size());
+  std::uint64_t nsect = (img.file_size() + ss - 1) / ss;  // a cut last sector counts
+  if (r.first >= nsect) {
+    std::fprintf(s.err, "%s: --range: sector %llu is beyond the end of the image (%llu sectors)\n",
+                 s.progname, static_cast<unsigned long long>(r.first),
+                 static_cast<unsigned long long>(nsect));
+    return INSPECT_FINDINGS;
+  }
+  std::uint64_t end = r.count < nsect - r.first ? r.first + r.count : nsect;
   copy_places places = copy_places::locate_quietly(img);
-  std::fprintf(s.out, "%s\n", places.summary().c_str());
+  text_out out(s.out);
+  out.printf("%s\n", places.summary().c_str());
   scanner sc(s, img, places);
-  std::size_t ss = static_cast<std::size_t>(img.sector_size());
+  progress_line progress(r.progress, r.first, end);
   std::vector<std::uint8_t> run(SCAN_RUN);
   std::uint64_t found = 0;
-  std::uint64_t sector = 0;
-  for (std::uint64_t off = 0; off < img.file_size(); off += SCAN_RUN) {
-    std::size_t n = img.read_at(off, run.data(), SCAN_RUN);
+  std::uint64_t sector = r.first;
+  std::uint64_t end_byte = end * ss < img.file_size() ? end * ss : img.file_size();
+  for (std::uint64_t off = r.first * ss; off < end_byte; off += SCAN_RUN) {
+    std::size_t want = end_byte - off < SCAN_RUN ? static_cast<std::size_t>(end_byte - off) : SCAN_RUN;
+    std::size_t n = img.read_at(off, run.data(), want);
     if (n == 0) break;
     for (std::size_t at = 0; at < n; at += ss, sector++) {
       std::size_t len = n - at < ss ? n - at : ss;
       if (sc.examine(sector, run.data() + at, len)) found++;
     }
+    progress.at(sector);
   }
   sc.flush();
-  std::fprintf(s.out, "%llu candidate(s) in %llu sector(s)\n",
-               static_cast<unsigned long long>(found), static_cast<unsigned long long>(sector));
+  out.printf("%llu candidate(s)", static_cast<unsigned long long>(found));
+  if (sc.damaged() > 0) {
+    out.printf(", %llu damaged sector(s)", static_cast<unsigned long long>(sc.damaged()));
+  }
+  out.printf(" in %llu sector(s)\n", static_cast<unsigned long long>(sector - r.first));
   return INSPECT_OK;
 }
 
