@@ -49,10 +49,53 @@ const scan_magic scan_magics[] = {
     {klog_magic, KLOG_MAGIC_LEN},       {klog_magic_alt, KLOG_MAGIC_LEN},
 };
 
+// A line on the error stream, rewritten in place, once the scan has run
+// for a second: how far it has come.
+class progress_line {
+ public:
+  progress_line(FILE* err, bool on, std::uint64_t first, std::uint64_t end)
+      : err_(err), on_(on), first_(first), end_(end), start_(std::chrono::steady_clock::now()) {}
+  ~progress_line() { hide(); }
+  progress_line(const progress_line&) = delete;
+  progress_line& operator=(const progress_line&) = delete;
+
+  // Erases the line, before a line of the scan is written: both may go to
+  // one terminal.
+  void hide() {
+    if (shown_) std::fprintf(err_, "\r%*s\r", static_cast<int>(width_), "");
+    shown_ = false;
+  }
+
+  void at(std::uint64_t sector) {
+    if (!on_) return;
+    auto now = std::chrono::steady_clock::now();
+    if (now - start_ < std::chrono::seconds(1) || now - last_ < std::chrono::milliseconds(200)) {
+      return;
+    }
+    last_ = now;
+    shown_ = true;
+    unsigned long long done = sector - first_, all = end_ - first_;
+    int n = std::fprintf(err_, "\rscan: sector %llu of %llu-%llu (%llu%%)",
+                         static_cast<unsigned long long>(sector),
+                         static_cast<unsigned long long>(first_),
+                         static_cast<unsigned long long>(end_ - 1),
+                         all == 0 ? 100ull : done * 100 / all);
+    if (n > 0 && static_cast<std::size_t>(n) > width_) width_ = static_cast<std::size_t>(n);
+  }
+
+ private:
+  FILE* err_;
+  bool on_;
+  std::uint64_t first_, end_;
+  std::chrono::steady_clock::time_point start_, last_;
+  bool shown_ = false;
+  std::size_t width_ = 0;
+};
+
 class scanner {
  public:
-  scanner(session& s, inspect_image& img, const copy_places& places)
-      : out_(s.out), img_(img), places_(places) {}
+  scanner(session& s, inspect_image& img, const copy_places& places, progress_line& progress)
+      : out_(s.out), img_(img), places_(places), progress_(progress) {}
 
   // Examines the sector at `sector` whose bytes (`len`, at most one sector)
   // are `p`; returns whether it was a candidate.
@@ -99,6 +142,7 @@ class scanner {
   text_out out_;
   inspect_image& img_;
   const copy_places& places_;
+  progress_line& progress_;
   unused_run run_;
   damage_run bad_;
   std::uint64_t damaged_ = 0;
@@ -134,6 +178,7 @@ void scanner::flush() {
 }
 
 void scanner::range_heading(std::uint64_t first, std::uint64_t last) {
+  progress_.hide();
   std::uint64_t ss = static_cast<std::uint64_t>(img_.sector_size());
   out_.printf("sectors %llu-%llu (bytes %llu-%llu): ", static_cast<unsigned long long>(first),
               static_cast<unsigned long long>(last), static_cast<unsigned long long>(first * ss),
@@ -203,6 +248,7 @@ void scanner::flush_unused() {
 }
 
 void scanner::prefix(std::uint64_t sector, const char* magic) {
+  progress_.hide();
   std::uint64_t ss = static_cast<std::uint64_t>(img_.sector_size());
   out_.printf("sector %llu (byte %llu): %s", static_cast<unsigned long long>(sector),
                static_cast<unsigned long long>(sector * ss), magic);
@@ -327,42 +373,6 @@ bool scanner::examine(std::uint64_t sector, const std::uint8_t* p, std::size_t l
   return false;
 }
 
-// A line on the error stream, rewritten in place, once the scan has run
-// for a second: how far it has come.
-class progress_line {
- public:
-  progress_line(bool on, std::uint64_t first, std::uint64_t end)
-      : on_(on), first_(first), end_(end), start_(std::chrono::steady_clock::now()) {}
-  ~progress_line() {
-    if (shown_) std::fprintf(stderr, "\r%*s\r", static_cast<int>(width_), "");
-  }
-  progress_line(const progress_line&) = delete;
-  progress_line& operator=(const progress_line&) = delete;
-
-  void at(std::uint64_t sector) {
-    if (!on_) return;
-    auto now = std::chrono::steady_clock::now();
-    if (now - start_ < std::chrono::seconds(1) || now - last_ < std::chrono::milliseconds(200)) {
-      return;
-    }
-    last_ = now;
-    shown_ = true;
-    unsigned long long done = sector - first_, all = end_ - first_;
-    int n = std::fprintf(stderr, "\rscan: sector %llu of %llu-%llu (%llu%%)",
-                         static_cast<unsigned long long>(sector),
-                         static_cast<unsigned long long>(first_),
-                         static_cast<unsigned long long>(end_ - 1),
-                         all == 0 ? 100ull : done * 100 / all);
-    if (n > 0 && static_cast<std::size_t>(n) > width_) width_ = static_cast<std::size_t>(n);
-  }
-
- private:
-  bool on_;
-  std::uint64_t first_, end_;
-  std::chrono::steady_clock::time_point start_, last_;
-  bool shown_ = false;
-  std::size_t width_ = 0;
-};
 
 }  // namespace
 
@@ -381,8 +391,8 @@ int inspect_scan(session& s, const inspect_target& t, const scan_request& r) {
   copy_places places = copy_places::locate_quietly(img);
   text_out out(s.out);
   out.printf("%s\n", places.summary().c_str());
-  scanner sc(s, img, places);
-  progress_line progress(r.progress, r.first, end);
+  progress_line progress(s.err, r.progress, r.first, end);
+  scanner sc(s, img, places, progress);
   std::vector<std::uint8_t> run(SCAN_RUN);
   std::uint64_t found = 0;
   std::uint64_t sector = r.first;
@@ -398,6 +408,7 @@ int inspect_scan(session& s, const inspect_target& t, const scan_request& r) {
     progress.at(sector);
   }
   sc.flush();
+  progress.hide();
   out.printf("%llu candidate(s)", static_cast<unsigned long long>(found));
   if (sc.damaged() > 0) {
     out.printf(", %llu damaged sector(s)", static_cast<unsigned long long>(sc.damaged()));
