@@ -124,11 +124,41 @@ TEST(InspectHeaders, AnImageTooShortForTheHeaderPositions) {
             "    checksum: 0x00000000 correct\n"
             "    decode:   error 165: Format error in disk private region (bad magic)\n"
             "    with magic and checksum set aside: error 169: Disk private region version not "
-            "supported\n"
+            "supported (field phi_version at byte 0xc: unknown major)\n"
             "alternate header: sector -92\n"
             "    not read: 0 of 512 bytes lie inside the image (51200 bytes)\n"
             "differences: not compared, the primary copy has no decoded fields\n"
             "scan: not run: the image is too short to hold both header positions\n");
+}
+
+// A copy that fails a field's own check names the field and its byte
+// offset on its decode line.
+TEST(InspectHeaders, DecodeNamesTheFailingField) {
+  const struct {
+    std::string attrs;
+    std::string line;
+  } cases[] = {
+      {"hostid=host1",
+       "error 165: Format error in disk private region (field phi_hostid at byte 0x70: not a "
+       "GUID (and the header is not shared))"},
+      {"dgid=a/b", "error 165: Format error in disk private region (field phi_dgid at byte 0xb0: "
+                   "not a name)"},
+      {"first-toc=5000",
+       "error 168: Disk private region contents are invalid (field phi_first_toc at byte 0x13b: "
+       "outside the region)"},
+      {"version=1.2 diskid=.x",
+       "error 165: Format error in disk private region (field phi_diskid at byte 0x2c: not a "
+       "name)"},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.attrs);
+    const std::string image = build_to_file(
+        base_desc + "hdrcopy primary\nhdrcopy alternate " + c.attrs + "\n",
+        "field" + std::to_string(n++) + ".img");
+    process_result r = inspect({"headers", image});
+    EXPECT_NE(r.out.find("    decode:   " + c.line + "\n"), std::string::npos) << r.out;
+  }
 }
 
 }  // namespace
