@@ -161,5 +161,35 @@ TEST(InspectHeaders, DecodeNamesTheFailingField) {
   }
 }
 
+// --header: auto reads through the alternate copy when the scan fails, and
+// names it once on standard error; primary and alternate force a copy.
+TEST(InspectHeaders, ReadingThroughACopy) {
+  const std::string image = build_to_file(
+      base_desc +
+          "copy-content config copy=1 content=config begin\n  database dgname=dg1\n"
+          "  group name=dg1 rid=0.1000\nend\nhdrcopy primary damage=checksum\nhdrcopy alternate\n",
+      "through.img");
+  const std::string note = "privinspect: " + image +
+                           ": the scan found no usable header (Format error in disk private "
+                           "region); reading through the alternate copy at sector 1856\n";
+  const std::string failed = error_line("scan operation failed:\n\tFormat error in disk private region\n");
+  const struct {
+    const char* choice;
+    int status;
+    std::string err;
+  } cases[] = {{"auto", 0, note}, {"primary", 1, failed}, {"alternate", 0, ""}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.choice);
+    process_result r = inspect({"--header", c.choice, "config", image, "--copy", "1"});
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out.rfind("#Config copy 01\n", 0) == 0, c.status == 0) << r.out;
+  }
+  // headers still shows the scan's own choice.
+  EXPECT_NE(inspect({"--header", "alternate", "headers", image}).out.find("scan: no header chosen"),
+            std::string::npos);
+  EXPECT_EQ(inspect({"--header", "other", "headers", image}).status, 3);
+}
+
 }  // namespace
 }  // namespace pd::test

@@ -126,6 +126,13 @@ int main(int argc, char** argv) {
   cli_values v;
   app.add_option("--sector-size", v.target.sector_size, "bytes per sector: 512 (default) or 4096")
       ->check(CLI::IsMember({512, 4096}));
+  app.add_option("--header", v.target.header_choice,
+                 "header copy to read through: auto (default: the scan's choice, else the copy "
+                 "that decodes), primary or alternate")
+      ->transform(CLI::CheckedTransformer(std::map<std::string, pd::header_choice>{
+          {"auto", pd::header_choice::automatic},
+          {"primary", pd::header_choice::primary},
+          {"alternate", pd::header_choice::alternate}}));
   app.require_subcommand(1);
   app.fallthrough();
   subcommands c = define(app, v);

@@ -311,7 +311,7 @@ header_view analyse_headers(inspect_image& img) {
   }
   if (v.p.sector < 0 || v.a.sector < 0) return v;
   v.scanned = true;
-  v.scan_res = img.scan();
+  v.scan_res = img.scan_as_privdiag();
   const header_choice choice = choice_of(img, v.scan_res, v.p, v.a);
   finding f;
   f.code = finding_code::header_choice;

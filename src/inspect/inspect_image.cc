@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "base/errors.h"
 #include "io/dump_device.h"
 #include "io/messages.h"
 #include "private_region/locate.h"
@@ -21,6 +22,8 @@ inspect_image::~inspect_image() {
 }
 
 bool inspect_image::open(const inspect_target& t) {
+  header_choice_ = t.header_choice;
+  image_ = t.image;
   sector_size_ = t.sector_size;
   s.devicename = t.image;
   s.priv_fd = std::fopen(t.image.c_str(), "rb");
@@ -46,7 +49,36 @@ bool inspect_image::open(const inspect_target& t) {
   return true;
 }
 
-int inspect_image::scan() { return priv_scan(priv_, &dattrs_); }
+int inspect_image::scan_as_privdiag() { return priv_scan(priv_, &dattrs_); }
+
+int inspect_image::scan() {
+  fallback_note_.clear();
+  switch (header_choice_) {
+    case header_choice::primary:
+      return priv_scan_copy(priv_, &dattrs_, 0);
+    case header_choice::alternate:
+      return priv_scan_copy(priv_, &dattrs_, 1);
+    case header_choice::automatic:
+      break;
+  }
+  const int res = priv_scan(priv_, &dattrs_);
+  if (res == VE_OK || res == VE_NOMEM) return res;
+  // A failed scan may have reset the handle's flags: the image is still
+  // never written.
+  priv_->pri_flags |= PRI_NOUPDATE;
+  if (priv_scan_copy(priv_, &dattrs_, -1) != VE_OK) {
+    priv_reset(priv_);
+    priv_->pri_flags |= PRI_NOUPDATE;
+    return res;
+  }
+  const bool alt = (priv_->pri_flags & PRI_USED_ALT) != 0;
+  fallback_note_ = std::string(s.progname != nullptr ? s.progname : "privinspect") + ": " +
+                   image_ + ": the scan found no usable header (" + vol_strerror(res) +
+                   "); reading through the " + (alt ? "alternate" : "primary") +
+                   " copy at sector " +
+                   std::to_string(alt ? dattrs_.dka_alternate_header : dattrs_.dka_primary_header);
+  return VE_OK;
+}
 
 int inspect_image::join() {
   saved_offset_ = priv_->pri_header->phi_priv_offset;
@@ -58,6 +90,7 @@ int inspect_image::join() {
 
 bool inspect_image::locate() {
   int res = scan();
+  if (announce && !fallback_note_.empty()) std::fprintf(s.err, "%s\n", fallback_note_.c_str());
   if (res != 0) {
     volpfmt(s, s.err, 1, ":1735:scan operation failed:\n\t%s\n", vol_strerror(res));
     return false;
