@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <tuple>
 
 #include "inspect_support.h"
 
@@ -25,18 +26,28 @@ TEST(InspectCheck, UnusableImagesAndUsage) {
       {{"check", "--quiet", empty}, 2, "", ""},
       {{"check", absent}, 3, "", "Cannot open dump file " + absent + ".\n"},
   };
-  const std::pair<std::string, std::string> damaged[] = {
+  // The message that stopped privdiag's path, then what the rest of the
+  // region shows.
+  const std::string fmt = "Format error in disk private region";
+  const std::tuple<std::string, std::string, std::string> damaged[] = {
       {std::string(no_config_desc) + "hdrcopy primary damage=checksum\n",
-       "scan operation failed: Format error in disk private region"},
-      {std::string(no_config_desc) + "tocblock damage=magic\n",
-       "join operation failed: Format error in disk private region"},
-      {disk + "region config copy=1 offset=17 len=800 flags=disabled\n", "Disk has no enabled config copies"},
-      {disk + "region log copy=1 offset=17 len=80\n", "Disk has no config copies"},
+       "scan operation failed: " + fmt,
+       "primary header: stored checksum 0x000006e6, computed 0x000006e5\n"
+       "primary header: does not decode: error 165: " + fmt + " (bad checksum)\n"
+       "alternate header: does not decode: error 165: " + fmt + " (bad magic)\n"
+       "scan: no header chosen: error 165: " + fmt},
+      {std::string(no_config_desc) + "tocblock damage=magic\n", "join operation failed: " + fmt,
+       "primary TOC block 0 (sector 1): bad magic\nalternate TOC block 0 (sector 2046): bad magic"},
+      {disk + "region config copy=1 offset=17 len=800 flags=disabled\n",
+       "Disk has no enabled config copies",
+       "config copy 1: " + error_line("Fatal error in header: Invalid magic number")},
+      {disk + "region log copy=1 offset=17 len=80\n", "Disk has no config copies",
+       "log copy 1: blocks 0-79: never written"},
   };
   int n = 0;
-  for (const auto& [desc, finding] : damaged)
+  for (const auto& [desc, stop, rest] : damaged)
     cases.push_back({{"check", build_to_file(desc, "stop" + std::to_string(n++) + ".img")}, 2,
-                     error_line(finding) + stopped, ""});
+                     error_line(stop) + "\n" + rest + stopped, ""});
   expect_runs(cases);
 
   const std::string tiny = temp_dir() + "/tiny.img";

@@ -290,6 +290,43 @@ void copy_findings(const header_copy& c, const inspect_image& img, std::vector<f
   }
 }
 
+// The fields of a copy whose own check fails (every one, not only the first
+// at which the decoder gave up).
+void field_findings(const header_copy& c, const inspect_image& img, std::vector<finding>& out) {
+  if (c.nread < HDR_SIZE || !c.has_fields) return;
+  for (const priv_decode_fault& fault : priv_header_field_faults(c.hdr)) {
+    finding f;
+    f.code = finding_code::header_field;
+    f.text = finding_textf("%s header: field %s at byte 0x%zx: %s", c.name, fault.field,
+                           fault.offset, fault.reason);
+    f.place.sector = c.sector;
+    f.place.offset = c.sector * img.sector_size() + static_cast<std::int64_t>(fault.offset);
+    f.place.structure = "header";
+    out.push_back(std::move(f));
+  }
+}
+
+// The fields in which two decoded copies differ, one finding each.
+void mismatch_findings(const header_copy& p, const header_copy& a, const inspect_image& img,
+                       std::vector<finding>& out) {
+  if (p.nread < HDR_SIZE || a.nread < HDR_SIZE || !p.has_fields || !a.has_fields) return;
+  for (const header_field& hf : header_fields) {
+    const std::string pv = hf.text(p.hdr);
+    const std::string av = hf.text(a.hdr);
+    if (pv == av) continue;
+    finding f;
+    f.code = finding_code::header_mismatch;
+    f.text = "header copies differ: " + std::string(hf.name) + ": primary " + pv +
+             ", alternate " + av;
+    f.place.sector = a.sector;
+    f.place.offset = a.sector * img.sector_size();
+    f.place.structure = "header";
+    f.expected = pv;
+    f.actual = av;
+    out.push_back(std::move(f));
+  }
+}
+
 // Both copies, the scan's result and every verdict, the scan's choice last.
 struct header_view {
   header_copy p, a;
@@ -309,6 +346,8 @@ header_view analyse_headers(inspect_image& img) {
     if (read_copy(img, *c)) decode_copy(*c);
     copy_findings(*c, img, v.findings);
   }
+  for (header_copy* c : {&v.p, &v.a}) field_findings(*c, img, v.findings);
+  mismatch_findings(v.p, v.a, img, v.findings);
   if (v.p.sector < 0 || v.a.sector < 0) return v;
   v.scanned = true;
   v.scan_res = img.scan_as_privdiag();
