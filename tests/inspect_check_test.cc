@@ -82,6 +82,46 @@ TEST(InspectCheck, NamesAreNotFindingsAndAnEmptyImageIsUnreadable) {
   });
 }
 
+// The damage privdiag's path does not see, each on an otherwise clean
+// image: status 1 and the finding that names it; the clean image gives 0.
+// With only the primary header damaged, check reads through the alternate.
+TEST(InspectCheck, DamageOutsidePrivdiagsPath) {
+  const std::string clean =
+      "disk sector-size=512 sectors=2048\n"
+      "region config copy=1 offset=17 len=400\n"
+      "region config copy=2 offset=417 len=400\n"
+      "region log copy=1 offset=1617 len=100 content=log begin\n  block tid=0.200 len=1\nend\n"
+      "copy-content config copy=1 content=config begin\n  database dgname=dg1 config-tid=0.200\n"
+      "  group name=dg1 rid=0.1000\nend\n"
+      "copy-content config copy=2 content=config begin\n  database dgname=dg1 config-tid=0.200\n"
+      "  group name=dg1 rid=0.1000\n";
+  const std::pair<std::string, std::string> cases[] = {
+      {"end\n", ""},
+      {"  block at=3 magic=ABCD\nend\n",
+       "config copy 2: " + error_line("Error (File block 3): Invalid magic number")},
+      {"end\ntocblock damage=checksum damage-copy=alternate\n",
+       "alternate TOC block 0 (sector 2046): stored checksum"},
+      {"end\nhdrcopy primary\nhdrcopy alternate damage=checksum\n",
+       "alternate header: does not decode: error 165"},
+      {"end\npoke sector=1617 offset=0 hex=00\n", "log copy 1: block 0: bad magic \".LOG\""},
+      {"end\nhdrcopy primary damage=magic\nhdrcopy alternate\n",
+       "primary header: does not decode: error 165"},
+  };
+  int n = 0;
+  for (const auto& [more, found] : cases) {
+    SCOPED_TRACE(more);
+    const std::string image = build_to_file(clean + more, "outside" + std::to_string(n++) + ".img");
+    const process_result r = inspect({"check", image});
+    if (found.empty()) {
+      EXPECT_EQ(r.status, 0);
+      EXPECT_EQ(r.out, "check: status 0: consistent\n");
+      continue;
+    }
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find(found), std::string::npos) << r.out;
+  }
+}
+
 TEST(InspectHelp, EveryCommandAnswersHelp) {
   process_result top = inspect({"--help"});
   EXPECT_EQ(top.status, 0);

@@ -63,10 +63,13 @@ void other_sector_size(inspect_image& img, std::vector<finding>& out) {
     const std::uint64_t off = static_cast<std::uint64_t>(sector) * static_cast<std::uint64_t>(other);
     if (img.read_at(off, buf, sizeof buf) != sizeof buf) continue;
     priv_header_info hdr;
-    if (priv_unformat_header(&hdr, buf) != VE_OK) continue;
+    // (The alternate lies 96 KiB before the end at both sizes: a copy counts
+    // only when it describes sectors of the other size.)
+    if (priv_unformat_header(&hdr, buf) != VE_OK || hdr.phi_atomic_iosize != static_cast<unsigned>(other))
+      continue;
     finding f = make(finding_code::sector_size_other,
-                     finding_textf("image: no header copy decodes with %d-byte sectors, but the "
-                                   "%s copy does with %d-byte sectors (sector %lld): try "
+                     finding_textf("image: the scan finds no header with %d-byte sectors, but "
+                                   "the %s copy decodes with %d-byte sectors (sector %lld): try "
                                    "--sector-size %d",
                                    img.sector_size(), name, other, static_cast<long long>(sector),
                                    other),
@@ -180,7 +183,7 @@ std::vector<std::string> message_lines(const std::string& err) {
   return lines;
 }
 
-void image_findings(inspect_image& img, std::vector<finding>& out) {
+void image_findings(inspect_image& img, bool scanned, std::vector<finding>& out) {
   const std::uint64_t ss = static_cast<std::uint64_t>(img.sector_size());
   const std::uint64_t size = img.file_size();
   if (size % ss != 0) {
@@ -196,10 +199,8 @@ void image_findings(inspect_image& img, std::vector<finding>& out) {
     f.place.offset = static_cast<std::int64_t>(size - size % ss);
     out.push_back(std::move(f));
   }
-  if (!located(img)) {
-    other_sector_size(img, out);
-    return;
-  }
+  if (!scanned) other_sector_size(img, out);
+  if (!located(img)) return;
   const priv_header_info& h = *img.priv()->pri_header;
   const std::uint64_t unit = h.phi_atomic_iosize;
   if (h.phi_priv_len > 0 && unit > 0 &&
@@ -452,13 +453,14 @@ std::vector<finding> region_findings(const session& like, const inspect_target& 
   img.announce = false;
   if (!img.open(t)) return found;
   try {
+    const bool both = img.attrs().dka_primary_header >= 0 && img.attrs().dka_alternate_header >= 0;
+    const bool privdiag_scan = both && img.scan_as_privdiag() == VE_OK;
     std::vector<finding> headers = header_findings(img);
     // The scan's choice alone is nothing to report.
     if (headers.size() == 1 && headers[0].code == finding_code::header_choice) headers.clear();
-    const bool both = img.attrs().dka_primary_header >= 0 && img.attrs().dka_alternate_header >= 0;
     const bool scanned = both && img.scan() == VE_OK;
     if (!scanned && img.priv() != nullptr) img.priv()->pri_flags &= ~(PRI_PRIMARY_OK | PRI_ALT_OK);
-    image_findings(img, found);
+    image_findings(img, privdiag_scan, found);
     found.insert(found.end(), headers.begin(), headers.end());
     if (!scanned) return found;
     toc_findings(img, found);

@@ -47,7 +47,8 @@ std::vector<std::string> message_lines(const std::string& err);
 // Each stage on an image that is open (and, for the TOC, the copies and the
 // logs, located: scanned, and joined for the copies and logs). Findings are
 // appended to `out`.
-void image_findings(inspect_image& img, std::vector<finding>& out);
+// `scanned`: privdiag's scan found a header at the image's sector size.
+void image_findings(inspect_image& img, bool scanned, std::vector<finding>& out);
 void toc_findings(inspect_image& img, std::vector<finding>& out);
 // Every configuration copy but the first enabled one (privdiag's), loaded
 // through the block store with the overview's checks; findings of copy N
