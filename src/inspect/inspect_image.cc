@@ -49,28 +49,35 @@ bool inspect_image::open(const inspect_target& t) {
   return true;
 }
 
-int inspect_image::scan_as_privdiag() { return priv_scan(priv_, &dattrs_); }
+// A failed scan resets the handle's flags: every scan sets the no-update
+// flag again, so that no join after it ever writes.
+int inspect_image::scan_as_privdiag() {
+  const int res = priv_scan(priv_, &dattrs_);
+  priv_->pri_flags |= PRI_NOUPDATE;
+  return res;
+}
 
 int inspect_image::scan() {
   fallback_note_.clear();
   switch (header_choice_) {
     case header_choice::primary:
-      return priv_scan_copy(priv_, &dattrs_, 0);
-    case header_choice::alternate:
-      return priv_scan_copy(priv_, &dattrs_, 1);
+    case header_choice::alternate: {
+      const int res =
+          priv_scan_copy(priv_, &dattrs_, header_choice_ == header_choice::primary ? 0 : 1);
+      priv_->pri_flags |= PRI_NOUPDATE;
+      return res;
+    }
     case header_choice::automatic:
       break;
   }
-  const int res = priv_scan(priv_, &dattrs_);
+  const int res = scan_as_privdiag();
   if (res == VE_OK || res == VE_NOMEM) return res;
-  // A failed scan may have reset the handle's flags: the image is still
-  // never written.
-  priv_->pri_flags |= PRI_NOUPDATE;
   if (priv_scan_copy(priv_, &dattrs_, -1) != VE_OK) {
     priv_reset(priv_);
     priv_->pri_flags |= PRI_NOUPDATE;
     return res;
   }
+  priv_->pri_flags |= PRI_NOUPDATE;
   const bool alt = (priv_->pri_flags & PRI_USED_ALT) != 0;
   fallback_note_ = std::string(s.progname != nullptr ? s.progname : "privinspect") + ": " +
                    image_ + ": the scan found no usable header (" + vol_strerror(res) +
