@@ -7,7 +7,7 @@
 _privinspect() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
   local subcommands="logs config headers check scan hexdump records"
-  local global_options="--sector-size --help --version"
+  local global_options="--sector-size --header --help --version"
   local record_types="volume vol plex subdisk sd disk dm diskgroup dg da rvol
     replica rlink dco snapshot snap stpool info cache vset"
 
@@ -27,6 +27,10 @@ _privinspect() {
       mapfile -t COMPREPLY < <(compgen -W "512 4096" -- "$cur")
       return
       ;;
+    --header)
+      mapfile -t COMPREPLY < <(compgen -W "auto primary alternate" -- "$cur")
+      return
+      ;;
     --type)
       [[ $sub == records ]] && mapfile -t COMPREPLY < <(compgen -W "$record_types" -- "$cur")
       return
@@ -41,7 +45,7 @@ _privinspect() {
     return
   fi
 
-  local options="--help --sector-size"
+  local options="--help --sector-size --header"
   case $sub in
     logs) options+=" --copy --long" ;;
     config) options+=" --copy" ;;

@@ -113,6 +113,15 @@ void scan_image(const std::string& path, int sector_size) {
   }
 }
 
+// privinspect's check: privdiag's path, then the whole region.
+void check_image(const std::string& path, int sector_size) {
+  session s(null_sink(), null_sink());
+  try {
+    inspect_check(s, inspect_target{path, sector_size}, true);
+  } catch (const fatal_exit&) {
+  }
+}
+
 // --- codec ---------------------------------------------------------------
 
 // A zeroed structure of `size` bytes whose heap members are released by
@@ -259,6 +268,7 @@ bool decode_pipeline_input(const std::uint8_t* data, std::size_t size, pipeline_
   in->sector_size = (flags & PIPE_4096) != 0 ? 4096 : 512;
   in->dump_logs = (flags & PIPE_LOGS) != 0;
   in->scan = (flags & PIPE_SCAN) != 0;
+  in->check = (flags & PIPE_CHECK) != 0;
   in->image.clear();
   expand_image(flags, data + 1, data + size, &in->image);
   if ((flags & PIPE_FIXSUMS) != 0) fix_checksums(in->image, static_cast<std::size_t>(in->sector_size));
@@ -303,6 +313,7 @@ int run_pipeline(const std::uint8_t* data, std::size_t size) {
   const int status = privdiag_main(s, 3, argv);
   if (in.dump_logs) dump_logs(path, in.sector_size);
   if (in.scan) scan_image(path, in.sector_size);
+  if (in.check) check_image(path, in.sector_size);
   return status;
 }
 

@@ -36,10 +36,12 @@ check "privinspect <TAB>" "$({ echo "$subcommands"; long_options <<<"$help"; } |
   "$(complete_line privinspect "")"
 check "privinspect --sector-size <TAB>" $'4096\n512' \
   "$(complete_line privinspect --sector-size "")"
+check "privinspect --header <TAB>" $'alternate\nauto\nprimary' \
+  "$(complete_line privinspect --header "")"
 
 for sub in $subcommands; do
   check "privinspect --sector-size 4096 $sub IMAGE -<TAB>" \
-    "$({ "$inspect" "$sub" --help | long_options; echo --sector-size; } | sort)" \
+    "$({ "$inspect" "$sub" --help | long_options; echo --sector-size; echo --header; } | sort)" \
     "$(complete_line privinspect --sector-size 4096 "$sub" disk.img -)"
 done
 

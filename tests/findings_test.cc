@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -14,6 +15,7 @@
 
 #include "inspect/inspect.h"
 #include "inspect/inspect_image.h"
+#include "inspect/inspect_region.h"
 #include "inspect_support.h"
 #include "report/copy_loading.h"
 #include "report/log_dump.h"
@@ -169,6 +171,99 @@ TEST(Findings, LogBlockInvalid) {
   EXPECT_EQ(f.place.block, 1);
   EXPECT_EQ(f.place.sector, 1618);
   EXPECT_NE(inspect({"logs", path}).err.find(f.text + "\n"), std::string::npos);
+}
+
+// The whole-region check: one damaged image per code, the status check
+// gives it, and where the finding lies (structure, copy, sector, offset).
+std::string region_desc(const std::string& more) {
+  return copy_desc("", group) + "region log copy=1 offset=1617 len=100 content=log begin\n"
+                                "  block tid=0.200 seqno=7 len=2\n  block tid=0.200\nend\n" +
+         more;
+}
+
+struct region_damage {
+  finding_code code;
+  std::string desc;
+  int status;
+  const char* structure;
+  int copy;
+  std::int64_t sector, offset;
+};
+
+const std::string second_copy =
+    "region config copy=2 offset=417 len=400\n"
+    "copy-content config copy=2 content=config begin\n  database dgname=dg1 config-tid=0.190\n" +
+    group;
+
+const region_damage region_damages[] = {
+    {finding_code::header_mismatch, region_desc("hdrcopy primary\nhdrcopy alternate seqno=0.0\n"),
+     1, "header", -1, 1856, 1856 * 512},
+    {finding_code::header_field, region_desc("hdrcopy primary\nhdrcopy alternate dgid=xyz\n"), 1,
+     "header", -1, 1856, 1856 * 512 + 0xb0},
+    {finding_code::toc_magic, region_desc("tocblock damage=magic damage-copy=primary\n"), 1, "toc",
+     1, 1, 512},
+    {finding_code::toc_checksum, region_desc("tocblock damage=checksum damage-copy=alternate\n"),
+     1, "toc", 2, 2046, 2046 * 512 + 8},
+    {finding_code::toc_seqno, region_desc("tocblock seqno=0.3\n"), 2, "toc", 1, 1, 512 + 12},
+    {finding_code::toc_next, region_desc("tocblock next=5000\n"), 2, "toc", 1, 1, 512 + 20},
+    {finding_code::toc_chains_differ,
+     region_desc("tocblock at=1 alt=2046\npoke sector=2046 offset=400 hex=01\n"
+                 "fixsum toc sector=2046\n"),
+     1, "toc", -1, 2046, 2046 * 512},
+    {finding_code::copies_differ, region_desc(second_copy + "end\n"), 1, "config copy", 2, 417,
+     417 * 512},
+    {finding_code::copy_stale,
+     region_desc(std::regex_replace(second_copy, std::regex("len=400"), "len=400 flags=disabled") +
+                 "end\n"),
+     0, "config copy", 2, 417, 417 * 512},
+    {finding_code::copy_unloadable, region_desc("region config copy=2 offset=417 len=400\n"), 1,
+     "config copy", 2, -1, -1},
+    {finding_code::extract_error, region_desc(second_copy + "  block at=3 magic=ABCD\nend\n"), 1,
+     "config copy", 2, 420, 420 * 512},
+    {finding_code::log_block_refused,
+     region_desc("poke sector=1617 offset=512 hex=00000000\n"), 1, "log copy", 1, 1618,
+     1618 * 512},
+    {finding_code::log_never_written, region_desc("poke sector=1617 offset=16 hex=00000003\n"), 1,
+     "log copy", 1, 1619, 1619 * 512},
+    {finding_code::image_partial_sector, region_desc("truncate bytes=1048600\n"), 1, "image", -1,
+     2048, 2048 * 512},
+    {finding_code::image_short,
+     region_desc("header primary=1899 alternate=1708\ntruncate sectors=1900\n"), 2, "image", -1,
+     -1, 1900 * 512},
+};
+
+TEST(Findings, RegionCheckRaisesEachCodeAtItsPlace) {
+  int n = 0;
+  for (const region_damage& d : region_damages) {
+    SCOPED_TRACE(kind_of(d.code).name);
+    const std::string path = build_to_file(d.desc, "region" + std::to_string(n++) + ".img");
+    captured_session cs;
+    const std::vector<finding> found = region_findings(cs.get(), {path, 512});
+    const auto f = std::find_if(found.begin(), found.end(),
+                                [&](const finding& x) { return x.code == d.code; });
+    ASSERT_NE(f, found.end());
+    EXPECT_STREQ(f->place.structure, d.structure) << f->text;
+    EXPECT_EQ(f->place.copy, d.copy) << f->text;
+    EXPECT_EQ(f->place.sector, d.sector) << f->text;
+    EXPECT_EQ(f->place.offset, d.offset) << f->text;
+    const process_result r = inspect({"check", path});
+    EXPECT_EQ(r.status, d.status) << r.out;
+    EXPECT_NE(r.out.find(f->text + "\n"), std::string::npos) << r.out;
+  }
+}
+
+// A header written for 4096-byte sectors, read with 512: check names the
+// other size.
+TEST(Findings, SectorSizeOther) {
+  const std::string path = build_to_file(
+      "disk sector-size=4096 sectors=256\nregion config copy=1 offset=17 len=40\n", "other.img");
+  captured_session cs;
+  const std::vector<finding> found = region_findings(cs.get(), {path, 512});
+  ASSERT_FALSE(found.empty());
+  EXPECT_EQ(found[0].code, finding_code::sector_size_other);
+  EXPECT_EQ(found[0].place.sector, 255);
+  EXPECT_EQ(inspect({"check", path}).status, 2);
+  EXPECT_EQ(region_findings(cs.get(), {path, 4096}).size(), 0u);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <tuple>
 
 #include "inspect_support.h"
 
@@ -25,18 +26,28 @@ TEST(InspectCheck, UnusableImagesAndUsage) {
       {{"check", "--quiet", empty}, 2, "", ""},
       {{"check", absent}, 3, "", "privinspect: cannot open " + absent + ": No such file or directory\n"},
   };
-  const std::pair<std::string, std::string> damaged[] = {
+  // The message that stopped privdiag's path, then what the rest of the
+  // region shows.
+  const std::string fmt = "Format error in disk private region";
+  const std::tuple<std::string, std::string, std::string> damaged[] = {
       {std::string(no_config_desc) + "hdrcopy primary damage=checksum\n",
-       "scan operation failed: Format error in disk private region"},
-      {std::string(no_config_desc) + "tocblock damage=magic\n",
-       "join operation failed: Format error in disk private region"},
-      {disk + "region config copy=1 offset=17 len=800 flags=disabled\n", "Disk has no enabled config copies"},
-      {disk + "region log copy=1 offset=17 len=80\n", "Disk has no config copies"},
+       "scan operation failed: " + fmt,
+       "primary header: stored checksum 0x000006e6, computed 0x000006e5\n"
+       "primary header: does not decode: error 165: " + fmt + " (bad checksum)\n"
+       "alternate header: does not decode: error 165: " + fmt + " (bad magic)\n"
+       "scan: no header chosen: error 165: " + fmt},
+      {std::string(no_config_desc) + "tocblock damage=magic\n", "join operation failed: " + fmt,
+       "primary TOC block 0 (sector 1): bad magic\nalternate TOC block 0 (sector 2046): bad magic"},
+      {disk + "region config copy=1 offset=17 len=800 flags=disabled\n",
+       "Disk has no enabled config copies",
+       "config copy 1: " + error_line("Fatal error in header: Invalid magic number")},
+      {disk + "region log copy=1 offset=17 len=80\n", "Disk has no config copies",
+       "log copy 1: blocks 0-79: never written"},
   };
   int n = 0;
-  for (const auto& [desc, finding] : damaged)
+  for (const auto& [desc, stop, rest] : damaged)
     cases.push_back({{"check", build_to_file(desc, "stop" + std::to_string(n++) + ".img")}, 2,
-                     error_line(finding) + stopped, ""});
+                     error_line(stop) + "\n" + rest + stopped, ""});
   expect_runs(cases);
 
   const std::string tiny = temp_dir() + "/tiny.img";
@@ -69,6 +80,46 @@ TEST(InspectCheck, NamesAreNotFindingsAndAnEmptyImageIsUnreadable) {
        "privinspect: " + empty + ": 0 bytes, shorter than one 512-byte sector (both header "
        "copies lie within the last 98304 bytes of a private region)\n"},
   });
+}
+
+// The damage privdiag's path does not see, each on an otherwise clean
+// image: status 1 and the finding that names it; the clean image gives 0.
+// With only the primary header damaged, check reads through the alternate.
+TEST(InspectCheck, DamageOutsidePrivdiagsPath) {
+  const std::string clean =
+      "disk sector-size=512 sectors=2048\n"
+      "region config copy=1 offset=17 len=400\n"
+      "region config copy=2 offset=417 len=400\n"
+      "region log copy=1 offset=1617 len=100 content=log begin\n  block tid=0.200 len=1\nend\n"
+      "copy-content config copy=1 content=config begin\n  database dgname=dg1 config-tid=0.200\n"
+      "  group name=dg1 rid=0.1000\nend\n"
+      "copy-content config copy=2 content=config begin\n  database dgname=dg1 config-tid=0.200\n"
+      "  group name=dg1 rid=0.1000\n";
+  const std::pair<std::string, std::string> cases[] = {
+      {"end\n", ""},
+      {"  block at=3 magic=ABCD\nend\n",
+       "config copy 2: " + error_line("Error (File block 3): Invalid magic number")},
+      {"end\ntocblock damage=checksum damage-copy=alternate\n",
+       "alternate TOC block 0 (sector 2046): stored checksum"},
+      {"end\nhdrcopy primary\nhdrcopy alternate damage=checksum\n",
+       "alternate header: does not decode: error 165"},
+      {"end\npoke sector=1617 offset=0 hex=00\n", "log copy 1: block 0: bad magic \".LOG\""},
+      {"end\nhdrcopy primary damage=magic\nhdrcopy alternate\n",
+       "primary header: does not decode: error 165"},
+  };
+  int n = 0;
+  for (const auto& [more, found] : cases) {
+    SCOPED_TRACE(more);
+    const std::string image = build_to_file(clean + more, "outside" + std::to_string(n++) + ".img");
+    const process_result r = inspect({"check", image});
+    if (found.empty()) {
+      EXPECT_EQ(r.status, 0);
+      EXPECT_EQ(r.out, "check: status 0: consistent\n");
+      continue;
+    }
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find(found), std::string::npos) << r.out;
+  }
 }
 
 TEST(InspectHelp, EveryCommandAnswersHelp) {

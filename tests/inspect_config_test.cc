@@ -62,8 +62,15 @@ TEST(InspectConfig, WholeResults) {
   const std::string& image = two_copies();
   expect_runs({
       {{"config", image, "--copy", "3"}, 1, "", error_line("Disk does not have config copy 3\n")},
-      {{"check", image}, 0, "check: status 0: consistent\n", ""},
-      {{"check", "-q", image}, 0, "", ""},
+      // The disabled copy 2 is checked too: its own findings, and that it
+      // is stale (a note).
+      {{"check", image},
+       1,
+       "config copy 2: vol2 !!2 missing child(ren)!!\n"
+       "config copy 2 (disabled) differs from copy 1: config tid 0.190 and 0.200\n"
+       "check: status 1: inconsistencies found\n",
+       ""},
+      {{"check", "-q", image}, 1, "", ""},
       {{"records", image, "--name", "nosuch"}, 1, "#0 of 5 record(s) of config copy 1 match\n", ""},
   });
   EXPECT_EQ(inspect({"config", image}).status, 3);  // --copy is required

@@ -124,11 +124,71 @@ TEST(InspectHeaders, AnImageTooShortForTheHeaderPositions) {
             "    checksum: 0x00000000 correct\n"
             "    decode:   error 165: Format error in disk private region (bad magic)\n"
             "    with magic and checksum set aside: error 169: Disk private region version not "
-            "supported\n"
+            "supported (field phi_version at byte 0xc: unknown major)\n"
             "alternate header: sector -92\n"
             "    not read: 0 of 512 bytes lie inside the image (51200 bytes)\n"
             "differences: not compared, the primary copy has no decoded fields\n"
             "scan: not run: the image is too short to hold both header positions\n");
+}
+
+// A copy that fails a field's own check names the field and its byte
+// offset on its decode line.
+TEST(InspectHeaders, DecodeNamesTheFailingField) {
+  const struct {
+    std::string attrs;
+    std::string line;
+  } cases[] = {
+      {"hostid=host1",
+       "error 165: Format error in disk private region (field phi_hostid at byte 0x70: not a "
+       "GUID (and the header is not shared))"},
+      {"dgid=a/b", "error 165: Format error in disk private region (field phi_dgid at byte 0xb0: "
+                   "not a name)"},
+      {"first-toc=5000",
+       "error 168: Disk private region contents are invalid (field phi_first_toc at byte 0x13b: "
+       "outside the region)"},
+      {"version=1.2 diskid=.x",
+       "error 165: Format error in disk private region (field phi_diskid at byte 0x2c: not a "
+       "name)"},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.attrs);
+    const std::string image = build_to_file(
+        base_desc + "hdrcopy primary\nhdrcopy alternate " + c.attrs + "\n",
+        "field" + std::to_string(n++) + ".img");
+    process_result r = inspect({"headers", image});
+    EXPECT_NE(r.out.find("    decode:   " + c.line + "\n"), std::string::npos) << r.out;
+  }
+}
+
+// --header: auto reads through the alternate copy when the scan fails, and
+// names it once on standard error; primary and alternate force a copy.
+TEST(InspectHeaders, ReadingThroughACopy) {
+  const std::string image = build_to_file(
+      base_desc +
+          "copy-content config copy=1 content=config begin\n  database dgname=dg1\n"
+          "  group name=dg1 rid=0.1000\nend\nhdrcopy primary damage=checksum\nhdrcopy alternate\n",
+      "through.img");
+  const std::string note = "privinspect: " + image +
+                           ": the scan found no usable header (Format error in disk private "
+                           "region); reading through the alternate copy at sector 1856\n";
+  const std::string failed = error_line("scan operation failed:\n\tFormat error in disk private region\n");
+  const struct {
+    const char* choice;
+    int status;
+    std::string err;
+  } cases[] = {{"auto", 0, note}, {"primary", 1, failed}, {"alternate", 0, ""}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.choice);
+    process_result r = inspect({"--header", c.choice, "config", image, "--copy", "1"});
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out.rfind("#Config copy 01\n", 0) == 0, c.status == 0) << r.out;
+  }
+  // headers still shows the scan's own choice.
+  EXPECT_NE(inspect({"--header", "alternate", "headers", image}).out.find("scan: no header chosen"),
+            std::string::npos);
+  EXPECT_EQ(inspect({"--header", "other", "headers", image}).status, 3);
 }
 
 }  // namespace

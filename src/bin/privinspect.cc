@@ -31,6 +31,7 @@ constexpr const char* progname = "privinspect";
 struct cli_values {
   inspect_target target;
   std::string copy_arg, count_arg, range_arg;
+  std::string header_arg = "auto";
   bool long_listing = false;
   bool quiet = false;
   std::string sector_arg, block_arg, record_arg;
@@ -252,6 +253,22 @@ int check_leftovers(const CLI::App& app, const subcommands& c) {
   return pd::INSPECT_OK;
 }
 
+// --header's word.
+bool header_choice_of(const std::string& word, pd::header_choice& choice) {
+  if (word == "auto") {
+    choice = pd::header_choice::automatic;
+  } else if (word == "primary") {
+    choice = pd::header_choice::primary;
+  } else if (word == "alternate") {
+    choice = pd::header_choice::alternate;
+  } else {
+    std::fprintf(stderr, "%s: --header: '%s' is not auto, primary or alternate\n", progname,
+                 word.c_str());
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -260,6 +277,9 @@ int main(int argc, char** argv) {
   app.add_option("--sector-size", v.target.sector_size, "bytes per sector: 512 (default) or 4096")
       ->check(CLI::IsMember({512, 4096}));
   app.set_version_flag("--version", "privinspect " PD_VERSION, "print the version and exit");
+  app.add_option("--header", v.header_arg,
+                 "header copy to read through: auto (default: the scan's choice, else the copy "
+                 "that decodes), primary or alternate");
   app.fallthrough();
   subcommands c = define(app, v);
   app.allow_extras();  // after define(): the subcommands do not inherit it
@@ -270,6 +290,7 @@ int main(int argc, char** argv) {
     return status == 0 ? 0 : pd::INSPECT_USAGE_IO;
   }
   if (int status = check_leftovers(app, c); status != pd::INSPECT_OK) return status;
+  if (!header_choice_of(v.header_arg, v.target.header_choice)) return pd::INSPECT_USAGE_IO;
 
   pd::session s;
   s.progname = progname;

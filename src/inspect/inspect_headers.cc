@@ -34,6 +34,8 @@ struct header_copy {
   std::uint32_t computed_sum = 0;
   int res = -1;             // the real decode result
   int lenient_res = -1;     // with magic and checksum set aside
+  priv_decode_fault fault;          // where the real decode gave up
+  priv_decode_fault lenient_fault;  // where the lenient one did
   bool has_fields = false;  // the body was decoded one way or the other
   priv_header_info hdr;
 };
@@ -53,7 +55,7 @@ void decode_copy(header_copy& c) {
   c.magic_ok = std::memcmp(c.buf, header_magic, PRIV_MAGIC_LEN) == 0;
   c.stored_sum = priv_header_stored_checksum(c.buf);
   c.computed_sum = static_cast<std::uint32_t>(priv_header_checksum(c.buf));
-  c.res = priv_unformat_header(&c.hdr, c.buf);
+  c.res = priv_unformat_header(&c.hdr, c.buf, &c.fault);
   if (c.magic_ok && c.stored_sum == c.computed_sum) {
     c.has_fields = body_decoded(c.res);
     return;
@@ -62,7 +64,7 @@ void decode_copy(header_copy& c) {
   std::memcpy(fixed, c.buf, HDR_SIZE);
   priv_header_seal(fixed);
   c.hdr = priv_header_info{};
-  c.lenient_res = priv_unformat_header(&c.hdr, fixed);
+  c.lenient_res = priv_unformat_header(&c.hdr, fixed, &c.lenient_fault);
   c.has_fields = body_decoded(c.lenient_res);
 }
 
@@ -75,10 +77,18 @@ std::string printable(const std::uint8_t* p, std::size_t n) {
   return out;
 }
 
-const char* fault_of(const header_copy& c) {
+// The field a decode gave up at, when it is one of the body's.
+std::string field_text(const priv_decode_fault& f) {
+  if (f.code == 0 || *f.field == '\0') return "";
+  std::string text = finding_textf(" (field %s at byte 0x%zx", f.field, f.offset);
+  if (*f.reason != '\0') text += std::string(": ") + f.reason;
+  return text + ")";
+}
+
+std::string fault_of(const header_copy& c) {
   if (!c.magic_ok) return " (bad magic)";
   if (c.stored_sum != c.computed_sum) return " (bad checksum)";
-  return "";
+  return field_text(c.fault);
 }
 
 void print_copy(session& s, const header_copy& c, const inspect_image& img) {
@@ -104,13 +114,14 @@ void print_copy(session& s, const header_copy& c, const inspect_image& img) {
   if (c.res == 0) {
     std::fprintf(s.out, "    decode:   ok\n");
   } else {
-    std::fprintf(s.out, "    decode:   error %d: %s%s\n", c.res, vol_strerror(c.res), fault_of(c));
+    std::fprintf(s.out, "    decode:   error %d: %s%s\n", c.res, vol_strerror(c.res),
+                 fault_of(c).c_str());
   }
   if (c.lenient_res == 0) {
     std::fprintf(s.out, "    with magic and checksum set aside: decodes\n");
   } else if (c.lenient_res > 0) {
-    std::fprintf(s.out, "    with magic and checksum set aside: error %d: %s\n", c.lenient_res,
-                 vol_strerror(c.lenient_res));
+    std::fprintf(s.out, "    with magic and checksum set aside: error %d: %s%s\n", c.lenient_res,
+                 vol_strerror(c.lenient_res), field_text(c.lenient_fault).c_str());
   }
   if (c.has_fields) {
     char seq[24];
@@ -273,8 +284,45 @@ void copy_findings(const header_copy& c, const inspect_image& img, std::vector<f
     finding f;
     f.code = finding_code::header_undecodable;
     f.text = finding_textf("%s header: does not decode: error %d: %s%s", c.name, c.res,
-                           vol_strerror(c.res), fault_of(c));
+                           vol_strerror(c.res), fault_of(c).c_str());
     f.place = at;
+    out.push_back(std::move(f));
+  }
+}
+
+// The fields of a copy whose own check fails (every one, not only the first
+// at which the decoder gave up).
+void field_findings(const header_copy& c, const inspect_image& img, std::vector<finding>& out) {
+  if (c.nread < HDR_SIZE || !c.has_fields) return;
+  for (const priv_decode_fault& fault : priv_header_field_faults(c.hdr)) {
+    finding f;
+    f.code = finding_code::header_field;
+    f.text = finding_textf("%s header: field %s at byte 0x%zx: %s", c.name, fault.field,
+                           fault.offset, fault.reason);
+    f.place.sector = c.sector;
+    f.place.offset = c.sector * img.sector_size() + static_cast<std::int64_t>(fault.offset);
+    f.place.structure = "header";
+    out.push_back(std::move(f));
+  }
+}
+
+// The fields in which two decoded copies differ, one finding each.
+void mismatch_findings(const header_copy& p, const header_copy& a, const inspect_image& img,
+                       std::vector<finding>& out) {
+  if (p.nread < HDR_SIZE || a.nread < HDR_SIZE || !p.has_fields || !a.has_fields) return;
+  for (const header_field& hf : header_fields) {
+    const std::string pv = hf.text(p.hdr);
+    const std::string av = hf.text(a.hdr);
+    if (pv == av) continue;
+    finding f;
+    f.code = finding_code::header_mismatch;
+    f.text = "header copies differ: " + std::string(hf.name) + ": primary " + pv +
+             ", alternate " + av;
+    f.place.sector = a.sector;
+    f.place.offset = a.sector * img.sector_size();
+    f.place.structure = "header";
+    f.expected = pv;
+    f.actual = av;
     out.push_back(std::move(f));
   }
 }
@@ -298,9 +346,11 @@ header_view analyse_headers(inspect_image& img) {
     if (read_copy(img, *c)) decode_copy(*c);
     copy_findings(*c, img, v.findings);
   }
+  for (header_copy* c : {&v.p, &v.a}) field_findings(*c, img, v.findings);
+  mismatch_findings(v.p, v.a, img, v.findings);
   if (v.p.sector < 0 || v.a.sector < 0) return v;
   v.scanned = true;
-  v.scan_res = img.scan();
+  v.scan_res = img.scan_as_privdiag();
   const header_choice choice = choice_of(img, v.scan_res, v.p, v.a);
   finding f;
   f.code = finding_code::header_choice;

@@ -45,6 +45,8 @@ constexpr std::uint64_t header_positions_bytes = 192 * 512;
 }  // namespace
 
 bool inspect_image::open(const inspect_target& t) {
+  header_choice_ = t.header_choice;
+  image_ = t.image;
   sector_size_ = t.sector_size;
   s.devicename = t.image;
   const char* path = t.image.c_str();
@@ -126,11 +128,52 @@ int inspect_image::locate_or_explain() {
   if (!holds_header_positions()) return INSPECT_USAGE_IO;
   if (locate()) return INSPECT_OK;
   // A failed header scan leaves the handle without a header.
-  if (priv_->pri_header == nullptr) hint_other_sector_size();
+  // Only when no copy was named: a named copy that fails is that copy's
+  // fault, whatever the other sector size holds.
+  if (priv_->pri_header == nullptr && header_choice_ == header_choice::automatic) {
+    hint_other_sector_size();
+  }
   return INSPECT_FINDINGS;
 }
 
-int inspect_image::scan() { return priv_scan(priv_, &dattrs_); }
+
+// A failed scan resets the handle's flags: every scan sets the no-update
+// flag again, so that no join after it ever writes.
+int inspect_image::scan_as_privdiag() {
+  const int res = priv_scan(priv_, &dattrs_);
+  priv_->pri_flags |= PRI_NOUPDATE;
+  return res;
+}
+
+int inspect_image::scan() {
+  fallback_note_.clear();
+  switch (header_choice_) {
+    case header_choice::primary:
+    case header_choice::alternate: {
+      const int res =
+          priv_scan_copy(priv_, &dattrs_, header_choice_ == header_choice::primary ? 0 : 1);
+      priv_->pri_flags |= PRI_NOUPDATE;
+      return res;
+    }
+    case header_choice::automatic:
+      break;
+  }
+  const int res = scan_as_privdiag();
+  if (res == VE_OK || res == VE_NOMEM) return res;
+  if (priv_scan_copy(priv_, &dattrs_, -1) != VE_OK) {
+    priv_reset(priv_);
+    priv_->pri_flags |= PRI_NOUPDATE;
+    return res;
+  }
+  priv_->pri_flags |= PRI_NOUPDATE;
+  const bool alt = (priv_->pri_flags & PRI_USED_ALT) != 0;
+  fallback_note_ = std::string(s.progname != nullptr ? s.progname : "privinspect") + ": " +
+                   image_ + ": the scan found no usable header (" + vol_strerror(res) +
+                   "); reading through the " + (alt ? "alternate" : "primary") +
+                   " copy at sector " +
+                   std::to_string(alt ? dattrs_.dka_alternate_header : dattrs_.dka_primary_header);
+  return VE_OK;
+}
 
 int inspect_image::join() {
   saved_offset_ = priv_->pri_header->phi_priv_offset;
@@ -142,6 +185,7 @@ int inspect_image::join() {
 
 bool inspect_image::locate() {
   int res = scan();
+  if (announce && !fallback_note_.empty()) std::fprintf(s.err, "%s\n", fallback_note_.c_str());
   if (res != 0) {
     volpfmt(s, s.err, 1, ":1735:scan operation failed:\n\t%s\n", vol_strerror(res));
     return false;

@@ -25,10 +25,19 @@ inline constexpr int INSPECT_FINDINGS = 1;  // check: inconsistencies; others: s
 inline constexpr int INSPECT_UNUSABLE = 2;  // check: no usable header, TOC or config copy
 inline constexpr int INSPECT_USAGE_IO = 3;  // usage error, image cannot be opened or read
 
-// What every subcommand is given: the image and its sector size.
+// The header copy the views read the region through (--header).
+enum class header_choice {
+  automatic,  // the scan's choice; when the scan fails, the copy that decodes
+  primary,
+  alternate,
+};
+
+// What every subcommand is given: the image, its sector size and the
+// header copy to read through.
 struct inspect_target {
   std::string image;
   int sector_size = 512;
+  pd::header_choice header_choice = pd::header_choice::automatic;
 };
 
 class inspect_image {
@@ -55,8 +64,17 @@ class inspect_image {
   // short, INSPECT_FINDINGS when it cannot be located.
   int locate_or_explain();
 
-  // The header scan: 0 or the volume error of priv_scan.
+  // The header scan as the target's header choice asks: 0 or a volume
+  // error. With the automatic choice it is priv_scan's; only when that
+  // fails, the copy that decodes is taken (fallback_note() then names it).
   int scan();
+  // priv_scan's own choice, whatever the target asks.
+  int scan_as_privdiag();
+  // When the automatic choice read through a copy the scan did not choose:
+  // one line that names it (written by locate() on the error stream unless
+  // announce is false); else empty.
+  const std::string& fallback_note() const { return fallback_note_; }
+  bool announce = true;
   // The join, with the region offset at 0 during and after it (the stored
   // offset is kept in stored_priv_offset()). 0 or the volume error.
   int join();
@@ -83,6 +101,9 @@ class inspect_image {
   std::uint64_t file_size_ = 0;
   voff_t saved_offset_ = 0;
   bool joined_ = false;
+  pd::header_choice header_choice_ = pd::header_choice::automatic;
+  std::string image_;
+  std::string fallback_note_;
 };
 
 }  // namespace pd

@@ -52,6 +52,21 @@ enum class finding_code : std::uint8_t {
   header_undecodable,
   header_choice,
   log_block_invalid,
+  header_mismatch,
+  header_field,
+  toc_magic,
+  toc_checksum,
+  toc_seqno,
+  toc_next,
+  toc_chains_differ,
+  copies_differ,
+  copy_stale,
+  copy_unloadable,
+  log_block_refused,
+  log_never_written,
+  image_partial_sector,
+  image_short,
+  sector_size_other,
 };
 
 // Where privdiag writes a finding's text.
@@ -67,7 +82,7 @@ struct finding_kind {
   bool retired;        // no longer raised; the code stays reserved
 };
 
-inline constexpr std::array<finding_kind, 17> finding_table = {{
+inline constexpr std::array<finding_kind, 32> finding_table = {{
     {finding_code::corrupt_record, "corrupt-record", severity::error, finding_stream::out, "",
      "\n\n", false},
     {finding_code::extra_dg_record, "extra-dg-record", severity::error, finding_stream::out,
@@ -102,6 +117,21 @@ inline constexpr std::array<finding_kind, 17> finding_table = {{
      "\n", false},
     {finding_code::log_block_invalid, "log-block-invalid", severity::warning,
      finding_stream::err, "", "\n", false},
+    {finding_code::header_mismatch, "header-mismatch", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::header_field, "header-field", severity::error, finding_stream::out, "", "\n", false},
+    {finding_code::toc_magic, "toc-magic", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::toc_checksum, "toc-checksum", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::toc_seqno, "toc-seqno", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::toc_next, "toc-next", severity::error, finding_stream::out, "", "\n", false},
+    {finding_code::toc_chains_differ, "toc-chains-differ", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::copies_differ, "copies-differ", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::copy_stale, "copy-stale", severity::note, finding_stream::out, "", "\n", false},
+    {finding_code::copy_unloadable, "copy-unloadable", severity::error, finding_stream::out, "", "\n", false},
+    {finding_code::log_block_refused, "log-block-refused", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::log_never_written, "log-never-written", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::image_partial_sector, "image-partial-sector", severity::warning, finding_stream::out, "", "\n", false},
+    {finding_code::image_short, "image-short", severity::error, finding_stream::out, "", "\n", false},
+    {finding_code::sector_size_other, "sector-size-other", severity::warning, finding_stream::out, "", "\n", false},
 }};
 
 const finding_kind& kind_of(finding_code code);

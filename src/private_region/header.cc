@@ -2,6 +2,7 @@
 // and the encoder.
 #include "private_region/header.h"
 
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -115,26 +116,86 @@ bool is_guid_text(const char* s) {
   return voldguid_from_string(&g, s) == 0;
 }
 
-int check_header_names(priv_header_info* hdr) {
-  if (check_name(hdr->phi_diskid, 64) != 0) return VE_PRIV_FORMAT;
-  if (check_optional_name(hdr->phi_hostid, 64) != 0) return VE_PRIV_FORMAT;
-  if (check_optional_name(hdr->phi_dgid, 64) != 0) return VE_PRIV_FORMAT;
-  if ((hdr->phi_flags & PHI_SHARED) == 0 && hdr->phi_hostid[0] != '\0' &&
-      !is_guid_text(hdr->phi_hostid))
-    return VE_PRIV_FORMAT;
-  if (hdr->phi_dgid[0] != '\0' && !is_guid_text(hdr->phi_dgid)) return VE_PRIV_FORMAT;
-  if (check_optional_name(hdr->phi_dg_name, 31) != 0) return VE_PRIV_FORMAT;
+// One check of a decoded field: the member (in the body of major 2 and in
+// that of major 1), the result when it fails, and the test, which may clear
+// the bytes after a name's terminator.
+struct field_check {
+  const char* name;
+  std::size_t member;
+  std::size_t member_1_2;
+  int code;
+  const char* reason;
+  bool (*ok)(H& h);
+};
+
+bool in_len(voff_t v, voff_t low, const H& h) { return v >= low && v < h.phi_priv_len; }
+
+// In the decoder's order: the names, then the ranges.
+const field_check field_checks[] = {
+    {"phi_diskid", offsetof(H, phi_diskid), offsetof(H, phi_diskid), VE_PRIV_FORMAT,
+     "not a name", [](H& h) { return check_name(h.phi_diskid, 64) == 0; }},
+    {"phi_hostid", offsetof(H, phi_hostid), offsetof(H, phi_hostid), VE_PRIV_FORMAT,
+     "not a name", [](H& h) { return check_optional_name(h.phi_hostid, 64) == 0; }},
+    {"phi_dgid", offsetof(H, phi_dgid), offsetof(H, phi_dgid), VE_PRIV_FORMAT, "not a name",
+     [](H& h) { return check_optional_name(h.phi_dgid, 64) == 0; }},
+    {"phi_hostid", offsetof(H, phi_hostid), offsetof(H, phi_hostid), VE_PRIV_FORMAT,
+     "not a GUID (and the header is not shared)",
+     [](H& h) {
+       return (h.phi_flags & PHI_SHARED) != 0 || h.phi_hostid[0] == '\0' ||
+              is_guid_text(h.phi_hostid);
+     }},
+    {"phi_dgid", offsetof(H, phi_dgid), offsetof(H, phi_dgid), VE_PRIV_FORMAT, "not a GUID",
+     [](H& h) { return h.phi_dgid[0] == '\0' || is_guid_text(h.phi_dgid); }},
+    {"phi_dg_name", offsetof(H, phi_dg_name), offsetof(H, phi_dg_name_1_2), VE_PRIV_FORMAT,
+     "not a name", [](H& h) { return check_optional_name(h.phi_dg_name, 31) == 0; }},
+    {"phi_priv_len", offsetof(H, phi_priv_len), offsetof(H, phi_priv_len), VE_PRIV_INVALID,
+     "out of range",
+     [](H& h) { return h.phi_priv_len >= 1 && h.phi_priv_len <= PRIV_MAX_LEN; }},
+    {"phi_primary_header", offsetof(H, phi_primary_header), offsetof(H, phi_primary_header),
+     VE_PRIV_INVALID, "outside the region",
+     [](H& h) { return in_len(h.phi_primary_header, 0, h); }},
+    {"phi_alt_header", offsetof(H, phi_alt_header), offsetof(H, phi_alt_header),
+     VE_PRIV_INVALID, "outside the region", [](H& h) { return in_len(h.phi_alt_header, 1, h); }},
+    {"phi_first_toc", offsetof(H, phi_first_toc), offsetof(H, phi_first_toc), VE_PRIV_INVALID,
+     "outside the region", [](H& h) { return in_len(h.phi_first_toc, 0, h); }},
+    {"phi_first_alt_toc", offsetof(H, phi_first_alt_toc), offsetof(H, phi_first_alt_toc),
+     VE_PRIV_INVALID, "outside the region",
+     [](H& h) { return in_len(h.phi_first_alt_toc, 1, h); }},
+};
+
+// The byte offset in the sector of `member`, stored in the body of the
+// header's major version.
+std::size_t stored_offset(const H& h, std::size_t member) {
+  const bool v1 = h.phi_version_major == 1;
+  const db_field* tbl = v1 ? priv_header_fields_1_2 : priv_header_fields_2_0;
+  const std::size_t n = v1 ? n_priv_header_fields_1_2 : n_priv_header_fields_2_0;
+  std::size_t at = PRIV_VERSION_OFFSET + 4;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (tbl[i].dbf_offset == member) return at;
+    at += tbl[i].dbf_storesize;
+  }
+  return 0;
+}
+
+priv_decode_fault fault_of(const H& h, const field_check& c) {
+  return {c.code, c.name, stored_offset(h, h.phi_version_major == 1 ? c.member_1_2 : c.member),
+          c.reason};
+}
+
+// Runs the checks in order; 0, or the result of the first that fails.
+int check_fields(H* hdr, priv_decode_fault* fault) {
+  for (const field_check& c : field_checks) {
+    if (c.ok(*hdr)) continue;
+    if (fault != nullptr) *fault = fault_of(*hdr, c);
+    return c.code;
+  }
   return VE_OK;
 }
 
-int check_header_ranges(const priv_header_info* hdr) {
-  const voff_t len = hdr->phi_priv_len;
-  if (len < 1 || len > PRIV_MAX_LEN) return VE_PRIV_INVALID;
-  if (hdr->phi_primary_header < 0 || hdr->phi_primary_header >= len) return VE_PRIV_INVALID;
-  if (hdr->phi_alt_header < 1 || hdr->phi_alt_header >= len) return VE_PRIV_INVALID;
-  if (hdr->phi_first_toc < 0 || hdr->phi_first_toc >= len) return VE_PRIV_INVALID;
-  if (hdr->phi_first_alt_toc < 1 || hdr->phi_first_alt_toc >= len) return VE_PRIV_INVALID;
-  return VE_OK;
+int fail(priv_decode_fault* fault, int code, const char* field, std::size_t offset,
+         const char* reason) {
+  if (fault != nullptr) *fault = {code, field, offset, reason};
+  return code;
 }
 
 }  // namespace
@@ -152,22 +213,26 @@ void priv_header_seal(std::uint8_t* buf) {
   put_be32(buf + PRIV_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_header_checksum(buf)));
 }
 
-int priv_unformat_header(priv_header_info* hdr, const std::uint8_t* buf) {
+int priv_unformat_header(priv_header_info* hdr, const std::uint8_t* buf, priv_decode_fault* fault) {
   const std::uint8_t* const lim = buf + PRIV_HEADER_SIZE;
-  if (std::memcmp(buf, header_magic, PRIV_MAGIC_LEN) != 0) return VE_PRIV_FORMAT;
-  if (priv_header_stored_checksum(buf) != priv_header_checksum(buf)) return VE_PRIV_FORMAT;
+  if (std::memcmp(buf, header_magic, PRIV_MAGIC_LEN) != 0)
+    return fail(fault, VE_PRIV_FORMAT, "magic", 0, "bad magic");
+  if (priv_header_stored_checksum(buf) != priv_header_checksum(buf))
+    return fail(fault, VE_PRIV_FORMAT, "checksum", PRIV_CHECKSUM_OFFSET, "bad checksum");
 
   const std::uint8_t* p =
       dbf_unfmt_tbl(priv_version_fields, n_priv_version_fields, hdr, buf + PRIV_VERSION_OFFSET, lim);
-  if (p == nullptr) return VE_PRIV_FORMAT;
+  if (p == nullptr) return fail(fault, VE_PRIV_FORMAT, "phi_version", PRIV_VERSION_OFFSET, "");
   const unsigned major = hdr->phi_version_major;
-  if (major == 0 || major > 4) return VE_PRIV_VERSION;
+  if (major == 0 || major > 4)
+    return fail(fault, VE_PRIV_VERSION, "phi_version", PRIV_VERSION_OFFSET, "unknown major");
   if (major == 1) {
     p = dbf_unfmt_tbl(priv_header_fields_1_2, n_priv_header_fields_1_2, hdr, p, lim);
   } else {
     p = dbf_unfmt_tbl(priv_header_fields_2_0, n_priv_header_fields_2_0, hdr, p, lim);
   }
-  if (p == nullptr) return VE_PRIV_FORMAT;  // cannot happen: the bodies fit the sector
+  // Cannot happen: the bodies fit the sector.
+  if (p == nullptr) return fail(fault, VE_PRIV_FORMAT, "body", PRIV_VERSION_OFFSET + 4, "");
 
   if (major == 1) {
     std::memset(hdr->phi_dg_name, 0, sizeof hdr->phi_dg_name);
@@ -179,14 +244,28 @@ int priv_unformat_header(priv_header_info* hdr, const std::uint8_t* buf) {
 
   for (const ext_table& ext : nt_extensions) {
     if (!has_nt_minor(hdr, ext.above)) continue;
-    p = dbf_unfmt_tbl(ext.tbl, *ext.n, hdr, p, lim);
-    if (p == nullptr) return VE_PRIV_FORMAT;
+    const std::uint8_t* q = dbf_unfmt_tbl(ext.tbl, *ext.n, hdr, p, lim);
+    if (q == nullptr)
+      return fail(fault, VE_PRIV_FORMAT, "extension", static_cast<std::size_t>(p - buf), "");
+    p = q;
   }
 
-  if (int res = check_header_names(hdr); res != VE_OK) return res;
-  if (int res = check_header_ranges(hdr); res != VE_OK) return res;
+  if (int res = check_fields(hdr, fault); res != VE_OK) return res;
   hdr->phi_next_seqno = hdr->phi_update_seqno;
   return VE_OK;
+}
+
+std::vector<priv_decode_fault> priv_header_field_faults(const priv_header_info& hdr) {
+  H h = hdr;
+  std::vector<priv_decode_fault> out;
+  for (const field_check& c : field_checks) {
+    if (c.ok(h)) continue;
+    // One fault per field: a name that fails its own rule is not also a GUID.
+    bool seen = false;
+    for (const priv_decode_fault& f : out) seen |= std::strcmp(f.field, c.name) == 0;
+    if (!seen) out.push_back(fault_of(h, c));
+  }
+  return out;
 }
 
 void priv_format_header(const priv_header_info* hdr, std::uint8_t* buf) {

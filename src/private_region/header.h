@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "codec/field_codec.h"
 #include "base/priv_info.h"
@@ -63,11 +64,27 @@ std::uint32_t priv_header_stored_checksum(const std::uint8_t* buf);
 // 512 bytes); the other bytes are left as they are.
 void priv_header_seal(std::uint8_t* buf);
 
+// Where a decoder gave up: its result, the stored field that failed, the
+// field's byte offset in the structure and what is wrong with it.
+struct priv_decode_fault {
+  int code = 0;              // the decoder's result (0: no fault)
+  const char* field = "";    // "magic", "checksum", "phi_hostid", ...
+  std::size_t offset = 0;    // of the field, from the structure's first byte
+  const char* reason = "";   // "not a GUID", "out of range", ...
+};
+
 // Decodes the 512 bytes at `buf` into `hdr` (fields the sector does not hold
 // keep their values). 0, or 165 (magic, checksum, names), 168 (region length
 // or positions), 169 (version). Never reads beyond buf + 512. On failure
-// `hdr` holds what was decoded so far.
-int priv_unformat_header(priv_header_info* hdr, const std::uint8_t* buf);
+// `hdr` holds what was decoded so far and `fault`, when given, the field
+// that failed.
+int priv_unformat_header(priv_header_info* hdr, const std::uint8_t* buf,
+                         priv_decode_fault* fault = nullptr);
+
+// The faults of every field check the decoder makes after the body (names,
+// ids, region length and positions) on a decoded header, in the decoder's
+// order; the decoder stops at the first of them.
+std::vector<priv_decode_fault> priv_header_field_faults(const priv_header_info& hdr);
 
 // Encodes `hdr` into `buf` (at least 512 bytes): always a version 2 body,
 // the extension groups when major >= 2, magic and checksum. Bytes after the

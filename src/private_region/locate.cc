@@ -142,6 +142,48 @@ int priv_scan(priv_info* priv, disk_attrs* dattrs) {
   }
 }
 
+int priv_scan_copy(priv_info* priv, disk_attrs* dattrs, int which) {
+  priv_header_info* hdr = priv_alloc_header();
+  if (hdr == nullptr) return VE_NOMEM;
+  priv->pri_disk_attrs = *dattrs;
+  header_from_attrs(hdr, dattrs, 1);
+  priv->pri_flags &= ~(PRI_HEADER_OK_BITS | PRI_USED_ALT);
+  install_header(priv, hdr);
+  std::uint8_t* buf = priv_io_buffer(priv, hdr->phi_atomic_iosize);
+  if (buf == nullptr) return VE_NOMEM;
+  const voff_t at[2] = {hdr->phi_primary_header, hdr->phi_alt_header};
+  priv_header_info dec[2] = {*hdr, *hdr};
+  int res[2] = {VE_HEADER_NOT_FOUND, VE_HEADER_NOT_FOUND};
+  for (int i = 0; i < 2; ++i) {
+    if ((which >= 0 && which != i) || at[i] < 0) continue;  // (a disk too short for it)
+    res[i] = priv->pri_read(priv, buf, at[i], 1, PRI_IO_PRIVATE);
+    if (res[i] == VE_NOMEM) return VE_NOMEM;
+    if (res[i] == VE_OK) res[i] = priv_unformat_header(&dec[i], buf);
+    // A copy written for the other sector size is not this disk's header.
+    if (res[i] == VE_OK && dec[i].phi_atomic_iosize != hdr->phi_atomic_iosize) {
+      res[i] = VE_SECTOR_SIZE;
+    }
+  }
+  int chosen = which;
+  if (which < 0) {
+    if (res[0] == VE_OK && res[1] == VE_OK) {
+      chosen = newer_seqno(dec[1].phi_update_seqno, dec[0].phi_update_seqno) ? 1 : 0;
+    } else {
+      chosen = res[0] == VE_OK ? 0 : 1;
+    }
+  }
+  if (res[chosen] != VE_OK) {
+    const int first = res[which < 0 ? 0 : which];
+    const unsigned long keep = priv->pri_flags & PRI_NOUPDATE;
+    priv_reset(priv);
+    priv->pri_flags |= keep;
+    return first;
+  }
+  *hdr = dec[chosen];
+  priv->pri_flags |= chosen == 0 ? PRI_PRIMARY_OK : (PRI_ALT_OK | PRI_USED_ALT);
+  return VE_OK;
+}
+
 int priv_find_alt_header(priv_info* priv, priv_header_info* /*hdrbuf*/) {
   priv_header_info* hdr = priv->pri_header;
   const std::size_t iosize = hdr->phi_atomic_iosize;

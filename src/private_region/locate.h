@@ -21,6 +21,15 @@ inline constexpr voff_t privoffsets[] = {1};
 // 0 with the chosen header in pri_header, or a volume error number.
 int priv_scan(priv_info* priv, disk_attrs* dattrs);
 
+// Reads the header copies at the disk attributes' positions without the
+// scan's search: `which` 0 the primary, 1 the alternate, -1 the copy that
+// decodes (the newer by update sequence number when both do, the primary on
+// a tie); a copy whose sector size is not the disk's does not count (181).
+// 0 with that copy in pri_header (PRI_PRIMARY_OK, or PRI_ALT_OK and
+// PRI_USED_ALT), or the volume error of the first copy tried (the handle is
+// then reset).
+int priv_scan_copy(priv_info* priv, disk_attrs* dattrs, int which);
+
 // Searches for a header naming its own position as the alternate; 0 with it
 // decoded into pri_header, 167 when none, 12 when no buffer. `hdrbuf` is not
 // used.

@@ -69,17 +69,30 @@ std::uint64_t priv_toc_checksum(const std::uint8_t* buf, std::size_t len) {
   return region_checksum(buf, len);
 }
 
-int priv_read_toc_sector(priv_info* priv, std::uint8_t* buf, voff_t sector) {
+int priv_toc_block_verify(const std::uint8_t* buf, std::size_t len, const volseqno_t& seqno,
+                          priv_decode_fault* fault) {
+  auto fail = [fault](int code, const char* field, std::size_t offset, const char* reason) {
+    if (fault != nullptr) *fault = {code, field, offset, reason};
+    return code;
+  };
+  // A chunk smaller than the block words cannot hold a block.
+  toc_block_info b;
+  if (toc_block_decode(buf, buf + len, &b) == nullptr)
+    return fail(VE_PRIV_FORMAT, "block", 0, "shorter than the block words");
+  if (!b.tbi_magic_ok) return fail(VE_PRIV_FORMAT, "magic", 0, "bad magic");
+  if (b.tbi_checksum != priv_toc_checksum(buf, len))
+    return fail(VE_PRIV_FORMAT, "checksum", TOC_CHECKSUM_OFFSET, "bad checksum");
+  if (!seqno_equal(b.tbi_seqno, seqno))
+    return fail(VE_PRIV_INVALID, "seqno", TOC_SEQNO_HI_OFFSET, "not the header's");
+  return VE_OK;
+}
+
+int priv_read_toc_sector(priv_info* priv, std::uint8_t* buf, voff_t sector,
+                         priv_decode_fault* fault) {
   const priv_header_info* hdr = priv->pri_header;
   const int res = priv->pri_read(priv, buf, sector, sectors_per_chunk(hdr), PRI_IO_PRIVATE);
   if (res != VE_OK) return res;
-  // A chunk smaller than the block words cannot hold a block.
-  toc_block_info b;
-  if (toc_block_decode(buf, buf + hdr->phi_chunk_size, &b) == nullptr) return VE_PRIV_FORMAT;
-  if (!b.tbi_magic_ok) return VE_PRIV_FORMAT;
-  if (b.tbi_checksum != priv_toc_checksum(buf, hdr->phi_chunk_size)) return VE_PRIV_FORMAT;
-  if (!seqno_equal(b.tbi_seqno, hdr->phi_update_seqno)) return VE_PRIV_INVALID;
-  return VE_OK;
+  return priv_toc_block_verify(buf, hdr->phi_chunk_size, hdr->phi_update_seqno, fault);
 }
 
 const std::uint8_t* toc_block_decode(const std::uint8_t* p, const std::uint8_t* lim,

@@ -25,6 +25,7 @@
 #include <cstdint>
 
 #include "base/priv_info.h"
+#include "private_region/header.h"
 
 namespace pd {
 
@@ -78,10 +79,17 @@ std::uint64_t priv_toc_checksum(const std::uint8_t* buf, std::size_t len);
 const std::uint8_t* toc_block_decode(const std::uint8_t* p, const std::uint8_t* lim,
                                      toc_block_info* out);
 
+// Verifies the block of `len` bytes at `buf`: 0, 165 (magic, checksum, too
+// small to hold the block words) or 168 (sequence number not `seqno`). On a
+// fault, `fault` (when given) names the field and its offset in the block.
+int priv_toc_block_verify(const std::uint8_t* buf, std::size_t len, const volseqno_t& seqno,
+                          priv_decode_fault* fault = nullptr);
+
 // Reads the block at `sector` (relative) into `buf` (a chunk) and verifies
-// it: 0, the read error, 165 (magic, checksum, chunk too small to hold a
-// block header) or 168 (sequence number not the header's).
-int priv_read_toc_sector(priv_info* priv, std::uint8_t* buf, voff_t sector);
+// it (priv_toc_block_verify against the header's update sequence number):
+// 0, the read error, 165 or 168.
+int priv_read_toc_sector(priv_info* priv, std::uint8_t* buf, voff_t sector,
+                         priv_decode_fault* fault = nullptr);
 
 // Decodes the entry at *cursor, never reading at or past `end`. On 0, *entry
 // is a new entry (null at the end of the list) and *cursor moved past it.
