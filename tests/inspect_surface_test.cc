@@ -156,7 +156,7 @@ region config copy=1 offset=17 len=400
 copy-content config copy=1 content=config begin
   database version=4.17 dgname=dg1 config-tid=0.200
   group name=dg1 rid=0.1000 version=171
-  volume name=")" "\x1b[2J" R"(" rid=0.1001 len=2048 pl_num=0 state=ACTIVE
+  volume name=")" "\x1b[2J" R"(" rid=0.1001 len=2048 pl_num=1 state=ACTIVE
 end
 )",
                     "esc.img");
@@ -165,6 +165,10 @@ end
   EXPECT_NE(r.out.find("\n Volume:   \\x1b[2J rid=0.1001 update=0.0\n"), std::string::npos) << r.out;
   r = inspect({"hexdump", image, "--record", "0.1001"});
   EXPECT_EQ(r.out.rfind("record \\x1b[2J rid=0.1001 ", 0), 0u) << r.out;
+  EXPECT_EQ(r.out.find('\x1b'), std::string::npos);
+  // check prints the finding escaped; the finding's text stays exact.
+  r = inspect({"check", image});
+  EXPECT_NE(r.out.find("\\x1b[2J !!1 missing child(ren)!!\n"), std::string::npos) << r.out;
   EXPECT_EQ(r.out.find('\x1b'), std::string::npos);
 }
 

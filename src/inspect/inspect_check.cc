@@ -19,6 +19,7 @@
 #include "inspect/inspect_region.h"
 #include "io/findings.h"
 #include "io/messages.h"
+#include "inspect/output.h"
 #include "report/copy_loading.h"
 
 namespace pd {
@@ -41,6 +42,14 @@ run_end run_pipeline(session& in, const inspect_target& t, std::string& note) {
     return e.kind == fatal_kind::unreadable ? run_end::unreadable : run_end::unusable;
   }
   return run_end::complete;
+}
+
+// One line of check's output: the text escaped (a name from the image may
+// hold any byte).
+void print_line(session& s, const std::string& text) {
+  text_out o(s.out);
+  o.value(text);
+  o.text("\n");
 }
 
 const char* status_text(int status) {
@@ -97,13 +106,13 @@ int inspect_check(session& s, const inspect_target& t, bool quiet) {
     // What privdiag writes on the error stream first (the loader's
     // findings, then the message that ended the run), then the report's.
     for (const finding& f : found.list) {
-      if (kind_of(f.code).stream == finding_stream::err) std::fprintf(s.out, "%s\n", f.text.c_str());
+      if (kind_of(f.code).stream == finding_stream::err) print_line(s, f.text);
     }
-    for (const std::string& m : message_lines(err_text)) std::fprintf(s.out, "%s\n", m.c_str());
+    for (const std::string& m : message_lines(err_text)) print_line(s, m);
     for (const finding& f : found.list) {
-      if (kind_of(f.code).stream == finding_stream::out) std::fprintf(s.out, "%s\n", f.text.c_str());
+      if (kind_of(f.code).stream == finding_stream::out) print_line(s, f.text);
     }
-    for (const finding& f : region.list) std::fprintf(s.out, "%s\n", f.text.c_str());
+    for (const finding& f : region.list) print_line(s, f.text);
     std::fprintf(s.out, "check: status %d: %s\n", status, status_text(status));
   }
   return status;

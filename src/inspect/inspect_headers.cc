@@ -15,6 +15,7 @@
 #include "codec/text_forms.h"
 #include "io/findings.h"
 #include "io/messages.h"
+#include "inspect/output.h"
 #include "inspect/inspect.h"
 #include "private_region/header.h"
 
@@ -125,9 +126,11 @@ void print_copy(session& s, const header_copy& c, const inspect_image& img) {
   }
   if (c.has_fields) {
     char seq[24];
-    std::fprintf(s.out, "    version %u.%u, update seqno %s, diskid \"%s\"\n",
-                 c.hdr.phi_version_major, c.hdr.phi_version_minor,
-                 volseqnotostr(c.hdr.phi_update_seqno, seq), c.hdr.phi_diskid);
+    text_out o(s.out);
+    o.printf("    version %u.%u, update seqno %s, diskid \"", c.hdr.phi_version_major,
+             c.hdr.phi_version_minor, volseqnotostr(c.hdr.phi_update_seqno, seq));
+    o.value(c.hdr.phi_diskid);
+    o.text("\"\n");
   }
 }
 
@@ -208,7 +211,12 @@ void print_differences(session& s, const header_copy& p, const header_copy& a) {
     std::string av = f.text(a.hdr);
     if (pv == av) continue;
     if (n++ == 0) std::fprintf(s.out, "differences:\n");
-    std::fprintf(s.out, "    %-22s primary %s, alternate %s\n", f.name, pv.c_str(), av.c_str());
+    text_out o(s.out);
+    o.printf("    %-22s primary ", f.name);
+    o.value(pv);
+    o.text(", alternate ");
+    o.value(av);
+    o.text("\n");
   }
   if (n == 0) std::fprintf(s.out, "differences: none\n");
 }
