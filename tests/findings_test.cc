@@ -73,6 +73,18 @@ const damage report_damage[] = {
     {finding_code::premature_eof, "nblocks=1000", group},
 };
 
+// An image opened and located in process, its findings collected.
+struct located {
+  captured_session cs;
+  finding_collector raised;
+  inspect_image img{cs.get()};
+  explicit located(const std::string& path) {
+    cs->sink = &raised;
+    EXPECT_TRUE(img.open({path, 512}));
+    EXPECT_TRUE(img.locate());
+  }
+};
+
 TEST(Findings, DamagedCopiesRaiseTheirCodeAndPrivdiagPrintsTheText) {
   int n = 0;
   for (const damage& d : report_damage) {
@@ -80,17 +92,12 @@ TEST(Findings, DamagedCopiesRaiseTheirCodeAndPrivdiagPrintsTheText) {
     SCOPED_TRACE(kind.name);
     const std::string path =
         build_to_file(copy_desc(d.database, d.lines), "finding" + std::to_string(n++) + ".img");
-    captured_session cs;
-    finding_collector raised;
-    cs->sink = &raised;
-    inspect_image img(cs.get());
-    ASSERT_TRUE(img.open({path, 512}));
-    ASSERT_TRUE(img.locate());
-    ASSERT_EQ(priv_dump_config(cs.get(), img.priv(), -1, false), 1);
-    EXPECT_EQ(cs.out(), "");  // nothing printed
+    located l(path);
+    ASSERT_EQ(priv_dump_config(l.cs.get(), l.img.priv(), -1, false), 1);
+    EXPECT_EQ(l.cs.out(), "");  // nothing printed
     const process_result privdiag = run_process({PD_PRIVDIAG_BIN, path});
     bool found = false;
-    for (const finding& f : raised.list) {
+    for (const finding& f : l.raised.list) {
       const finding_kind& k = kind_of(f.code);
       const std::string& stream = k.stream == finding_stream::out ? privdiag.out : privdiag.err;
       EXPECT_NE(stream.find(k.before + f.text + k.after), std::string::npos) << f.text;
@@ -107,15 +114,10 @@ TEST(Findings, PlacesNameTheCopyBlockSectorAndOffset) {
   const std::string path = build_to_file(
       copy_desc("", group + "  volume name=v rid=0.1 pl_num=2\n  block at=5 magic=ABCD\n"),
       "places.img");
-  captured_session cs;
-  finding_collector raised;
-  cs->sink = &raised;
-  inspect_image img(cs.get());
-  ASSERT_TRUE(img.open({path, 512}));
-  ASSERT_TRUE(img.locate());
-  priv_dump_config(cs.get(), img.priv(), -1, false);
+  located l(path);
+  priv_dump_config(l.cs.get(), l.img.priv(), -1, false);
   std::map<finding_code, finding_place> at;
-  for (const finding& f : raised.list) at[f.code] = f.place;
+  for (const finding& f : l.raised.list) at[f.code] = f.place;
   ASSERT_TRUE(at.count(finding_code::extract_error));
   EXPECT_EQ(at[finding_code::extract_error].block, 5);
   EXPECT_EQ(at[finding_code::extract_error].sector, 17 + 5);
@@ -157,15 +159,10 @@ TEST(Findings, LogBlockInvalid) {
       "region log copy=1 offset=1617 len=100 content=log begin\n"
       "  block tid=0.200 seqno=7\n  block tid=0.200 seqno=8 blkno=9\nend\n",
       "logs.img");
-  captured_session cs;
-  finding_collector raised;
-  cs->sink = &raised;
-  inspect_image img(cs.get());
-  ASSERT_TRUE(img.open({path, 512}));
-  ASSERT_TRUE(img.locate());
-  priv_dump_logs(cs.get(), img.priv(), 1);
-  ASSERT_FALSE(raised.list.empty());
-  const finding& f = raised.list[0];
+  located l(path);
+  priv_dump_logs(l.cs.get(), l.img.priv(), 1);
+  ASSERT_FALSE(l.raised.list.empty());
+  const finding& f = l.raised.list[0];
   EXPECT_EQ(f.code, finding_code::log_block_invalid);
   EXPECT_EQ(f.place.copy, 1);
   EXPECT_EQ(f.place.block, 1);
