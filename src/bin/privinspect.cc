@@ -13,6 +13,7 @@
 #include "base/session.h"
 #include "io/messages.h"
 #include "inspect/inspect.h"
+#include "inspect/json_views.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ struct cli_values {
   std::size_t count = 1;
   std::vector<std::string> types;
   std::string rid_arg, name_arg;
+  bool json = false;
 };
 
 void add_image(CLI::App* sub, cli_values& v) {
@@ -42,6 +44,7 @@ struct subcommands {
   CLI::App* scan;
   CLI::App* hexdump;
   CLI::App* records;
+  CLI::App* dump;
 };
 
 subcommands define(CLI::App& app, cli_values& v) {
@@ -95,7 +98,33 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.records->add_option("--name", v.name_arg, "record name");
   c.records->add_option("--copy", v.copy, "configuration copy (default: first enabled)")
       ->check(CLI::NonNegativeNumber);
+
+  c.dump = app.add_subcommand("dump", "everything decoded, in one JSON document");
+  add_image(c.dump, v);
   return c;
+}
+
+// --json (and dump): the same views as JSON documents (docs/json.md).
+int dispatch_json(pd::session& s, const subcommands& c, cli_values& v,
+                  const pd::json_invocation& inv) {
+  const inspect_target& t = v.target;
+  if (c.dump->parsed()) return pd::json_dump(s, inv, t);
+  if (c.logs->parsed()) return pd::json_logs(s, inv, t, v.copy);
+  if (c.config->parsed()) return pd::json_config(s, inv, t, v.copy);
+  if (c.headers->parsed()) return pd::json_headers(s, inv, t);
+  if (c.check->parsed()) return pd::json_check(s, inv, t);
+  if (c.scan->parsed()) return pd::json_scan(s, inv, t);
+  if (c.hexdump->parsed()) {
+    pd::hexdump_request r;
+    if (!pd::hexdump_parse(s, v.sector_arg, v.block_arg, v.record_arg, r)) return pd::INSPECT_USAGE_IO;
+    r.count = v.count;
+    if (r.what == pd::hexdump_what::record) r.copy = v.copy;
+    return pd::json_hexdump(s, inv, t, r);
+  }
+  pd::records_filter f;
+  if (!pd::records_parse(s, v.types, v.rid_arg, v.name_arg, f)) return pd::INSPECT_USAGE_IO;
+  f.copy = v.copy;
+  return pd::json_records(s, inv, t, f);
 }
 
 int dispatch(pd::session& s, const subcommands& c, cli_values& v) {
@@ -126,6 +155,7 @@ int main(int argc, char** argv) {
   cli_values v;
   app.add_option("--sector-size", v.target.sector_size, "bytes per sector: 512 (default) or 4096")
       ->check(CLI::IsMember({512, 4096}));
+  app.add_flag("--json", v.json, "write the view as one JSON document (docs/json.md)");
   app.set_version_flag("--version", "privinspect " PD_VERSION, "print the version and exit");
   app.require_subcommand(1);
   app.fallthrough();
@@ -144,7 +174,9 @@ int main(int argc, char** argv) {
   pd::volsetlabel(s, "qztool:priv");
   int status;
   try {
-    status = dispatch(s, c, v);
+    status = v.json || c.dump->parsed()
+                 ? dispatch_json(s, c, v, {std::vector<std::string>(argv, argv + argc), PD_VERSION})
+                 : dispatch(s, c, v);
   } catch (const pd::fatal_exit& e) {
     status = e.status;
   }
