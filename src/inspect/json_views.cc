@@ -856,7 +856,7 @@ ojson scan_hit(const copy_places& places, std::uint64_t sector, std::uint64_t ss
     whole = toc_block_decode(p, p + len, &b) != nullptr;
     if (whole) {
       d["checksum"] = checksum_json(b.tbi_checksum, static_cast<std::uint32_t>(priv_toc_checksum(p, len)));
-      d["seqno"] = json_seqno(b.tbi_seqno);
+      d["update_seqno"] = json_seqno(b.tbi_seqno);
       d["next"] = b.tbi_next;
       d["alt_next"] = b.tbi_alt_next;
     }
