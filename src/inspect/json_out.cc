@@ -81,10 +81,20 @@ std::string json_cstr_bytes(const char* member, std::size_t max) {
 }
 
 std::string json_seqno(volseqno_t v) {
+  // By hand: documents of half a million records hold millions of these.
   char b[24];
-  std::snprintf(b, sizeof b, "%u.%u", static_cast<unsigned>(v.seqno_hi),
-                static_cast<unsigned>(v.seqno_lo));
-  return b;
+  char* p = b + sizeof b;
+  std::uint32_t lo = v.seqno_lo, hi = v.seqno_hi;
+  do {
+    *--p = static_cast<char>('0' + lo % 10);
+    lo /= 10;
+  } while (lo != 0);
+  *--p = '.';
+  do {
+    *--p = static_cast<char>('0' + hi % 10);
+    hi /= 10;
+  } while (hi != 0);
+  return std::string(p, b + sizeof b);
 }
 
 std::string json_guid(const voldguid_t& g) {
@@ -94,9 +104,14 @@ std::string json_guid(const voldguid_t& g) {
 }
 
 std::string json_hex(std::uint64_t v, int digits) {
-  char b[24];
-  std::snprintf(b, sizeof b, "0x%0*llx", digits, static_cast<unsigned long long>(v));
-  return b;
+  static const char hexdigits[] = "0123456789abcdef";
+  int n = 1;
+  while (n < 16 && (v >> (4 * n)) != 0) ++n;
+  if (n < digits) n = digits;
+  std::string out(static_cast<std::size_t>(n) + 2, '0');
+  out[1] = 'x';
+  for (int i = 0; i < n; ++i) out[out.size() - 1 - i] = hexdigits[(v >> (4 * i)) & 15];
+  return out;
 }
 
 ojson json_bit_names(std::uint64_t word, std::initializer_list<json_bit_name> names) {
@@ -164,7 +179,11 @@ void json_writer::next_item(std::string_view key) {
 
 void json_writer::member(std::string_view key, const ojson& value) {
   next_item(key);
-  buf_ = value.dump(-1, ' ', false, ojson::error_handler_t::replace);
+  // The serializer behind dump(), into a buffer that keeps its room.
+  buf_.clear();
+  nlohmann::detail::serializer<ojson> ser(nlohmann::detail::output_adapter<char>(buf_), ' ',
+                                          ojson::error_handler_t::replace);
+  ser.dump(value, false, false, 0);
   std::fwrite(buf_.data(), 1, buf_.size(), out_);
 }
 

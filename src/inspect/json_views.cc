@@ -531,7 +531,7 @@ ojson log_copy_json(json_run& run, priv_info* priv, copy_info* cp, bool read) {
 
 // "logs": copy `copy`, or every copy (a disabled one listed, not read).
 // False (after the message the log dump gives) when no copy matched.
-bool write_logs(json_run& run, priv_info* priv, int copy) {
+bool write_logs(json_run& run, priv_info* priv, int copy, bool say_none = true) {
   run.stage("logs");
   run.w.open_array("logs");
   bool found = false;
@@ -543,7 +543,7 @@ bool write_logs(json_run& run, priv_info* priv, int copy) {
     run.w.element(log_copy_json(run, priv, cp, copy >= 0 || !disabled));
   }
   run.w.close();
-  if (!found) {
+  if (!found && say_none) {
     if (copy >= 0) {
       volpfmt(run.in, run.in.err, 1, ":567:Disk does not have log copy %d\n", copy);
     } else {
@@ -631,8 +631,6 @@ ojson field_json(tag_printer& tp, const void* rec, const voltagdesc& d) {
     case TAG_PREF:
     case TAG_UUID:
       return json_text(reinterpret_cast<const char*>(member_at(rec, d)), d.width);
-    case TAG_FLAG:
-      return (member_unsigned(rec, d) & static_cast<unsigned long>(d.info)) != 0;
     case TAG_SEQNO:
     case TAG_RID: {
       volseqno_t v;
@@ -651,9 +649,22 @@ ojson field_json(tag_printer& tp, const void* rec, const voltagdesc& d) {
     case TAG_LAYOUT:
     case TAG_PIOMODE:
     case TAG_LOG_TYPE:
-    case TAG_DEV:
-    case TAG_MODE:
       return json_text(tp.field_sprint(rec, d));
+    case TAG_DEV: {  // the report's text, without printf
+      const std::uint64_t dev = member_unsigned(rec, d);
+      if (dev == ~std::uint64_t{0}) return "VOLNODEV";
+      const std::string n = std::to_string(dev);
+      return n + "/" + n;
+    }
+    case TAG_MODE: {  // octal, with a leading 0
+      std::uint64_t v = member_unsigned(rec, d);
+      std::string out;
+      do {
+        out.insert(out.begin(), static_cast<char>('0' + (v & 7)));
+        v >>= 3;
+      } while (v != 0);
+      return "0" + out;
+    }
     case TAG_R_POL:
       return tp.getetag(rpols(), static_cast<int>(member_signed(rec, d)));
     default:  // numbers: lengths, offsets, counts, ids, versions, modes
@@ -664,6 +675,8 @@ ojson field_json(tag_printer& tp, const void* rec, const voltagdesc& d) {
 ojson record_json(tag_printer& tp, const dbase* db, const db_record* r) {
   ojson o = ojson::object();
   auto& m = o.get_ref<ojson::object_t&>();
+  // Reserved: growing a vector of pairs with const keys copies every member.
+  m.reserve(14);
   const record* rec = record_of(r);
   m.emplace_back("ref", r->dbr_ref);
   m.emplace_back("type", static_cast<int>(r->dbr_type & 15));
@@ -685,13 +698,20 @@ ojson record_json(tag_printer& tp, const dbase* db, const db_record* r) {
   m.emplace_back("name", json_text(rec->name, sizeof rec->name));
   m.emplace_back("name_hex", json_cstr_bytes(rec->name, sizeof rec->name));
   ojson fields = ojson::object();
+  ojson set_flags = ojson::array();
   if (rec->u != nullptr) {
     auto& fm = fields.get_ref<ojson::object_t&>();
+    fm.reserve(fields_of(rec->type).size());
     for (const json_field& f : fields_of(rec->type)) {
-      fm.emplace_back(f.name, field_json(tp, rec->u, *f.d));
+      if (f.d->type != TAG_FLAG) {
+        fm.emplace_back(f.name, field_json(tp, rec->u, *f.d));
+      } else if ((member_unsigned(rec->u, *f.d) & static_cast<unsigned long>(f.d->info)) != 0) {
+        set_flags.push_back(f.name);
+      }
     }
   }
   m.emplace_back("fields", std::move(fields));
+  m.emplace_back("set_flags", std::move(set_flags));
   return o;
 }
 
@@ -784,6 +804,7 @@ bool write_config(json_run& run, inspect_image& img, int copy) {
     if (b < first || (blk.dbb_record == nullptr && blk.dbb_flag == 0)) continue;
     ojson o = ojson::object();
     auto& m = o.get_ref<ojson::object_t&>();
+    m.reserve(5);
     m.emplace_back("block", b);
     m.emplace_back("flag", json_hex(blk.dbb_flag, 4));
     if (blk.dbb_record != nullptr) {
@@ -1073,7 +1094,7 @@ int json_dump_to(FILE* out, FILE* err, const json_invocation& inv, const inspect
   return run_document(out, err, inv, "dump", t, [](json_run& run, inspect_image& img) {
     if (!write_headers(run, img) || !run.locate(img)) return INSPECT_FINDINGS;
     write_toc(run, img.priv());
-    write_logs(run, img.priv(), -1);
+    write_logs(run, img.priv(), -1, false);
     if (!write_config(run, img, -1)) return INSPECT_FINDINGS;
     return run.found.any_problem() ? INSPECT_FINDINGS : INSPECT_OK;
   });
