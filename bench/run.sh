@@ -16,7 +16,9 @@
 # from the child's own accounting (wait4), the ratio of privdiag's best
 # time to the best times of the two cats together, and the growth of
 # privdiag's best time against the previous size (the records grow about
-# tenfold, fivefold at the last step).
+# tenfold, fivefold at the last step). When privinspect is built, each round
+# also runs `privinspect dump` (the whole image as one JSON document): its
+# best wall time, peak memory and the ratio of its time to privdiag's.
 set -eu
 
 BUILD=${1:-build}
@@ -28,6 +30,7 @@ SECTOR=${SECTOR:-4096}
 GEN=$BUILD/bench/gen_image
 RUNNER=$BUILD/bench/bench_runner
 PRIVDIAG=$BUILD/privdiag
+PRIVINSPECT=$BUILD/src/bin/privinspect
 for f in "$GEN" "$RUNNER" "$PRIVDIAG"; do
   if [ ! -x "$f" ]; then
     echo "run.sh: $f is missing: configure with -DPD_BENCH=ON and build" >&2
@@ -42,9 +45,9 @@ value() { echo "$2" | tr ' ' '\n' | sed -n "s/^$1=//p"; }
 # stats FILE: "best median max" of the numbers in FILE
 stats() { sort -g "$1" | awk '{ v[NR] = $1 } END { printf "%.4f %.4f %.4f", v[1], v[int((NR + 2) / 2)], v[NR] }'; }
 
-printf '%-8s %9s %9s | %-26s %7s %8s | %9s %9s | %6s %7s\n' \
+printf '%-8s %9s %9s | %-26s %7s %8s | %9s %9s | %6s %7s | %-20s\n' \
   records image_MB report_MB "privdiag wall best/med/max" cpu_s peak_MB \
-  cat_img_s cat_rep_s ratio growth
+  cat_img_s cat_rep_s ratio growth "dump --json s/MB/x"
 prev_records=""
 prev_best=""
 for n in $SIZES; do
@@ -56,6 +59,7 @@ for n in $SIZES; do
   records=$(sed -n 's/^gen_image: \([0-9]*\) records.*/\1/p' "$img.log")
   "$PRIVDIAG" "$SECTOR" "$img" > "$rep"
   : > "$WORK/t.priv"; : > "$WORK/t.cpu"; : > "$WORK/t.rss"; : > "$WORK/t.img"; : > "$WORK/t.rep"
+  : > "$WORK/t.json"; : > "$WORK/t.jrss"
   i=0
   while [ "$i" -lt "$REPEAT" ]; do
     line=$("$RUNNER" --repeat 1 -- "$PRIVDIAG" "$SECTOR" "$img")
@@ -68,6 +72,15 @@ for n in $SIZES; do
     value maxrss_kb "$line" >> "$WORK/t.rss"
     value wall_best "$("$RUNNER" --repeat 1 -- cat "$img")" >> "$WORK/t.img"
     value wall_best "$("$RUNNER" --repeat 1 -- cat "$rep")" >> "$WORK/t.rep"
+    if [ -x "$PRIVINSPECT" ]; then
+      line=$("$RUNNER" --repeat 1 -- "$PRIVINSPECT" --sector-size "$SECTOR" dump "$img")
+      case $(value status "$line") in
+        0 | 1) ;;  # 1: the image's findings (the report's `!!` lines)
+        *) echo "run.sh: privinspect dump failed on $img" >&2; exit 1 ;;
+      esac
+      value wall_best "$line" >> "$WORK/t.json"
+      value maxrss_kb "$line" >> "$WORK/t.jrss"
+    fi
     i=$((i + 1))
   done
   set -- $(stats "$WORK/t.priv")
@@ -78,15 +91,21 @@ for n in $SIZES; do
   crep=$(stats "$WORK/t.rep" | cut -d' ' -f1)
   isize=$(wc -c < "$img")
   rsize=$(wc -c < "$rep")
+  json="-"
+  if [ -s "$WORK/t.json" ]; then
+    jbest=$(stats "$WORK/t.json" | cut -d' ' -f1)
+    jrss=$(sort -n "$WORK/t.jrss" | tail -1)
+    json=$(awk -v j="$jbest" -v r="$jrss" -v b="$best" 'BEGIN { printf "%.3f/%.1f/%.1fx", j, r / 1024, j / b }')
+  fi
   awk -v n="$records" -v is="$isize" -v rs="$rsize" -v b="$best" -v m="$med" -v x="$max" \
-      -v c="$cpu" -v r="$rss" -v ci="$cimg" -v cr="$crep" -v pn="$prev_records" -v pb="$prev_best" '
+      -v c="$cpu" -v r="$rss" -v ci="$cimg" -v cr="$crep" -v pn="$prev_records" -v pb="$prev_best" -v js="$json" '
     BEGIN {
       growth = "-"
       if (pn != "") growth = sprintf("%.1fx/%.1fx", b / pb, n / pn)
-      printf "%-8d %9.1f %9.1f | %8.3f %8.3f %8.3f %7.3f %8.1f | %9.4f %9.4f | %6.1f %s\n",
-        n, is / 1048576, rs / 1048576, b, m, x, c, r / 1024, ci, cr, b / (ci + cr), growth
+      printf "%-8d %9.1f %9.1f | %8.3f %8.3f %8.3f %7.3f %8.1f | %9.4f %9.4f | %6.1f %7s | %s\n",
+        n, is / 1048576, rs / 1048576, b, m, x, c, r / 1024, ci, cr, b / (ci + cr), growth, js
     }'
   prev_records=$records
   prev_best=$best
 done
-rm -f "$WORK/t.priv" "$WORK/t.cpu" "$WORK/t.rss" "$WORK/t.img" "$WORK/t.rep"
+rm -f "$WORK/t.priv" "$WORK/t.cpu" "$WORK/t.rss" "$WORK/t.img" "$WORK/t.rep" "$WORK/t.json" "$WORK/t.jrss"

@@ -20,7 +20,7 @@ install(FILES docs/privbuild-desc.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 install(FILES completion/privinspect.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME privinspect)
-file(GLOB PD_DOC_FILES CONFIGURE_DEPENDS docs/*.md)
+file(GLOB PD_DOC_FILES CONFIGURE_DEPENDS docs/*.md docs/*.schema.json)
 install(FILES README.md ${PD_DOC_FILES} DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES examples/sample.desc DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 

@@ -6,8 +6,8 @@
 
 _privinspect() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-  local subcommands="logs config headers check scan hexdump records"
-  local global_options="--sector-size --header --help --version"
+  local subcommands="logs config headers check scan hexdump records dump"
+  local global_options="--sector-size --header --json --help --version"
   local record_types="volume vol plex subdisk sd disk dm diskgroup dg da rvol
     replica rlink dco snapshot snap stpool info cache vset"
 
@@ -15,7 +15,7 @@ _privinspect() {
   local sub="" i
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      logs | config | headers | check | scan | hexdump | records)
+      logs | config | headers | check | scan | hexdump | records | dump)
         sub=${COMP_WORDS[i]}
         break
         ;;

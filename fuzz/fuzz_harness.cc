@@ -17,6 +17,7 @@
 #include "config_db/record_layouts.h"
 #include "driver/driver.h"
 #include "inspect/inspect.h"
+#include "inspect/json_views.h"
 #include "io/dump_device.h"
 #include "private_region/locate.h"
 #include "report/header_toc_dump.h"
@@ -119,6 +120,29 @@ void check_image(const std::string& path, int sector_size) {
   try {
     inspect_check(s, inspect_target{path, sector_size}, true);
   } catch (const fatal_exit&) {
+  }
+}
+
+// privinspect's dump as JSON, into memory: the document must parse and
+// state an exit status of 0 to 3, the one returned.
+void dump_json(const std::string& path, int sector_size) {
+  char* buf = nullptr;
+  std::size_t len = 0;
+  FILE* out = open_memstream(&buf, &len);
+  if (out == nullptr) std::abort();
+  const json_invocation inv{{"privinspect", "dump", path}, "fuzz"};
+  int status = -1;
+  try {
+    status = json_dump_to(out, null_sink(), inv, inspect_target{path, sector_size});
+  } catch (const fatal_exit&) {
+    std::abort();  // every fatal condition must end in the document
+  }
+  std::fclose(out);
+  const ojson doc = ojson::parse(buf, buf + len, nullptr, false);
+  std::free(buf);
+  if (doc.is_discarded() || !doc.is_object() || !doc.contains("exit_status") ||
+      doc["exit_status"] != status || status < 0 || status > 3) {
+    std::abort();
   }
 }
 
@@ -269,6 +293,7 @@ bool decode_pipeline_input(const std::uint8_t* data, std::size_t size, pipeline_
   in->dump_logs = (flags & PIPE_LOGS) != 0;
   in->scan = (flags & PIPE_SCAN) != 0;
   in->check = (flags & PIPE_CHECK) != 0;
+  in->json = (flags & PIPE_JSON) != 0;
   in->image.clear();
   expand_image(flags, data + 1, data + size, &in->image);
   if ((flags & PIPE_FIXSUMS) != 0) fix_checksums(in->image, static_cast<std::size_t>(in->sector_size));
@@ -314,6 +339,7 @@ int run_pipeline(const std::uint8_t* data, std::size_t size) {
   if (in.dump_logs) dump_logs(path, in.sector_size);
   if (in.scan) scan_image(path, in.sector_size);
   if (in.check) check_image(path, in.sector_size);
+  if (in.json) dump_json(path, in.sector_size);
   return status;
 }
 

@@ -16,6 +16,8 @@
 //               whole-region check: both headers, both TOC chains, every
 //               configuration and log copy), reading through the copy that
 //               decodes when the scan fails
+//   flag bit 6  also privinspect's dump as a JSON document, into memory: it
+//               must parse, with an exit_status of 0 to 3 (else abort)
 // Sparse image: length (4 bytes big-endian, cut to PIPELINE_MAX_IMAGE), fill
 // byte, then chunks until the input ends: offset (4 bytes big-endian), count
 // (2 bytes big-endian), count bytes; a chunk is cut at the image's end.
@@ -52,12 +54,14 @@ inline constexpr std::uint8_t PIPE_LOGS = 0x4;
 inline constexpr std::uint8_t PIPE_FIXSUMS = 0x8;
 inline constexpr std::uint8_t PIPE_SCAN = 0x10;
 inline constexpr std::uint8_t PIPE_CHECK = 0x20;
+inline constexpr std::uint8_t PIPE_JSON = 0x40;
 
 struct pipeline_input {
   int sector_size = 512;
   bool dump_logs = false;
   bool scan = false;
   bool check = false;
+  bool json = false;
   std::vector<std::uint8_t> image;
 };
 

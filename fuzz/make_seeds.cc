@@ -349,7 +349,8 @@ int main(int argc, char** argv) {
       return 1;
     }
     const auto flags = static_cast<std::uint8_t>(iv.flags | pd::fuzz::PIPE_FIXSUMS | pd::fuzz::PIPE_SCAN |
-                                                pd::fuzz::PIPE_CHECK);
+                                                pd::fuzz::PIPE_CHECK |
+                                                pd::fuzz::PIPE_JSON);
     write_seed("pipeline", iv.name, encode_sparse_input(flags, img, 0));
     if (iv.raw) {
       bytes raw{iv.flags};

@@ -39,6 +39,11 @@ TEST_P(RegressTest, EveryKeptInputEndsCleanly) {
   for (const std::string& f : files) {
     const std::vector<std::uint8_t> data = read_file(f);
     EXPECT_TRUE(fuzz::run_target(GetParam(), data.data(), data.size())) << f;
+    // Each kept image also through privinspect's JSON dump.
+    if (std::string(GetParam()) != "pipeline" || data.empty()) continue;
+    std::vector<std::uint8_t> json = data;
+    json[0] |= fuzz::PIPE_JSON;
+    EXPECT_TRUE(fuzz::run_target("pipeline", json.data(), json.size())) << f << " (json)";
   }
 }
 

@@ -9,10 +9,10 @@ set -euo pipefail
 packages=(
   # the build
   cmake g++ make pkg-config
-  # privinspect's command line
-  libcli11-dev
-  # the tests
-  libgtest-dev libgmock-dev python3
+  # privinspect's command line and its JSON documents
+  libcli11-dev nlohmann-json3-dev
+  # the tests (python3-jsonschema validates the JSON documents)
+  libgtest-dev libgmock-dev python3 python3-jsonschema
   # the fuzz targets and the sanitizer runs (clang, libFuzzer, LeakSanitizer)
   clang libclang-rt-14-dev
   # the Debian package (cpack -G DEB)

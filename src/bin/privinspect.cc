@@ -20,6 +20,7 @@
 #include "base/session.h"
 #include "io/messages.h"
 #include "inspect/inspect.h"
+#include "inspect/json_views.h"
 #include "inspect/output.h"
 
 namespace {
@@ -37,6 +38,7 @@ struct cli_values {
   std::string sector_arg, block_arg, record_arg;
   std::vector<std::string> types;
   std::string rid_arg, name_arg;
+  bool json = false;
 };
 
 void add_image(CLI::App* sub, cli_values& v) {
@@ -54,6 +56,7 @@ struct subcommands {
   CLI::App* scan;
   CLI::App* hexdump;
   CLI::App* records;
+  CLI::App* dump;
 };
 
 subcommands define(CLI::App& app, cli_values& v) {
@@ -111,6 +114,9 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.records->add_option("--rid", v.rid_arg, "record id H.L");
   c.records->add_option("--name", v.name_arg, "record name");
   c.records->add_option("--copy", v.copy_arg, "configuration copy (default: first enabled)");
+
+  c.dump = app.add_subcommand("dump", "everything decoded, in one JSON document");
+  add_image(c.dump, v);
   return c;
 }
 
@@ -170,35 +176,41 @@ bool pair_arg(const char* name, const char* form, const std::string& text, std::
          number_arg(name, text.substr(colon + 1), lo_second, hi_second, second);
 }
 
-int run_hexdump(pd::session& s, const cli_values& v) {
-  pd::hexdump_request r;
+// hexdump's request from its options; false after a message.
+bool hexdump_request_of(const cli_values& v, pd::hexdump_request& r) {
   if (!v.copy_arg.empty() && v.record_arg.empty()) {
-    return usage("hexdump: --copy cannot be used with --sector or --block (--block names its copy)");
+    usage("hexdump: --copy cannot be used with --sector or --block (--block names its copy)");
+    return false;
   }
   if (!v.count_arg.empty() && !v.record_arg.empty()) {
-    return usage("hexdump: --count cannot be used with --record (a record's blocks are all dumped)");
+    usage("hexdump: --count cannot be used with --record (a record's blocks are all dumped)");
+    return false;
   }
   std::uint64_t n = 0, m = 0;
   if (!v.count_arg.empty()) {
-    if (!number_arg("--count", v.count_arg, 1, max_count, n)) return pd::INSPECT_USAGE_IO;
+    if (!number_arg("--count", v.count_arg, 1, max_count, n)) return false;
     r.count = static_cast<std::size_t>(n);
   }
   if (!v.sector_arg.empty()) {
     r.what = pd::hexdump_what::sector;
-    if (!number_arg("--sector", v.sector_arg, 0, UINT64_MAX, n)) return pd::INSPECT_USAGE_IO;
+    if (!number_arg("--sector", v.sector_arg, 0, UINT64_MAX, n)) return false;
     r.sector = n;
   } else if (!v.block_arg.empty()) {
     r.what = pd::hexdump_what::block;
-    if (!pair_arg("--block", "COPY:N", v.block_arg, max_copy, 0, SIZE_MAX, n, m)) {
-      return pd::INSPECT_USAGE_IO;
-    }
+    if (!pair_arg("--block", "COPY:N", v.block_arg, max_copy, 0, SIZE_MAX, n, m)) return false;
     r.copy = static_cast<int>(n);
     r.block = static_cast<std::size_t>(m);
   } else {
     r.what = pd::hexdump_what::record;
     r.ref = v.record_arg;
-    if (!copy_number(v, r.copy)) return pd::INSPECT_USAGE_IO;
+    if (!copy_number(v, r.copy)) return false;
   }
+  return true;
+}
+
+int run_hexdump(pd::session& s, const cli_values& v) {
+  pd::hexdump_request r;
+  if (!hexdump_request_of(v, r)) return pd::INSPECT_USAGE_IO;
   return pd::inspect_hexdump(s, v.target, r);
 }
 
@@ -232,11 +244,35 @@ int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
   return pd::inspect_records(s, v.target, f);
 }
 
+// --json (and dump): the same views as JSON documents (docs/json.md).
+int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
+                  const pd::json_invocation& inv) {
+  const inspect_target& t = v.target;
+  if (c.dump->parsed()) return pd::json_dump(s, inv, t);
+  if (c.headers->parsed()) return pd::json_headers(s, inv, t);
+  if (c.check->parsed()) return pd::json_check(s, inv, t);
+  if (c.scan->parsed()) return pd::json_scan(s, inv, t);
+  if (c.hexdump->parsed()) {
+    pd::hexdump_request r;
+    if (!hexdump_request_of(v, r)) return pd::INSPECT_USAGE_IO;
+    return pd::json_hexdump(s, inv, t, r);
+  }
+  int copy = -1;
+  if (!copy_number(v, copy)) return pd::INSPECT_USAGE_IO;
+  if (c.logs->parsed()) return pd::json_logs(s, inv, t, copy);
+  if (c.config->parsed()) return pd::json_config(s, inv, t, copy);
+  pd::records_filter f;
+  if (!pd::records_parse(s, v.types, v.rid_arg, v.name_arg, f)) return pd::INSPECT_USAGE_IO;
+  f.copy = copy;
+  return pd::json_records(s, inv, t, f);
+}
+
 // The parsed command line's leftovers: an unknown subcommand or argument.
 int check_leftovers(const CLI::App& app, const subcommands& c) {
   std::vector<std::string> left = app.remaining(true);
   const CLI::App* chosen = nullptr;
-  for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records}) {
+  for (const CLI::App* sub :
+       {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records, c.dump}) {
     if (sub->parsed()) chosen = sub;
   }
   if (chosen == nullptr) {
@@ -276,6 +312,7 @@ int main(int argc, char** argv) {
   cli_values v;
   app.add_option("--sector-size", v.target.sector_size, "bytes per sector: 512 (default) or 4096")
       ->check(CLI::IsMember({512, 4096}));
+  app.add_flag("--json", v.json, "write the view as one JSON document (docs/json.md)");
   app.set_version_flag("--version", "privinspect " PD_VERSION, "print the version and exit");
   app.add_option("--header", v.header_arg,
                  "header copy to read through: auto (default: the scan's choice, else the copy "
@@ -300,7 +337,9 @@ int main(int argc, char** argv) {
   pd::volsetlabel(s, "qztool:priv");
   int status;
   try {
-    status = dispatch(s, c, v);
+    status = v.json || c.dump->parsed()
+                 ? dispatch_json(s, c, v, {std::vector<std::string>(argv, argv + argc), PD_VERSION})
+                 : dispatch(s, c, v);
   } catch (const pd::fatal_exit& e) {
     status = e.status;
   }

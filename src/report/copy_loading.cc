@@ -474,6 +474,15 @@ int priv_dump_config(session& s, priv_info* priv, int copy, bool print) {
 
   config_report rep(s);
   rep.print_report = print;
+  return priv_load_config(s, priv, cp, rep);
+}
+
+int priv_load_config(session& s, priv_info* priv, copy_info* cp, config_report& rep) {
+  std::uint8_t* buf = get_aligned_buf(s, CONFIG_BUFSIZE);
+  if (buf == nullptr) {
+    volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
+    throw fatal_exit{1, fatal_kind::memory};
+  }
   rep.priv = priv;
   rep.copy = cp;
   if (rep.configcopy_setup() != 1) return -2;

@@ -148,6 +148,11 @@ class config_report {
 // With `print` false nothing is printed: the report's findings are raised
 // through the session's sink.
 int priv_dump_config(session& s, priv_info* priv, int copy, bool print = true);
+// The loading and analysis behind priv_dump_config, into `rep` (whose
+// print_report says whether the report is printed): copy `cp` read in runs
+// and fed to the store, then the analysis. 1 after the analysis, -2 when
+// loading failed; the model stays in `rep` for the caller.
+int priv_load_config(session& s, priv_info* priv, copy_info* cp, config_report& rep);
 
 // Reads up to `nblks` 512-byte blocks of copy `cp` from copy block `blkno`
 // into `buf`; `*nread` receives the blocks read (0 at the end of the copy).

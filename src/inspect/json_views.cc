@@ -1,0 +1,1245 @@
+// privinspect --json: the views as documents (json_views.h).
+//
+// Each run works on an inner session whose output goes nowhere and whose
+// error stream is kept in memory, with a collecting finding sink: the
+// library decodes as it does for the text views, the findings it raises
+// become the document's findings[], and its messages become messages[]
+// (and the stop's reason when they ended the run); at the end they are
+// copied to the real error stream, where they always went.
+#include "inspect/json_views.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "base/errors.h"
+#include "codec/text_forms.h"
+#include "config_db/block_store.h"
+#include "config_db/record_layouts.h"
+#include "config_db/records.h"
+#include "inspect/inspect_load.h"
+#include "inspect/inspect_places.h"
+#include "inspect/inspect_region.h"
+#include "io/io_buffers.h"
+#include "io/messages.h"
+#include "private_region/header.h"
+#include "private_region/log_block.h"
+#include "private_region/toc.h"
+#include "report/copy_loading.h"
+#include "report/log_dump.h"
+#include "report/overview_index.h"
+#include "report/tag_printer.h"
+
+namespace pd {
+
+namespace {
+
+constexpr std::size_t BUFSIZE = 0x200000;  // the shared aligned buffer
+constexpr std::size_t COPY_BLK = 512;
+constexpr std::size_t RUN_BLOCKS = 128;
+
+// A FILE* whose text stays in memory.
+class mem_file {
+ public:
+  mem_file() : f(open_memstream(&buf_, &len_)) {}
+  ~mem_file() {
+    if (f != nullptr) std::fclose(f);
+    std::free(buf_);
+  }
+  mem_file(const mem_file&) = delete;
+  mem_file& operator=(const mem_file&) = delete;
+  std::string text() {
+    std::fflush(f);
+    return buf_ == nullptr ? std::string() : std::string(buf_, len_);
+  }
+  FILE* f;
+
+ private:
+  char* buf_ = nullptr;
+  std::size_t len_ = 0;
+};
+
+// The messages of an error stream's text, a tab-indented reason joined to
+// its line.
+std::vector<std::string> message_lines(const std::string& err) {
+  std::vector<std::string> lines;
+  std::size_t start = 0;
+  while (start < err.size()) {
+    std::size_t end = err.find('\n', start);
+    if (end == std::string::npos) end = err.size();
+    const std::string line = err.substr(start, end - start);
+    if (!line.empty() && line[0] == '\t' && !lines.empty()) {
+      lines.back() += " " + line.substr(1);
+    } else if (!line.empty()) {
+      lines.push_back(line);
+    }
+    start = end + 1;
+  }
+  return lines;
+}
+
+// One document and the run behind it.
+class json_run {
+ public:
+  json_run(FILE* out, FILE* err, const json_invocation& inv, const char* command)
+      : in(discard_.f, err_mem_.f), w(out), out_(out), err_out_(err) {
+    in.progname = "privinspect";
+    volsetlabel(in, "qztool:priv");
+    in.sink = &found;
+    w.open_object();
+    ojson schema = ojson::object();
+    schema["name"] = JSON_SCHEMA_NAME;
+    schema["version"] = {JSON_SCHEMA_MAJOR, JSON_SCHEMA_MINOR};
+    w.member("schema", schema);
+    ojson tool = ojson::object();
+    tool["name"] = "privinspect";
+    tool["version"] = inv.tool_version;
+    w.member("tool", tool);
+    ojson argv = ojson::array();
+    for (const std::string& a : inv.argv) argv.push_back(json_text(a));
+    w.member("argv", argv);
+    w.member("command", command);
+  }
+  json_run(const json_run&) = delete;
+  json_run& operator=(const json_run&) = delete;
+
+  // Opens the image and writes "image"; stops the run when it cannot.
+  bool open(inspect_image& img, const inspect_target& t) {
+    const bool ok = img.open(t);
+    ojson image = ojson::object();
+    image["path"] = json_text(t.image);
+    image["size"] = ok ? img.file_size() : 0;
+    image["sector_size"] = t.sector_size;
+    w.member("image", image);
+    if (!ok) stop("open");
+    return ok;
+  }
+
+  // Scans and joins as privdiag does, with its messages; stops on failure.
+  bool locate(inspect_image& img) {
+    stage("scan");
+    int res = img.scan();
+    if (res != 0) {
+      volpfmt(in, in.err, 1, ":1735:scan operation failed:\n\t%s\n", vol_strerror(res));
+      stop("scan");
+      return false;
+    }
+    stage("join");
+    res = img.join();
+    if (res != 0) {
+      volpfmt(in, in.err, 1, ":1650:join operation failed:\n\t%s\n", vol_strerror(res));
+      stop("join");
+      return false;
+    }
+    return true;
+  }
+
+  void stage(const char* name) {
+    stage_ = name;
+    mark_ = message_lines(err_mem_.text()).size();
+  }
+
+  // Ends the run at `where`: the reason given, or else the last message of
+  // the stage.
+  void stop(const char* where, const std::string& reason = {}) {
+    if (stopped_) return;
+    stopped_ = true;
+    stop_stage_ = where;
+    stop_reason_ = reason;
+    if (stop_reason_.empty()) {
+      const std::vector<std::string> m = message_lines(err_mem_.text());
+      stop_reason_ = m.size() > mark_ ? m.back() : "stopped";
+    }
+  }
+  void stop_here(const std::string& reason = {}) { stop(stage_.c_str(), reason); }
+  bool stopped() const { return stopped_; }
+
+  // The findings, messages, stop, status; the messages go to the error
+  // stream. Returns `status`.
+  int finish(int status) {
+    w.close_to(1);
+    w.open_array("findings");
+    for (const finding& f : found.list) w.element(json_finding(f));
+    w.close();
+    const std::string err_text = err_mem_.text();
+    w.open_array("messages");
+    for (const std::string& m : message_lines(err_text)) w.element(json_text(m));
+    w.close();
+    if (stopped_) {
+      ojson stop = ojson::object();
+      stop["stage"] = stop_stage_;
+      stop["reason"] = json_text(stop_reason_);
+      w.member("stop", stop);
+    }
+    w.member("exit_status", status);
+    w.member("analysis_complete", !stopped_);
+    w.close_to(0);
+    std::fflush(out_);
+    std::fputs(err_text.c_str(), err_out_);
+    std::fflush(err_out_);
+    return status;
+  }
+
+ private:
+  mem_file discard_, err_mem_;
+
+ public:
+  session in;
+  finding_collector found;
+  json_writer w;
+
+ private:
+  FILE* out_;
+  FILE* err_out_;
+  std::string stage_ = "open";
+  std::size_t mark_ = 0;
+  bool stopped_ = false;
+  std::string stop_stage_, stop_reason_;
+};
+
+// --- headers -----------------------------------------------------------------
+
+struct header_copy {
+  const char* name = "";
+  voff_t sector = 0;
+  std::size_t nread = 0;
+  std::uint8_t buf[PRIV_HEADER_SIZE] = {};
+  bool magic_ok = false;
+  std::uint32_t stored = 0, computed = 0;
+  int res = -1, lenient = -1;
+  bool has_fields = false;
+  priv_header_info hdr;
+};
+
+bool body_decoded(int res) { return res == 0 || res == VE_PRIV_FORMAT || res == VE_PRIV_INVALID; }
+
+void read_header_copy(inspect_image& img, header_copy& c) {
+  if (c.sector < 0) return;
+  c.nread = img.read_at(static_cast<std::uint64_t>(c.sector) * img.sector_size(), c.buf,
+                        PRIV_HEADER_SIZE);
+  if (c.nread < PRIV_HEADER_SIZE) return;
+  c.magic_ok = std::memcmp(c.buf, header_magic, PRIV_MAGIC_LEN) == 0;
+  c.stored = priv_header_stored_checksum(c.buf);
+  c.computed = static_cast<std::uint32_t>(priv_header_checksum(c.buf));
+  c.res = priv_unformat_header(&c.hdr, c.buf);
+  if (c.magic_ok && c.stored == c.computed) {
+    c.has_fields = body_decoded(c.res);
+    return;
+  }
+  std::uint8_t fixed[PRIV_HEADER_SIZE];
+  std::memcpy(fixed, c.buf, PRIV_HEADER_SIZE);
+  priv_header_seal(fixed);
+  c.hdr = priv_header_info{};
+  c.lenient = priv_unformat_header(&c.hdr, fixed);
+  c.has_fields = body_decoded(c.lenient);
+}
+
+ojson decode_json(int res) {
+  ojson d = ojson::object();
+  d["status"] = res;
+  d["text"] = res == 0 ? "ok" : vol_strerror(res);
+  return d;
+}
+
+template <std::size_t N>
+void put_name(ojson& o, const char* key, const char (&member)[N]) {
+  o[key] = json_text(member, N);
+  o[std::string(key) + "_hex"] = json_cstr_bytes(member, N);
+}
+
+ojson header_fields_json(const priv_header_info& h) {
+  ojson o = ojson::object();
+  o["version_major"] = h.phi_version_major;
+  o["version_minor"] = h.phi_version_minor;
+  o["update_time"] = h.phi_update_time;
+  o["update_seqno"] = json_seqno(h.phi_update_seqno);
+  o["primary_header"] = h.phi_primary_header;
+  o["alt_header"] = h.phi_alt_header;
+  put_name(o, "diskid", h.phi_diskid);
+  put_name(o, "hostid", h.phi_hostid);
+  put_name(o, "dgid", h.phi_dgid);
+  put_name(o, "dg_name", h.phi_dg_name);
+  o["atomic_iosize"] = h.phi_atomic_iosize;
+  o["flags"] = json_hex(h.phi_flags, 8);
+  o["flag_names"] = json_bit_names(h.phi_flags, {{PHI_SHARED, "shared"},
+                                                 {PHI_NOAUTOIMPORT, "noautoimport"},
+                                                 {PHI_USE_BACKUP, "use_backup"},
+                                                 {PHI_ENCAP_PENDING, "encap_pending"}});
+  o["pub_id"] = h.phi_pub_id;
+  o["priv_id"] = h.phi_priv_id;
+  o["pub_offset"] = h.phi_pub_offset;
+  o["pub_len"] = h.phi_pub_len;
+  o["priv_offset"] = h.phi_priv_offset;
+  o["priv_len"] = h.phi_priv_len;
+  o["first_toc"] = h.phi_first_toc;
+  o["first_alt_toc"] = h.phi_first_alt_toc;
+  o["nconfig"] = h.phi_nconfig;
+  o["nlogs"] = h.phi_nlogs;
+  o["config_len"] = h.phi_config_len;
+  o["log_len"] = h.phi_log_len;
+  put_name(o, "move_dgid", h.phi_move_dgid);
+  o["nt_boot_disk_sig"] = h.phi_nt_boot_disk_sig;
+  o["nt_backup_header"] = h.phi_nt_backup_header;
+  o["nt_diskset_id"] = json_guid(h.phi_nt_diskset_id);
+  o["nt_new_diskset_id"] = json_guid(h.phi_nt_new_diskset_id);
+  o["nt_disk_is_nec98"] = h.phi_nt_disk_is_nec98;
+  o["lockrgn_offset"] = h.phi_lockrgn_offset;
+  o["lockrgn_len"] = h.phi_lockrgn_len;
+  o["sctr_shift"] = h.phi_sctr_shift;
+  o["chunk_shift"] = h.phi_chunk_shift;
+  o["chunk_size"] = h.phi_chunk_size;
+  o["ssbactual_id"] = json_seqno(h.phi_ssbactual_id);
+  return o;
+}
+
+ojson header_copy_json(const header_copy& c, std::uint64_t ss) {
+  ojson o = ojson::object();
+  o["sector"] = c.sector;
+  if (c.sector >= 0) o["offset"] = static_cast<std::uint64_t>(c.sector) * ss;
+  o["bytes_read"] = c.nread;
+  o["read"] = c.nread == PRIV_HEADER_SIZE;
+  if (c.nread < PRIV_HEADER_SIZE) return o;
+  const std::string_view magic(reinterpret_cast<const char*>(c.buf), PRIV_MAGIC_LEN);
+  o["magic"] = json_text(magic);
+  o["magic_hex"] = json_hex_bytes(magic);
+  o["magic_ok"] = c.magic_ok;
+  ojson sum = ojson::object();
+  sum["stored"] = json_hex(c.stored, 8);
+  sum["computed"] = json_hex(c.computed, 8);
+  sum["ok"] = c.stored == c.computed;
+  o["checksum"] = sum;
+  o["decode"] = decode_json(c.res);
+  if (c.lenient >= 0) o["decode_set_aside"] = decode_json(c.lenient);
+  if (c.has_fields) {
+    o["fields_from"] = c.res == 0 || c.lenient < 0 ? "stored" : "magic and checksum set aside";
+    o["fields"] = header_fields_json(c.hdr);
+  }
+  return o;
+}
+
+// "headers": both copies, the scan's choice and why. The header findings
+// join the run's. Returns whether the scan ran.
+bool write_headers(json_run& run, inspect_image& img) {
+  run.stage("headers");
+  header_copy p, a;
+  p.name = "primary";
+  p.sector = img.attrs().dka_primary_header;
+  a.name = "alternate";
+  a.sector = img.attrs().dka_alternate_header;
+  read_header_copy(img, p);
+  read_header_copy(img, a);
+  std::vector<finding> hf = header_findings(img);
+  std::string why;
+  for (finding& f : hf) {
+    if (f.code == finding_code::header_choice) why = f.text;
+    run.found.list.push_back(std::move(f));
+  }
+  const bool scanned = p.sector >= 0 && a.sector >= 0;
+  run.w.open_object("headers");
+  const std::uint64_t ss = static_cast<std::uint64_t>(img.sector_size());
+  run.w.member("primary", header_copy_json(p, ss));
+  run.w.member("alternate", header_copy_json(a, ss));
+  ojson scan = ojson::object();
+  scan["run"] = scanned;
+  int res = scanned ? img.scan() : VE_PRIV_FORMAT;
+  scan["status"] = scanned ? res : 0;
+  const unsigned long fl = img.priv()->pri_flags;
+  scan["chosen"] = !scanned || res != 0 ? "none" : (fl & PRI_USED_ALT) != 0 ? "alternate" : "primary";
+  scan["why"] = scanned ? json_text(why)
+                        : std::string("the image is too short to hold both header positions");
+  run.w.member("scan", scan);
+  run.w.close();
+  if (!scanned) run.stop("scan", "the image is too short to hold both header positions");
+  return scanned;
+}
+
+// --- TOC ---------------------------------------------------------------------
+
+ojson copies_json(const copy_info* list) {
+  ojson out = ojson::array();
+  for (const copy_info* cp = list; cp != nullptr; cp = cp->ci_next) {
+    ojson c = ojson::object();
+    c["copy"] = cp->ci_copy;
+    const bool disabled = cp->ci_npart > 0 && cp->ci_parts[0] != nullptr &&
+                          (cp->ci_parts[0]->tei_region.dkr_flags & DKR_DISABLED) != 0;
+    c["enabled"] = !disabled;
+    ojson parts = ojson::array();
+    for (int i = 0; i < cp->ci_npart; ++i) {
+      if (cp->ci_parts[i] == nullptr) continue;
+      ojson part = ojson::object();
+      part["offset"] = cp->ci_parts[i]->tei_region.dkr_offset;
+      part["len"] = cp->ci_parts[i]->tei_region.dkr_len;
+      parts.push_back(std::move(part));
+    }
+    c["parts"] = std::move(parts);
+    out.push_back(std::move(c));
+  }
+  return out;
+}
+
+void write_toc(json_run& run, const priv_info* priv) {
+  run.w.open_object("toc");
+  run.w.member("blocks", priv->pri_toc_copy_len);
+  ojson sectors = ojson::array();
+  for (std::size_t i = 0; i < priv->pri_toc_len; ++i) {
+    ojson s = ojson::object();
+    s["sector"] = priv->pri_toc_sectors[i];
+    s["alt_sector"] = priv->pri_alt_toc_sectors[i];
+    sectors.push_back(std::move(s));
+  }
+  run.w.member("block_sectors", sectors);
+  run.w.open_array("regions");
+  for (const toc_entry_info* e = priv->pri_toc_entries; e != nullptr; e = e->tei_next) {
+    const disk_region& r = e->tei_region;
+    ojson o = ojson::object();
+    o["type"] = json_text(r.dkr_type, sizeof r.dkr_type);
+    o["flags"] = json_hex(r.dkr_flags, 4);
+    o["flag_names"] = json_bit_names(r.dkr_flags, {{DKR_PUBLIC, "public"},
+                                                   {DKR_NEW, "new"},
+                                                   {DKR_DELETE, "delete"},
+                                                   {DKR_DISABLED, "disabled"}});
+    o["offset"] = r.dkr_offset;
+    o["len"] = r.dkr_len;
+    o["info_size"] = r.dkr_info_size;
+    o["info_hex"] = r.dkr_info == nullptr ? std::string()
+                                          : json_hex_bytes(std::string_view(
+                                                reinterpret_cast<const char*>(r.dkr_info),
+                                                r.dkr_info_size));
+    if (std::strcmp(r.dkr_type, "config") == 0 || std::strcmp(r.dkr_type, "log") == 0) {
+      copy_region_entry cr;
+      (void)priv_unpack_copy_entry(&cr, e);
+      ojson c = ojson::object();
+      c["number"] = cr.cr_number;
+      c["offset"] = cr.cr_offset;
+      o["copy"] = std::move(c);
+    } else if (std::strcmp(r.dkr_type, "tagid") == 0) {
+      tagid_region_entry tag;
+      (void)priv_unpack_tagid_entry(&tag, e);
+      ojson t = ojson::object();
+      t["name"] = json_text(tag.dktagid_name, sizeof tag.dktagid_name);
+      t["value"] = json_text(tag.dktagid_value, sizeof tag.dktagid_value);
+      t["source"] = json_text(tag.dktagid_source, sizeof tag.dktagid_source);
+      t["flags"] = json_hex(tag.dktagid_flags, 4);
+      o["tagid"] = std::move(t);
+    }
+    run.w.element(o);
+  }
+  run.w.close();
+  run.w.member("config_copies", copies_json(priv->pri_config_copies));
+  run.w.member("log_copies", copies_json(priv->pri_log_copies));
+  run.w.close();
+}
+
+// --- logs --------------------------------------------------------------------
+
+struct klog_form {
+  std::uint8_t type;
+  const char* name;
+  bool rid, tid, recover;  // words 0-1 rid, then tid (words 2-3, or 0-1 alone), word 4
+};
+constexpr klog_form klog_forms[] = {
+    {VOL_KLOG_DETACH, "DETACH", true, true, false},
+    {VOL_KLOG_DIRTY, "DIRTY", true, false, false},
+    {VOL_KLOG_COMMIT, "COMMIT", false, true, false},
+    {VOL_KLOG_LOGDETACH, "LOGDETACH", true, false, false},
+    {VOL_KLOG_APP_DIRTY, "APP_DIRTY", true, true, true},
+    {VOL_KLOG_DG_CHANGE_LOG, "DG_CHANGE_LOG", false, true, false},
+    {VOL_KLOG_DIRTY_SEQNO, "DIRTY_SEQNO", true, false, false},
+    {VOL_KLOG_CACHE_SEQNO, "CACHE_SEQNO", true, false, false},
+};
+
+ojson klog_entry_json(const klog_entry_info& e, int slot) {
+  ojson o = ojson::object();
+  o["slot"] = slot;
+  o["type"] = e.kle_type;
+  const klog_form* form = nullptr;
+  for (const klog_form& f : klog_forms) {
+    if (f.type == e.kle_type) form = &f;
+  }
+  o["name"] = form != nullptr ? form->name : "INVALID";
+  if (form != nullptr) {
+    if (form->rid) o["rid"] = json_seqno(klog_entry_seqno(e, 0));
+    if (form->tid) o["tid"] = json_seqno(klog_entry_seqno(e, form->rid ? 2 : 0));
+    if (form->recover) o["recover_seqno"] = static_cast<std::int32_t>(e.kle_words[4]);
+  }
+  ojson words = ojson::array();
+  for (std::uint32_t w : e.kle_words) words.push_back(w);
+  o["words"] = std::move(words);
+  return o;
+}
+
+// One log copy: its blocks as the log dump reads and validates them.
+ojson log_copy_json(json_run& run, priv_info* priv, copy_info* cp, bool read) {
+  session& s = run.in;
+  ojson c = ojson::object();
+  c["copy"] = cp->ci_copy;
+  const bool disabled = cp->ci_npart > 0 && cp->ci_parts != nullptr && cp->ci_parts[0] != nullptr &&
+                        (cp->ci_parts[0]->tei_region.dkr_flags & DKR_DISABLED) != 0;
+  c["enabled"] = !disabled;
+  ojson blocks = ojson::array();
+  std::size_t nread = 0;
+  std::uint8_t* buf = get_aligned_buf(s, BUFSIZE);
+  if (read && buf != nullptr && priv_read_copy(s, priv, cp, buf, 0, KLOG_READ_BLOCKS, &nread) != 0) {
+    volpfmt(s, s.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
+    nread = 0;
+    read = false;
+  }
+  c["read"] = read && buf != nullptr;
+  for (std::size_t blk = 0; blk < nread; ++blk) {
+    const std::uint8_t* bp = buf + blk * KLOG_BLKSIZE;
+    klog_block_info h{};
+    klog_block_decode(bp, bp + KLOG_BLKSIZE, &h);
+    const bool valid = h.klb_magic_ok && h.klb_blkno == blk;
+    ojson b = ojson::object();
+    b["block"] = blk;
+    b["valid"] = valid;
+    b["magic_ok"] = h.klb_magic_ok;
+    b["stored_block"] = h.klb_blkno;
+    b["tid"] = json_seqno(h.klb_tid);
+    b["seqno"] = h.klb_seqno;
+    b["len"] = h.klb_loglen;
+    ojson entries = ojson::array();
+    if (!valid) {
+      finding f;
+      f.code = finding_code::log_block_invalid;
+      f.text = volsfmt(s, 1, ":721:Log block %d: Log block invalid", static_cast<int>(blk));
+      f.place.block = static_cast<std::int64_t>(blk * (KLOG_BLKSIZE / 512));
+      place_in_copy_block(priv, cp, f.place);
+      f.place.structure = "log copy";
+      f.expected = std::to_string(blk);
+      f.actual = std::to_string(h.klb_blkno);
+      run.found.list.push_back(std::move(f));
+    } else {
+      if (blk == 0 && h.klb_loglen < nread) nread = h.klb_loglen;
+      for (int n = 0; n < KLOG_NENTRIES; ++n) {
+        const std::uint8_t* ep = bp + klog_entry_offset(n);
+        if (klog_entry_type(ep) == MIN_KLOG_TYPE_ENT) continue;
+        klog_entry_info e;
+        if (klog_entry_decode(ep, bp + KLOG_BLKSIZE, &e) == nullptr) continue;
+        entries.push_back(klog_entry_json(e, n));
+      }
+    }
+    b["entries"] = std::move(entries);
+    blocks.push_back(std::move(b));
+  }
+  c["blocks"] = std::move(blocks);
+  return c;
+}
+
+// "logs": copy `copy`, or every copy (a disabled one listed, not read).
+// False (after the message the log dump gives) when no copy matched.
+bool write_logs(json_run& run, priv_info* priv, int copy, bool say_none = true) {
+  run.stage("logs");
+  run.w.open_array("logs");
+  bool found = false;
+  for (copy_info* cp = priv->pri_log_copies; cp != nullptr; cp = cp->ci_next) {
+    if (copy >= 0 && cp->ci_copy != copy) continue;
+    found = true;
+    const bool disabled = cp->ci_npart > 0 && cp->ci_parts != nullptr && cp->ci_parts[0] != nullptr &&
+                          (cp->ci_parts[0]->tei_region.dkr_flags & DKR_DISABLED) != 0;
+    run.w.element(log_copy_json(run, priv, cp, copy >= 0 || !disabled));
+  }
+  run.w.close();
+  if (!found && say_none) {
+    if (copy >= 0) {
+      volpfmt(run.in, run.in.err, 1, ":567:Disk does not have log copy %d\n", copy);
+    } else {
+      volpfmt(run.in, run.in.err, 1, ":596:Disk has no log copies\n");
+    }
+  }
+  return found;
+}
+
+// --- records -----------------------------------------------------------------
+
+// A decoded field of a record kind: its (first) tag name and table entry.
+struct json_field {
+  std::string name;
+  const voltagdesc* d;
+};
+
+std::span<const voltagdesc> tag_table(int type) {
+  switch (type) {
+    case REC_TYPE_VOL: return vtagdesc();
+    case REC_TYPE_PLEX: return ptagdesc();
+    case REC_TYPE_SD: return stagdesc();
+    case REC_TYPE_DM: return mtagdesc();
+    case REC_TYPE_DG: return gtagdesc();
+    case REC_TYPE_DA: return atagdesc();
+    case REC_TYPE_DCO: return dcotagdesc();
+    case REC_TYPE_SNAP: return snaptagdesc();
+    default: return {};
+  }
+}
+
+// The fields of each kind, each tag once under its first name; entries
+// without a member (lists, pseudo-fields) are left out.
+const std::vector<json_field>& fields_of(int type) {
+  static const auto all = [] {
+    std::vector<std::vector<json_field>> v(16);
+    for (int t = 0; t < 16; ++t) {
+      std::vector<int> seen;
+      for (const voltagdesc& d : tag_table(t)) {
+        if (d.type == TAG_NOOP || d.width == 0) continue;
+        bool dup = false;
+        for (int tag : seen) dup = dup || tag == d.tag;
+        if (dup) continue;
+        seen.push_back(d.tag);
+        v[t].push_back({d.name, &d});
+      }
+    }
+    return v;
+  }();
+  return all[type & 15];
+}
+
+const std::uint8_t* member_at(const void* rec, const voltagdesc& d) {
+  return static_cast<const std::uint8_t*>(rec) + d.offs;
+}
+
+std::uint64_t member_unsigned(const void* rec, const voltagdesc& d) {
+  std::uint64_t v = 0;
+  std::memcpy(&v, member_at(rec, d), d.width < 8 ? d.width : 8);  // little-endian host
+  return v;
+}
+
+std::int64_t member_signed(const void* rec, const voltagdesc& d) {
+  const std::uint64_t v = member_unsigned(rec, d);
+  if (d.width >= 8) return static_cast<std::int64_t>(v);
+  const unsigned shift = static_cast<unsigned>(64 - 8 * d.width);
+  return static_cast<std::int64_t>(v << shift) >> shift;
+}
+
+ojson member_integer(const void* rec, const voltagdesc& d) {
+  if (d.is_signed) return member_signed(rec, d);
+  return member_unsigned(rec, d);
+}
+
+// One decoded field in its one JSON type (docs/json.md lists them).
+ojson field_json(tag_printer& tp, const void* rec, const voltagdesc& d) {
+  switch (d.type) {
+    case TAG_NAME:
+    case TAG_COMMNT: {
+      const char* p = reinterpret_cast<const char*>(member_at(rec, d));
+      std::size_t skipped = 0;
+      while (static_cast<long>(skipped) < d.info && p[skipped] == '\0') ++skipped;
+      return json_text(p + skipped, d.width - skipped);
+    }
+    case TAG_PREF:
+    case TAG_UUID:
+      return json_text(reinterpret_cast<const char*>(member_at(rec, d)), d.width);
+    case TAG_SEQNO:
+    case TAG_RID: {
+      volseqno_t v;
+      std::memcpy(&v, member_at(rec, d), sizeof v);
+      return json_seqno(v);
+    }
+    case TAG_GUID:
+    case TAG_NT_GUID: {
+      voldguid_t g;
+      std::memcpy(&g, member_at(rec, d), sizeof g);
+      return json_guid(g);
+    }
+    case TAG_VKSTATE:
+    case TAG_EXCEPT:
+    case TAG_PKSTATE:
+    case TAG_LAYOUT:
+    case TAG_PIOMODE:
+    case TAG_LOG_TYPE:
+      return json_text(tp.field_sprint(rec, d));
+    case TAG_DEV: {  // the report's text, without printf
+      const std::uint64_t dev = member_unsigned(rec, d);
+      if (dev == ~std::uint64_t{0}) return "VOLNODEV";
+      const std::string n = std::to_string(dev);
+      return n + "/" + n;
+    }
+    case TAG_MODE: {  // octal, with a leading 0
+      std::uint64_t v = member_unsigned(rec, d);
+      std::string out;
+      do {
+        out.insert(out.begin(), static_cast<char>('0' + (v & 7)));
+        v >>= 3;
+      } while (v != 0);
+      return "0" + out;
+    }
+    case TAG_R_POL:
+      return tp.getetag(rpols(), static_cast<int>(member_signed(rec, d)));
+    default:  // numbers: lengths, offsets, counts, ids, versions, modes
+      return member_integer(rec, d);
+  }
+}
+
+ojson record_json(tag_printer& tp, const dbase* db, const db_record* r) {
+  ojson o = ojson::object();
+  auto& m = o.get_ref<ojson::object_t&>();
+  // Reserved: growing a vector of pairs with const keys copies every member.
+  m.reserve(14);
+  const record* rec = record_of(r);
+  m.emplace_back("ref", r->dbr_ref);
+  m.emplace_back("type", static_cast<int>(r->dbr_type & 15));
+  m.emplace_back("type_name", json_record_type_name(static_cast<int>(r->dbr_type & 15)));
+  m.emplace_back("type_word", json_hex(r->dbr_type, 8));
+  m.emplace_back("flags", json_hex(r->dbr_flag, 4));
+  m.emplace_back("gen_flags", json_hex(r->dbr_gen_flag, 4));
+  m.emplace_back("size", r->dbr_size);
+  ojson blocks = ojson::array();
+  std::size_t steps = 0;
+  for (std::size_t b = r->dbr_first_blkno; b < db->ddb_nblocks && steps < db->ddb_nblocks;
+       b = ddb_block(db, b).dbb_next_blkno, ++steps) {
+    blocks.push_back(b);
+  }
+  m.emplace_back("blocks", std::move(blocks));
+  m.emplace_back("decoded", rec != nullptr);
+  if (rec == nullptr) return o;
+  m.emplace_back("rid", json_seqno(rec->rid));
+  m.emplace_back("name", json_text(rec->name, sizeof rec->name));
+  m.emplace_back("name_hex", json_cstr_bytes(rec->name, sizeof rec->name));
+  ojson fields = ojson::object();
+  ojson set_flags = ojson::array();
+  if (rec->u != nullptr) {
+    auto& fm = fields.get_ref<ojson::object_t&>();
+    fm.reserve(fields_of(rec->type).size());
+    for (const json_field& f : fields_of(rec->type)) {
+      if (f.d->type != TAG_FLAG) {
+        fm.emplace_back(f.name, field_json(tp, rec->u, *f.d));
+      } else if ((member_unsigned(rec->u, *f.d) & static_cast<unsigned long>(f.d->info)) != 0) {
+        set_flags.push_back(f.name);
+      }
+    }
+  }
+  m.emplace_back("fields", std::move(fields));
+  m.emplace_back("set_flags", std::move(set_flags));
+  return o;
+}
+
+ojson summary_json(volseqno_t tid, const vol_summary& c) {
+  ojson o = ojson::object();
+  o["tid"] = json_seqno(tid);
+  o["nvol"] = c.vs_v_cnt;
+  o["nplex"] = c.vs_pl_cnt;
+  o["nsd"] = c.vs_sd_cnt;
+  o["ndm"] = c.vs_dm_cnt;
+  o["nda"] = c.vs_da_cnt;
+  return o;
+}
+
+const char* commit_state_name(unsigned state) {
+  switch (state) {
+    case VDBI_CLEAN: return "CLEAN";
+    case VDBI_CHANGE: return "CHANGE";
+    case VDBI_COMMIT: return "COMMIT";
+    case VDBI_ABORT: return "ABORT";
+    case VDBI_NEW: return "NEW";
+    case VDBI_STALE: return "STALE";
+    case VDBI_OFFLINE: return "OFFLINE";
+    default: return "[BAD-STATE]";
+  }
+}
+
+ojson count_json(unsigned long claimed, int left) {
+  ojson o = ojson::object();
+  o["header"] = claimed;
+  o["found"] = static_cast<unsigned>(wrapping_sub(static_cast<int>(claimed), left));
+  return o;
+}
+
+bool copy_enabled(const copy_info* cp) {
+  return !(cp->ci_npart > 0 && cp->ci_parts[0] != nullptr &&
+           (cp->ci_parts[0]->tei_region.dkr_flags & DKR_DISABLED) != 0);
+}
+
+// "config": configuration copy `copy` (the first enabled one when
+// negative), loaded and analysed as privdiag does, then written record by
+// record. False when the run stopped.
+bool write_config(json_run& run, inspect_image& img, int copy) {
+  run.stage("config");
+  copy_info* cp = inspect_select_config_copy(run.in, img.priv(), copy);
+  if (cp == nullptr) {
+    run.stop_here();
+    return false;
+  }
+  config_report rep(run.in);
+  rep.print_report = false;
+  if (priv_load_config(run.in, img.priv(), cp, rep) != 1) {
+    run.stop_here();
+    return false;
+  }
+  const dbase* db = rep.db;
+  const voldb_info& h = rep.hdrinfo;
+  json_writer& w = run.w;
+  w.open_object("config");
+  w.member("copy", cp->ci_copy);
+  w.member("enabled", copy_enabled(cp));
+  ojson d = ojson::object();
+  d["nblocks"] = db->ddb_nblocks;
+  d["blksize"] = db->ddb_blksize;
+  d["hdrsize"] = db->ddb_hdrsize;
+  d["flags"] = json_hex(db->ddb_flag, 4);
+  d["commit_state"] = h.vdbi_commit_state;
+  d["commit_state_name"] = commit_state_name(h.vdbi_commit_state);
+  d["version_major"] = h.vdbi_version_major;
+  d["version_minor"] = h.vdbi_version_minor;
+  d["timestamp"] = h.vdbi_nt_update_time;
+  put_name(d, "dg_name", h.vdbi_dg_name);
+  d["dg_id"] = json_text(h.vdbi_dg_id, sizeof h.vdbi_dg_id);
+  d["config"] = summary_json(h.vdbi_config_tid, h.vdbi_config_sum);
+  d["pending"] = summary_json(h.vdbi_pending_tid, h.vdbi_pending_sum);
+  w.member("database", d);
+  const overview_state& st = rep.view;
+  ojson counts = ojson::object();
+  counts["volumes"] = count_json(h.vdbi_config_sum.vs_v_cnt, st.v_cnt);
+  counts["plexes"] = count_json(h.vdbi_config_sum.vs_pl_cnt, st.pl_cnt);
+  counts["subdisks"] = count_json(h.vdbi_config_sum.vs_sd_cnt, st.sd_cnt);
+  counts["disks"] = count_json(h.vdbi_config_sum.vs_dm_cnt, st.dm_cnt);
+  w.member("counts", counts);
+  w.member("max_tid", json_seqno(st.max_tid));
+  w.open_array("blocks");
+  const std::size_t first = db->ddb_blksize == 0 ? 0 : db->ddb_hdrsize / db->ddb_blksize;
+  for (std::size_t b = ddb_block_next(db, 0); b != DDB_NOBLOCK && b < db->ddb_nblocks;
+       b = ddb_block_next(db, b + 1)) {
+    const db_block& blk = ddb_block(db, b);
+    if (b < first || (blk.dbb_record == nullptr && blk.dbb_flag == 0)) continue;
+    ojson o = ojson::object();
+    auto& m = o.get_ref<ojson::object_t&>();
+    m.reserve(5);
+    m.emplace_back("block", b);
+    m.emplace_back("flag", json_hex(blk.dbb_flag, 4));
+    if (blk.dbb_record != nullptr) {
+      m.emplace_back("ref", blk.dbb_record->dbr_ref);
+      m.emplace_back("offset", blk.dbb_offset);
+      m.emplace_back("frag_size", blk.dbb_frag_size);
+    }
+    w.element(o);
+  }
+  w.close();
+  w.open_array("records");
+  tag_printer tp;
+  for (const db_record* r : details_order(st)) w.element(record_json(tp, db, r));
+  w.close();
+  w.close();
+  return true;
+}
+
+// --- scan --------------------------------------------------------------------
+
+constexpr std::size_t SCAN_RUN = 1 << 20;
+
+ojson checksum_json(std::uint32_t stored, std::uint32_t computed) {
+  ojson o = ojson::object();
+  o["stored"] = json_hex(stored, 8);
+  o["computed"] = json_hex(computed, 8);
+  o["ok"] = stored == computed;
+  return o;
+}
+
+// The structure whose magic starts `p` (`len` bytes, at most a sector), or
+// null.
+ojson scan_hit(const copy_places& places, std::uint64_t sector, std::uint64_t ss,
+               const std::uint8_t* p, std::size_t len) {
+  static const struct {
+    const char* magic;
+    std::size_t len;
+  } magics[] = {{header_magic, PRIV_MAGIC_LEN},   {toc_magic, TOC_MAGIC_LEN},
+                {voldb_magic, VOLDB_MAGIC_LEN},   {ddb_blkhdr_magic, DDB_BLKHDR_MAGIC_LEN},
+                {klog_magic, KLOG_MAGIC_LEN},     {klog_magic_alt, KLOG_MAGIC_LEN}};
+  const char* magic = nullptr;
+  for (const auto& m : magics) {
+    if (len >= m.len && std::memcmp(p, m.magic, m.len) == 0) magic = m.magic;
+  }
+  if (magic == nullptr) return nullptr;
+  ojson o = ojson::object();
+  o["sector"] = sector;
+  o["offset"] = sector * ss;
+  o["magic"] = magic;
+  o["bytes"] = len;
+  ojson d = ojson::object();
+  bool whole = true;
+  std::optional<std::uint32_t> blkno;
+  if (magic[0] == 'P') {
+    whole = len >= PRIV_HEADER_SIZE;
+    if (whole) {
+      d["checksum"] = checksum_json(priv_header_stored_checksum(p),
+                                    static_cast<std::uint32_t>(priv_header_checksum(p)));
+      priv_header_info h;
+      const int res = priv_unformat_header(&h, p);
+      d["decode"] = decode_json(res);
+      if (res == 0) {
+        d["update_seqno"] = json_seqno(h.phi_update_seqno);
+        d["primary_header"] = h.phi_primary_header;
+        d["alt_header"] = h.phi_alt_header;
+      }
+    }
+  } else if (magic[0] == 'T') {
+    toc_block_info b;
+    whole = toc_block_decode(p, p + len, &b) != nullptr;
+    if (whole) {
+      d["checksum"] = checksum_json(b.tbi_checksum, static_cast<std::uint32_t>(priv_toc_checksum(p, len)));
+      d["update_seqno"] = json_seqno(b.tbi_seqno);
+      d["next"] = b.tbi_next;
+      d["alt_next"] = b.tbi_alt_next;
+    }
+  } else if (magic[1] == 'M') {
+    voldb_prefix_info h;
+    whole = voldb_prefix_decode(p, p + len, &h) != nullptr;
+    if (whole) {
+      d["nblocks"] = h.vdp_nblocks;
+      d["blksize"] = h.vdp_blksize;
+      d["hdrsize"] = h.vdp_hdrsize;
+      d["version_major"] = h.vdp_version_major;
+      d["version_minor"] = h.vdp_version_minor;
+      d["commit_state"] = h.vdp_commit_state;
+      blkno = 0;
+    }
+  } else if (magic[0] == 'V') {
+    ddb_blkhdr_info h;
+    whole = ddb_block_header_decode(p, p + len, &h) != nullptr;
+    if (whole) {
+      d["block"] = h.dbh_blkno;
+      d["ref"] = h.dbh_ref;
+      d["frag"] = h.dbh_frag;
+      d["nfrag"] = h.dbh_nfrag;
+      blkno = h.dbh_blkno;
+    }
+  } else {
+    klog_block_info h;
+    whole = klog_block_decode(p, p + len, &h) != nullptr;
+    if (whole) {
+      d["block"] = h.klb_blkno;
+      d["tid"] = json_seqno(h.klb_tid);
+      d["seqno"] = h.klb_seqno;
+      d["len"] = h.klb_loglen;
+      blkno = h.klb_blkno;
+    }
+  }
+  o["truncated"] = !whole;
+  if (whole) o["decoded"] = std::move(d);
+  if (const std::optional<copy_position> at = places.position(sector)) {
+    ojson pl = ojson::object();
+    pl["kind"] = at->kind == copy_kind::config ? "config" : "log";
+    pl["copy"] = at->copy;
+    pl["block"] = at->block;
+    pl["rem"] = at->rem;
+    if (blkno && at->rem == 0) pl["block_agrees"] = at->block == *blkno;
+    o["place"] = std::move(pl);
+  }
+  return o;
+}
+
+// --- hexdump -----------------------------------------------------------------
+
+ojson bytes_unit(const std::uint8_t* p, std::size_t n) {
+  ojson o = ojson::object();
+  o["length"] = n;
+  o["hex"] = json_hex_bytes(std::string_view(reinterpret_cast<const char*>(p), n));
+  return o;
+}
+
+int hexdump_sectors(json_run& run, inspect_image& img, std::uint64_t first, std::size_t count) {
+  const std::size_t ss = static_cast<std::size_t>(img.sector_size());
+  std::vector<std::uint8_t> buf(ss);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::uint64_t sec = first + i;
+    const bool addressable = sec >= first && sec <= UINT64_MAX / ss;
+    const std::size_t n = addressable ? img.read_at(sec * ss, buf.data(), ss) : 0;
+    if (n == 0) {
+      run.stop("hexdump", "sector " + std::to_string(sec) + ": beyond the end of the image");
+      return INSPECT_FINDINGS;
+    }
+    ojson u = bytes_unit(buf.data(), n);
+    u["sector"] = sec;
+    u["offset"] = sec * ss;
+    run.w.element(u);
+    if (n < ss) {
+      run.stop("hexdump", "sector " + std::to_string(sec) + ": only " + std::to_string(n) +
+                              " bytes before the end of the image");
+      return INSPECT_FINDINGS;
+    }
+  }
+  return INSPECT_OK;
+}
+
+int hexdump_blocks(json_run& run, inspect_image& img, int copy, std::size_t first,
+                   std::size_t count) {
+  copy_info* cp = inspect_select_config_copy(run.in, img.priv(), copy);
+  if (cp == nullptr) {
+    run.stop("hexdump");
+    return INSPECT_FINDINGS;
+  }
+  std::uint8_t* buf = get_aligned_buf(run.in, BUFSIZE);
+  std::size_t blk = first;
+  for (std::size_t left = count; left > 0;) {
+    const std::size_t want = left < RUN_BLOCKS ? left : RUN_BLOCKS;
+    std::size_t nread = 0;
+    if (buf == nullptr || priv_read_copy(run.in, img.priv(), cp, buf, blk, want, &nread) != 0) {
+      volpfmt(run.in, run.in.err, 1, ":640:Failed to read log copy %d\n", cp->ci_copy);
+      run.stop("hexdump");
+      return INSPECT_FINDINGS;
+    }
+    for (std::size_t i = 0; i < nread; ++i) {
+      ojson u = bytes_unit(buf + i * COPY_BLK, COPY_BLK);
+      u["copy"] = cp->ci_copy;
+      u["block"] = blk + i;
+      run.w.element(u);
+    }
+    blk += nread;
+    left -= nread;
+    if (nread < want) {
+      run.stop("hexdump", "config copy " + std::to_string(cp->ci_copy) + ": block " +
+                              std::to_string(blk) + " is beyond its end");
+      return INSPECT_FINDINGS;
+    }
+  }
+  return INSPECT_OK;
+}
+
+bool record_matches(const record* r, const std::string& ref) {
+  const char* end = nullptr;
+  const volrid_t rid = strtovolrid(ref.c_str(), &end);
+  if (end != ref.c_str() && *end == '\0') return seqno_equal(rid, r->rid);
+  return ref == r->name;
+}
+
+int hexdump_record(json_run& run, inspect_image& img, int copy, const std::string& ref) {
+  copy_info* cp = inspect_select_config_copy(run.in, img.priv(), copy);
+  if (cp == nullptr) {
+    run.stop("hexdump");
+    return INSPECT_FINDINGS;
+  }
+  loaded_copy lc(run.in);
+  if (!lc.load(img.priv(), cp)) {
+    run.stop("hexdump");
+    return INSPECT_FINDINGS;
+  }
+  const dbase* db = lc.rep.db;
+  const std::size_t blksize = db->ddb_blksize;
+  int matched = 0;
+  for (record* r = lc.rep.rlist; r != nullptr; r = r->next) {
+    if (!record_matches(r, ref)) continue;
+    matched++;
+    std::size_t guard = 0;
+    for (std::size_t b = r->dbrec->dbr_first_blkno;
+         b != DDB_NOBLOCK && b < db->ddb_nblocks && guard < db->ddb_nblocks;
+         b = ddb_block(db, b).dbb_next_blkno, guard++) {
+      const std::size_t byte = b * blksize;
+      const std::size_t firstblk = byte / COPY_BLK;
+      const std::size_t nblks = (byte + blksize + COPY_BLK - 1) / COPY_BLK - firstblk;
+      std::uint8_t* buf = get_aligned_buf(run.in, BUFSIZE);
+      std::size_t nread = 0;
+      ojson u;
+      if (buf == nullptr || nblks > RUN_BLOCKS ||
+          priv_read_copy(run.in, img.priv(), cp, buf, firstblk, nblks, &nread) != 0 ||
+          nread < nblks) {
+        u = bytes_unit(nullptr, 0);
+      } else {
+        u = bytes_unit(buf + (byte - firstblk * COPY_BLK), blksize);
+      }
+      u["copy"] = cp->ci_copy;
+      u["rid"] = json_seqno(r->rid);
+      u["name"] = json_text(r->name, sizeof r->name);
+      u["ref"] = r->dbrec->dbr_ref;
+      u["store_block"] = b;
+      u["copy_offset"] = byte;
+      run.w.element(u);
+    }
+  }
+  if (matched == 0) {
+    run.stop("hexdump", "no record of config copy " + std::to_string(cp->ci_copy) +
+                            " is named or numbered " + ref);
+    return INSPECT_FINDINGS;
+  }
+  return INSPECT_OK;
+}
+
+bool record_passes(const record* r, const records_filter& f) {
+  if (!f.types.empty()) {
+    bool any = false;
+    for (int t : f.types) any = any || t == r->type;
+    if (!any) return false;
+  }
+  if (f.rid && !seqno_equal(*f.rid, r->rid)) return false;
+  if (f.name && *f.name != r->name) return false;
+  return true;
+}
+
+// The status of a run stopped by a fatal condition of the library.
+int fatal_status(const fatal_exit& e) {
+  return e.kind == fatal_kind::unreadable ? INSPECT_USAGE_IO : INSPECT_FINDINGS;
+}
+
+// Runs `body` (status) on a fresh run; a fatal condition stops the run.
+template <class Body>
+int run_document(FILE* out, FILE* err, const json_invocation& inv, const char* command,
+                 const inspect_target& t, Body body) {
+  json_run run(out, err, inv, command);
+  int status;
+  {
+    inspect_image img(run.in);
+    if (!run.open(img, t)) return run.finish(INSPECT_USAGE_IO);
+    try {
+      status = body(run, img);
+    } catch (const fatal_exit& e) {
+      run.stop_here();
+      status = fatal_status(e);
+    }
+  }
+  return run.finish(status);
+}
+
+}  // namespace
+
+int json_dump_to(FILE* out, FILE* err, const json_invocation& inv, const inspect_target& t) {
+  return run_document(out, err, inv, "dump", t, [](json_run& run, inspect_image& img) {
+    if (!write_headers(run, img) || !run.locate(img)) return INSPECT_FINDINGS;
+    write_toc(run, img.priv());
+    write_logs(run, img.priv(), -1, false);
+    if (!write_config(run, img, -1)) return INSPECT_FINDINGS;
+    return run.found.any_problem() ? INSPECT_FINDINGS : INSPECT_OK;
+  });
+}
+
+int json_dump(session& s, const json_invocation& inv, const inspect_target& t) {
+  return json_dump_to(s.out, s.err, inv, t);
+}
+
+int json_logs(session& s, const json_invocation& inv, const inspect_target& t, int copy) {
+  return run_document(s.out, s.err, inv, "logs", t, [copy](json_run& run, inspect_image& img) {
+    if (!run.locate(img)) return INSPECT_FINDINGS;
+    if (!write_logs(run, img.priv(), copy)) {
+      run.stop_here();
+      return INSPECT_FINDINGS;
+    }
+    return INSPECT_OK;
+  });
+}
+
+int json_config(session& s, const json_invocation& inv, const inspect_target& t, int copy) {
+  return run_document(s.out, s.err, inv, "config", t, [copy](json_run& run, inspect_image& img) {
+    if (!run.locate(img)) return INSPECT_FINDINGS;
+    return write_config(run, img, copy) ? INSPECT_OK : INSPECT_FINDINGS;
+  });
+}
+
+int json_headers(session& s, const json_invocation& inv, const inspect_target& t) {
+  return run_document(s.out, s.err, inv, "headers", t, [](json_run& run, inspect_image& img) {
+    if (!write_headers(run, img)) return INSPECT_FINDINGS;
+    return img.scan() == 0 ? INSPECT_OK : INSPECT_FINDINGS;
+  });
+}
+
+int json_check(session& s, const json_invocation& inv, const inspect_target& t) {
+  return run_document(s.out, s.err, inv, "check", t, [&t](json_run& run, inspect_image& img) {
+    // privdiag's path first, then the rest of the region, as the text
+    // check does; only an image that cannot be read stops both.
+    int status = INSPECT_OK;
+    if (!run.locate(img)) {
+      status = INSPECT_UNUSABLE;
+    } else {
+      run.stage("config");
+      try {
+        if (priv_dump_config(run.in, img.priv(), -1, false) != 1) {
+          run.stop_here();
+          status = INSPECT_UNUSABLE;
+        }
+      } catch (const fatal_exit& e) {
+        run.stop_here();
+        if (e.kind == fatal_kind::unreadable) return INSPECT_USAGE_IO;
+        status = INSPECT_UNUSABLE;
+      }
+    }
+    for (const finding& f : region_findings(run.in, t)) run.found.raise(f);
+    if (status == INSPECT_OK && run.found.any_problem()) status = INSPECT_FINDINGS;
+    return status;
+  });
+}
+
+int json_scan(session& s, const json_invocation& inv, const inspect_target& t) {
+  return run_document(s.out, s.err, inv, "scan", t, [](json_run& run, inspect_image& img) {
+    run.stage("scan");
+    const copy_places places = copy_places::locate_quietly(img);
+    run.w.open_object("scan");
+    run.w.member("located", places.joined());
+    run.w.member("summary", json_text(places.summary()));
+    run.w.open_array("hits");
+    const std::size_t ss = static_cast<std::size_t>(img.sector_size());
+    std::vector<std::uint8_t> buf(SCAN_RUN);
+    std::uint64_t found = 0, sector = 0;
+    for (std::uint64_t off = 0; off < img.file_size(); off += SCAN_RUN) {
+      const std::size_t n = img.read_at(off, buf.data(), SCAN_RUN);
+      if (n == 0) break;
+      for (std::size_t at = 0; at < n; at += ss, ++sector) {
+        const std::size_t len = n - at < ss ? n - at : ss;
+        ojson hit = scan_hit(places, sector, ss, buf.data() + at, len);
+        if (hit.is_null()) continue;
+        run.w.element(hit);
+        ++found;
+      }
+    }
+    run.w.close();
+    run.w.member("candidates", found);
+    run.w.member("sectors", sector);
+    run.w.close();
+    return INSPECT_OK;
+  });
+}
+
+int json_hexdump(session& s, const json_invocation& inv, const inspect_target& t,
+                 const hexdump_request& r) {
+  return run_document(s.out, s.err, inv, "hexdump", t, [&r](json_run& run, inspect_image& img) {
+    static const char* const what[] = {"sector", "block", "record"};
+    if (r.what != hexdump_what::sector && !run.locate(img)) return INSPECT_FINDINGS;
+    run.stage("hexdump");
+    run.w.open_object("hexdump");
+    run.w.member("what", what[static_cast<int>(r.what)]);
+    run.w.open_array("units");
+    switch (r.what) {
+      case hexdump_what::sector:
+        return hexdump_sectors(run, img, r.sector, r.count);
+      case hexdump_what::block:
+        return hexdump_blocks(run, img, r.copy, r.block, r.count);
+      case hexdump_what::record:
+        return hexdump_record(run, img, r.copy, r.ref);
+    }
+    return INSPECT_FINDINGS;
+  });
+}
+
+int json_records(session& s, const json_invocation& inv, const inspect_target& t,
+                 const records_filter& f) {
+  return run_document(s.out, s.err, inv, "records", t, [&f](json_run& run, inspect_image& img) {
+    if (!run.locate(img)) return INSPECT_FINDINGS;
+    run.stage("records");
+    copy_info* cp = inspect_select_config_copy(run.in, img.priv(), f.copy);
+    if (cp == nullptr) {
+      run.stop_here();
+      return INSPECT_FINDINGS;
+    }
+    loaded_copy lc(run.in);
+    if (!lc.load(img.priv(), cp)) {
+      run.stop_here();
+      return INSPECT_FINDINGS;
+    }
+    int total = 0, matched = 0;
+    for (const record* r = lc.rep.rlist; r != nullptr; r = r->next) {
+      total++;
+      if (record_passes(r, f)) matched++;
+    }
+    ojson sel = ojson::object();
+    sel["copy"] = cp->ci_copy;
+    sel["total"] = total;
+    sel["matched"] = matched;
+    run.w.member("selection", sel);
+    run.w.open_array("records");
+    tag_printer tp;
+    for (const record* r = lc.rep.rlist; r != nullptr; r = r->next) {
+      if (record_passes(r, f)) run.w.element(record_json(tp, lc.rep.db, r->dbrec));
+    }
+    run.w.close();
+    return matched > 0 ? INSPECT_OK : INSPECT_FINDINGS;
+  });
+}
+
+}  // namespace pd

@@ -1,0 +1,212 @@
+#!/usr/bin/env python3
+"""privinspect's JSON documents, end to end.
+
+  json_documents_test.py PRIVINSPECT PRIVDIAG PRIVBUILD SCHEMA WORKDIR
+
+Builds good and damaged images with privbuild and runs every subcommand
+with --json, and dump, on each: standard output must be one document, valid
+UTF-8, valid against the schema, whose exit_status is the process's. Then,
+for every image, dump must agree with privdiag's report: records (ref, type
+word, size, blocks, name and rid), block map, the header's counts and the
+texts of the findings. Last, a record name of control bytes and invalid
+UTF-8 comes out as valid UTF-8 with its raw bytes in name_hex.
+"""
+import json
+import re
+import subprocess
+import sys
+
+import jsonschema
+
+PRIVINSPECT, PRIVDIAG, PRIVBUILD, SCHEMA, WORK = sys.argv[1:6]
+
+DISK = """disk sector-size=512 sectors=2048
+header diskid=disk01 seqno=0.17
+region config copy=1 offset=17 len=400
+region log copy=1 offset=1617 len=100 content=log begin
+  block tid=0.200 seqno=7
+  entry type=detach rid=0.1001 tid=0.199
+  entry type=app_dirty rid=0.1001 tid=0.199
+  entry type=commit tid=0.200
+%s
+end
+"""
+RECORDS = """  group name=dg1 rid=0.1000 version=171
+  volume name=vol1 rid=0.1001 len=2048 pl_num=%s state=ACTIVE
+  plex name=vol1-01 rid=0.1002 vol_rid=0.1001 sd_num=1
+  subdisk name=sd1 rid=0.1003 plex_rid=0.1002 dm_rid=0.1004 len=2048
+  disk name=disk01 rid=0.1004 diskid=a0000002-1234-0002-4041-424344454647
+  disk name=disk02 rid=0.1005 diskid=%s
+"""
+
+
+def image(log_extra="", database="", pl_num="1", diskid2="b0000002-1234-0002-4041-424344454647",
+          extra="", tail=""):
+    return (DISK % log_extra + "copy-content config copy=1 content=config begin\n"
+            "  database version=4.17 dgname=dg1 config-tid=0.200 %s\n" % database
+            + RECORDS % (pl_num, diskid2) + extra + "end\n" + tail)
+
+
+IMAGES = {
+    "good": image(),
+    "bad-block-magic": image(extra="  block at=40 magic=XBLK\n"),
+    "header-checksum": image(tail="hdrcopy primary damage=checksum\n"),
+    "both-headers-bad": image(tail="hdrcopy primary damage=magic\nhdrcopy alternate damage=magic\n"),
+    "missing-children": image(pl_num="3"),
+    "duplicate-disk-id": image(diskid2="a0000002-1234-0002-4041-424344454647"),
+    "premature-end": image(database="nblocks=2000"),
+    "count-mismatch": image(database="vs_v_cnt=3"),
+    "refused-log-block": image(log_extra="  block tid=0.200 seqno=8 blkno=9"),
+    "odd-name": image(extra="  volume name=ctlname1 rid=0.1010 len=8 pl_num=0\n"),
+}
+ODD_NAME = bytes([0x01, 0x1F, 0xFF, 0xC3, 0x28, 0xE2, 0x82, 0x7F])
+
+VIEWS = [
+    ["dump"],
+    ["--json", "logs"], ["--json", "logs", "--copy", "1"],
+    ["--json", "config", "--copy", "1"], ["--json", "headers"], ["--json", "check"],
+    ["--json", "scan"], ["--json", "hexdump", "--sector", "2047", "--count", "2"],
+    ["--json", "hexdump", "--block", "1:0"], ["--json", "hexdump", "--record", "vol1"],
+    ["--json", "records"], ["--json", "records", "--type", "disk"],
+]
+
+failures = []
+
+
+def check(cond, what):
+    if not cond:
+        failures.append(what)
+    return cond
+
+
+def build(name, desc):
+    path = "%s/%s.img" % (WORK, name)
+    with open(path + ".desc", "w") as f:
+        f.write(desc)
+    subprocess.run([PRIVBUILD, path + ".desc", path], check=True)
+    if name == "odd-name":
+        data = open(path, "rb").read()
+        assert data.count(b"ctlname1") == 1
+        open(path, "wb").write(data.replace(b"ctlname1", ODD_NAME))
+    return path
+
+
+def run_json(args, path):
+    # The image goes after the subcommand (the first word that is not --json).
+    at = 2 if args[0] == "--json" else 1
+    argv = [PRIVINSPECT] + args[:at] + [path] + args[at:]
+    r = subprocess.run(argv, capture_output=True)
+    what = " ".join(argv[1:])
+    try:
+        doc = json.loads(r.stdout.decode("utf-8", errors="strict"))
+    except (UnicodeDecodeError, ValueError) as e:
+        check(False, "%s: not one UTF-8 JSON document: %s" % (what, e))
+        return None
+    errors = sorted(validator.iter_errors(doc), key=lambda e: list(e.path))
+    check(not errors, "%s: %s" % (what, "; ".join(
+        "%s: %s" % ("/".join(map(str, e.path)), e.message[:200]) for e in errors[:3])))
+    check(doc["exit_status"] == r.returncode,
+          "%s: exit_status %s, process %d" % (what, doc["exit_status"], r.returncode))
+    check(doc["analysis_complete"] == ("stop" not in doc), what + ": analysis_complete and stop disagree")
+    return doc
+
+
+# privdiag's report, as the lines the agreement compares.
+RECORD = re.compile(r"^#Record +(\d+): type=(0x[0-9a-f]+) flags=0x[0-9a-f]+ gen_flags=0x[0-9a-f]+ size=(\d+)$")
+NAMED = re.compile(r"^ [A-Za-z]+: +(\S*) rid=(\d+\.\d+)")
+BLOCK = re.compile(r"^#Block +(\d+): flag=(0x[0-9a-f]{4})(?: ref=(\d+) +offset=(\d+) +frag_size=(\d+))?")
+COUNTS = re.compile(r"^#config: tid=\S+ nvol=(\d+) nplex=(\d+) nsd=(\d+) ndm=(\d+)")
+
+
+def agree(name, path, doc):
+    r = subprocess.run([PRIVDIAG, path], capture_output=True)
+    out = r.stdout.decode("utf-8", errors="replace").splitlines()
+    text = out + r.stderr.decode("utf-8", errors="replace").splitlines()
+    records, blocks, counts, i = [], [], None, 0
+    while i < len(out):
+        m = RECORD.match(out[i])
+        if m:
+            blist = [int(b) for b in out[i + 1].split()[1:]]
+            n = NAMED.match(out[i + 2]) if i + 2 < len(out) else None
+            records.append((int(m[1]), int(m[2], 16) & 0xFFFF, int(m[3]), blist,
+                            (n[1], n[2]) if n else None))
+        m = BLOCK.match(out[i])
+        if m:
+            blocks.append((int(m[1]), m[2]) + ((int(m[3]), int(m[4]), int(m[5])) if m[3] else ()))
+        m = COUNTS.match(out[i])
+        if m:
+            counts = [int(v) for v in m.groups()]
+        i += 1
+    config = doc.get("config")
+    if not check(config is not None or not records, name + ": dump has no config, privdiag has records"):
+        return
+    if config is None:
+        return
+    mine = [(r["ref"], int(r["type_word"], 16) & 0xFFFF, r["size"], r["blocks"],
+             (r["name"], r["rid"]) if r["decoded"] else None) for r in config["records"]]
+    check(len(mine) == len(records) and records, name + ": %d record(s), privdiag %d" % (len(mine), len(records)))
+    # A line naming a record gives its name and rid; other kinds' lines do not.
+    mine = [m if theirs[4] is not None else m[:4] + (None,) for m, theirs in zip(mine, records)]
+    check(mine == records, name + ": records differ from privdiag's\n%s\n%s" % (mine, records))
+    myblocks = [(b["block"], b["flag"]) + ((b["ref"], b["offset"], b["frag_size"]) if "ref" in b else ())
+                for b in config["blocks"]]
+    check(myblocks == blocks and blocks, name + ": block map differs from privdiag's")
+    c = config["counts"]
+    check([c[k]["header"] for k in ("volumes", "plexes", "subdisks", "disks")] == counts,
+          name + ": header counts differ")
+    # Every finding of the report path is a line privdiag prints, and every
+    # "!!" line privdiag prints is a finding's text.
+    report_texts = [f["text"] for f in doc["findings"]
+                    if f["code"] not in ("header-checksum", "header-undecodable", "header-choice",
+                                         "log-block-invalid")]
+    joined = "\n".join(text)
+    for t in report_texts:
+        check(t in joined, "%s: finding not in privdiag's output: %s" % (name, t))
+    for line in out:
+        if "!!" in line:
+            check(any(t in line for t in report_texts), "%s: privdiag's %r is no finding" % (name, line))
+
+
+with open(SCHEMA) as f:
+    schema = json.load(f)
+jsonschema.Draft202012Validator.check_schema(schema)
+validator = jsonschema.Draft202012Validator(schema)
+
+codes_seen = set()
+for name, desc in IMAGES.items():
+    path = build(name, desc)
+    for view in VIEWS:
+        doc = run_json(view, path)
+        if doc is None:
+            continue
+        codes_seen.update(f["code"] for f in doc["findings"])
+        if view == ["--json", "check"] and name != "odd-name":
+            # The text check: the same status, and a line for every finding.
+            r = subprocess.run([PRIVINSPECT, "check", path], capture_output=True, text=True)
+            lines = r.stdout.splitlines()[:-1]
+            check(r.returncode == doc["exit_status"],
+                  "%s: check says %d, --json check %d" % (name, r.returncode, doc["exit_status"]))
+            missing = [f["text"] for f in doc["findings"] if f["text"] not in lines]
+            check(not missing, "%s: findings not in check's lines: %s" % (name, missing))
+        if view == ["dump"]:
+            agree(name, path, doc)
+            if name == "odd-name":
+                odd = [r for r in doc["config"]["records"] if r.get("name_hex") == ODD_NAME.hex()]
+                check(len(odd) == 1 and odd[0]["name"] == "\x01\x1f\ufffd\ufffd(\ufffd\ufffd\x7f",
+                      "odd-name: %r" % [r.get("name") for r in odd])
+# An image that cannot be opened and one too short for the headers stop early.
+for args, status, stage in ((["dump", WORK + "/absent.img"], 3, "open"),
+                            (["dump", WORK + "/short.img"], 1, "scan")):
+    open(WORK + "/short.img", "wb").write(bytes(4096))
+    r = subprocess.run([PRIVINSPECT] + args, capture_output=True)
+    doc = json.loads(r.stdout)
+    check(r.returncode == status and doc["exit_status"] == status and doc["stop"]["stage"] == stage
+          and validator.is_valid(doc), "%s: %d %s" % (args, r.returncode, doc.get("stop")))
+for code in ("extract-error", "header-checksum", "missing-children", "duplicate-disk-id",
+             "premature-eof", "log-block-invalid", "volume-count"):
+    check(code in codes_seen, "no image gave the finding " + code)
+
+for f in failures:
+    print("FAIL:", f)
+print("json documents: %d image(s), %d view(s), %d failure(s)" % (len(IMAGES), len(VIEWS), len(failures)))
+sys.exit(1 if failures else 0)
