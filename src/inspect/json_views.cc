@@ -42,46 +42,6 @@ constexpr std::size_t BUFSIZE = 0x200000;  // the shared aligned buffer
 constexpr std::size_t COPY_BLK = 512;
 constexpr std::size_t RUN_BLOCKS = 128;
 
-// A FILE* whose text stays in memory.
-class mem_file {
- public:
-  mem_file() : f(open_memstream(&buf_, &len_)) {}
-  ~mem_file() {
-    if (f != nullptr) std::fclose(f);
-    std::free(buf_);
-  }
-  mem_file(const mem_file&) = delete;
-  mem_file& operator=(const mem_file&) = delete;
-  std::string text() {
-    std::fflush(f);
-    return buf_ == nullptr ? std::string() : std::string(buf_, len_);
-  }
-  FILE* f;
-
- private:
-  char* buf_ = nullptr;
-  std::size_t len_ = 0;
-};
-
-// The messages of an error stream's text, a tab-indented reason joined to
-// its line.
-std::vector<std::string> message_lines(const std::string& err) {
-  std::vector<std::string> lines;
-  std::size_t start = 0;
-  while (start < err.size()) {
-    std::size_t end = err.find('\n', start);
-    if (end == std::string::npos) end = err.size();
-    const std::string line = err.substr(start, end - start);
-    if (!line.empty() && line[0] == '\t' && !lines.empty()) {
-      lines.back() += " " + line.substr(1);
-    } else if (!line.empty()) {
-      lines.push_back(line);
-    }
-    start = end + 1;
-  }
-  return lines;
-}
-
 // One document and the run behind it.
 class json_run {
  public:
@@ -185,7 +145,7 @@ class json_run {
   }
 
  private:
-  mem_file discard_, err_mem_;
+  mem_stream discard_, err_mem_;
 
  public:
   session in;
