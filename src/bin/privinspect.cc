@@ -54,6 +54,7 @@ struct subcommands {
   CLI::App* scan;
   CLI::App* hexdump;
   CLI::App* records;
+  CLI::App* locate;
 };
 
 subcommands define(CLI::App& app, cli_values& v) {
@@ -111,6 +112,12 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.records->add_option("--rid", v.rid_arg, "record id H.L");
   c.records->add_option("--name", v.name_arg, "record name");
   c.records->add_option("--copy", v.copy_arg, "configuration copy (default: first enabled)");
+
+  // Whole-disk images.
+  c.locate = app.add_subcommand(
+      "locate", "partition tables of a whole-disk image and the private regions found in it");
+  c.locate->add_option("DISK", v.target.image, "raw image of a whole disk (or of a region)")
+      ->required();
   return c;
 }
 
@@ -220,6 +227,7 @@ int run_scan(pd::session& s, const cli_values& v) {
 int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
   if (c.hexdump->parsed()) return run_hexdump(s, v);
   if (c.scan->parsed()) return run_scan(s, v);
+  if (c.locate->parsed()) return pd::inspect_locate(s, v.target);
   int copy = -1;
   if (!copy_number(v, copy)) return pd::INSPECT_USAGE_IO;
   if (c.logs->parsed()) return pd::inspect_logs(s, v.target, copy, v.long_listing);
@@ -236,7 +244,8 @@ int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
 int check_leftovers(const CLI::App& app, const subcommands& c) {
   std::vector<std::string> left = app.remaining(true);
   const CLI::App* chosen = nullptr;
-  for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records}) {
+  for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records,
+                              c.locate}) {
     if (sub->parsed()) chosen = sub;
   }
   if (chosen == nullptr) {
@@ -280,6 +289,11 @@ int main(int argc, char** argv) {
   app.add_option("--header", v.header_arg,
                  "header copy to read through: auto (default: the scan's choice, else the copy "
                  "that decodes), primary or alternate");
+  std::string region_arg, offset_arg;
+  app.add_option("--region", region_arg,
+                 "in a whole-disk image, the candidate region N that locate lists");
+  app.add_option("--offset", offset_arg,
+                 "in a whole-disk image, the region starting at SECTOR (of --sector-size bytes)");
   app.fallthrough();
   subcommands c = define(app, v);
   app.allow_extras();  // after define(): the subcommands do not inherit it
@@ -291,6 +305,16 @@ int main(int argc, char** argv) {
   }
   if (int status = check_leftovers(app, c); status != pd::INSPECT_OK) return status;
   if (!header_choice_of(v.header_arg, v.target.header_choice)) return pd::INSPECT_USAGE_IO;
+  std::uint64_t n = 0;
+  if (!region_arg.empty() && !offset_arg.empty()) return usage("--region and --offset exclude each other");
+  if (!region_arg.empty()) {
+    if (!number_arg("--region", region_arg, 1, 65535, n)) return pd::INSPECT_USAGE_IO;
+    v.target.region = static_cast<int>(n);
+  }
+  if (!offset_arg.empty()) {
+    if (!number_arg("--offset", offset_arg, 0, INT64_MAX, n)) return pd::INSPECT_USAGE_IO;
+    v.target.offset_sector = static_cast<std::int64_t>(n);
+  }
 
   pd::session s;
   s.progname = progname;
