@@ -6,8 +6,8 @@
 
 _privinspect() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-  local subcommands="logs config headers check scan hexdump records dump"
-  local global_options="--sector-size --header --json --help --version"
+  local subcommands="logs config headers check scan hexdump records dump locate"
+  local global_options="--sector-size --header --json --region --offset --help --version"
   local record_types="volume vol plex subdisk sd disk dm diskgroup dg da rvol
     replica rlink dco snapshot snap stpool info cache vset"
 
@@ -15,7 +15,7 @@ _privinspect() {
   local sub="" i
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      logs | config | headers | check | scan | hexdump | records | dump)
+      logs | config | headers | check | scan | hexdump | records | dump | locate)
         sub=${COMP_WORDS[i]}
         break
         ;;
@@ -35,7 +35,7 @@ _privinspect() {
       [[ $sub == records ]] && mapfile -t COMPREPLY < <(compgen -W "$record_types" -- "$cur")
       return
       ;;
-    --copy | --count | --sector | --block | --record | --rid | --name | --range)
+    --copy | --count | --sector | --block | --record | --rid | --name | --range | --region | --offset)
       return  # a number, a COPY:N or SECTOR:COUNT, a record name or id: nothing to offer
       ;;
   esac
@@ -45,7 +45,7 @@ _privinspect() {
     return
   fi
 
-  local options="--help --sector-size --header"
+  local options="--help --sector-size --header --region --offset"
   case $sub in
     logs) options+=" --copy --long" ;;
     config) options+=" --copy" ;;

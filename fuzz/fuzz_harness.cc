@@ -23,6 +23,7 @@
 #include "report/header_toc_dump.h"
 #include "private_region/header.h"
 #include "codec/integers.h"
+#include "private_region/partition_table.h"
 #include "private_region/join.h"
 #include "private_region/toc.h"
 #include "report/copy_loading.h"
@@ -343,9 +344,31 @@ int run_pipeline(const std::uint8_t* data, std::size_t size) {
   return status;
 }
 
+// The partition-table readers over the input as a disk (its first byte
+// chooses the sector size): every partition they return lies in the disk.
+bool codec_partition_tables(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return true;
+  const unsigned ss = (data[0] & 1) != 0 ? 4096 : 512;
+  ++data;
+  --size;
+  const partition_tables t = read_partition_tables(
+      [&](std::uint64_t off, std::uint8_t* buf, std::size_t len) -> std::size_t {
+        if (off >= size) return 0;
+        const std::size_t n = std::min<std::uint64_t>(len, size - off);
+        std::memcpy(buf, data + off, n);
+        return n;
+      },
+      size, ss);
+  for (const disk_partition& p : t.partitions) {
+    if (p.sectors == 0 || p.first + p.sectors > size / ss) return false;
+  }
+  return t.usable_end <= size / ss;
+}
+
 bool run_codec(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return true;
-  switch (data[0] % 4) {
+  switch (data[0] % 5) {
+    case 4: return codec_partition_tables(data + 1, size - 1);
     case 0: return codec_record(data + 1, size - 1);
     case 1: return codec_group(data + 1, size - 1);
     case 2: return codec_priv_header(data + 1, size - 1);

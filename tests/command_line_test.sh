@@ -41,7 +41,7 @@ check "privinspect --header <TAB>" $'alternate\nauto\nprimary' \
 
 for sub in $subcommands; do
   check "privinspect --sector-size 4096 $sub IMAGE -<TAB>" \
-    "$({ "$inspect" "$sub" --help | long_options; echo --sector-size; echo --header; } | sort)" \
+    "$({ "$inspect" "$sub" --help | long_options; echo --sector-size; echo --header; echo --region; echo --offset; } | sort)" \
     "$(complete_line privinspect --sector-size 4096 "$sub" disk.img -)"
 done
 

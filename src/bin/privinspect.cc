@@ -57,6 +57,7 @@ struct subcommands {
   CLI::App* hexdump;
   CLI::App* records;
   CLI::App* dump;
+  CLI::App* locate;
 };
 
 subcommands define(CLI::App& app, cli_values& v) {
@@ -117,6 +118,12 @@ subcommands define(CLI::App& app, cli_values& v) {
 
   c.dump = app.add_subcommand("dump", "everything decoded, in one JSON document");
   add_image(c.dump, v);
+
+  // Whole-disk images.
+  c.locate = app.add_subcommand(
+      "locate", "partition tables of a whole-disk image and the private regions found in it");
+  c.locate->add_option("DISK", v.target.image, "raw image of a whole disk (or of a region)")
+      ->required();
   return c;
 }
 
@@ -232,6 +239,7 @@ int run_scan(pd::session& s, const cli_values& v) {
 int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
   if (c.hexdump->parsed()) return run_hexdump(s, v);
   if (c.scan->parsed()) return run_scan(s, v);
+  if (c.locate->parsed()) return pd::inspect_locate(s, v.target);
   int copy = -1;
   if (!copy_number(v, copy)) return pd::INSPECT_USAGE_IO;
   if (c.logs->parsed()) return pd::inspect_logs(s, v.target, copy, v.long_listing);
@@ -249,6 +257,7 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
                   const pd::json_invocation& inv) {
   const inspect_target& t = v.target;
   if (c.dump->parsed()) return pd::json_dump(s, inv, t);
+  if (c.locate->parsed()) return pd::json_locate(s, inv, t);
   if (c.headers->parsed()) return pd::json_headers(s, inv, t);
   if (c.check->parsed()) return pd::json_check(s, inv, t);
   if (c.scan->parsed()) return pd::json_scan(s, inv, t);
@@ -271,8 +280,8 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
 int check_leftovers(const CLI::App& app, const subcommands& c) {
   std::vector<std::string> left = app.remaining(true);
   const CLI::App* chosen = nullptr;
-  for (const CLI::App* sub :
-       {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records, c.dump}) {
+  for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records,
+                              c.dump, c.locate}) {
     if (sub->parsed()) chosen = sub;
   }
   if (chosen == nullptr) {
@@ -317,6 +326,11 @@ int main(int argc, char** argv) {
   app.add_option("--header", v.header_arg,
                  "header copy to read through: auto (default: the scan's choice, else the copy "
                  "that decodes), primary or alternate");
+  std::string region_arg, offset_arg;
+  app.add_option("--region", region_arg,
+                 "in a whole-disk image, the candidate region N that locate lists");
+  app.add_option("--offset", offset_arg,
+                 "in a whole-disk image, the region starting at SECTOR (of --sector-size bytes)");
   app.fallthrough();
   subcommands c = define(app, v);
   app.allow_extras();  // after define(): the subcommands do not inherit it
@@ -328,6 +342,16 @@ int main(int argc, char** argv) {
   }
   if (int status = check_leftovers(app, c); status != pd::INSPECT_OK) return status;
   if (!header_choice_of(v.header_arg, v.target.header_choice)) return pd::INSPECT_USAGE_IO;
+  std::uint64_t n = 0;
+  if (!region_arg.empty() && !offset_arg.empty()) return usage("--region and --offset exclude each other");
+  if (!region_arg.empty()) {
+    if (!number_arg("--region", region_arg, 1, 65535, n)) return pd::INSPECT_USAGE_IO;
+    v.target.region = static_cast<int>(n);
+  }
+  if (!offset_arg.empty()) {
+    if (!number_arg("--offset", offset_arg, 0, INT64_MAX, n)) return pd::INSPECT_USAGE_IO;
+    v.target.offset_sector = static_cast<std::int64_t>(n);
+  }
 
   pd::session s;
   s.progname = progname;

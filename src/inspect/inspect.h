@@ -14,6 +14,7 @@
 #include "base/session.h"
 #include "base/types.h"
 #include "io/findings.h"
+#include "inspect/disk_locate.h"
 #include "inspect/inspect_image.h"
 
 namespace pd {

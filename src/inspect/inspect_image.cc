@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/errors.h"
+#include "inspect/disk_locate.h"
 #include "io/dump_device.h"
 #include "io/messages.h"
 #include "private_region/locate.h"
@@ -23,6 +24,7 @@ inspect_image::~inspect_image() {
     std::fclose(s.priv_fd);
     s.priv_fd = nullptr;
   }
+  if (base_ != nullptr) std::fclose(base_);
 }
 
 namespace {
@@ -67,6 +69,19 @@ bool inspect_image::open(const inspect_target& t) {
     return false;
   }
   file_size_ = dump_file_size(s.priv_fd);
+  bool window = false;
+  std::uint64_t length = 0;
+  if (!choose_region(s, t, s.priv_fd, file_size_, &window, &window_offset_, &length)) return false;
+  if (window) {
+    base_ = s.priv_fd;
+    s.priv_fd = open_window(base_, window_offset_, length);
+    if (s.priv_fd == nullptr) {
+      std::fprintf(s.err, "%s: %s: cannot read the region: %s\n", s.progname, path,
+                   std::strerror(errno));
+      return false;
+    }
+    file_size_ = dump_file_size(s.priv_fd);
+  }
   if (file_size_ < static_cast<std::uint64_t>(sector_size_)) {
     std::fprintf(s.err,
                  "%s: %s: %llu bytes, shorter than one %d-byte sector (both header copies "

@@ -38,6 +38,11 @@ struct inspect_target {
   std::string image;
   int sector_size = 512;
   pd::header_choice header_choice = pd::header_choice::automatic;
+  // In a whole-disk image (disk_locate.h): the candidate region numbered
+  // `region` (from 1; 0: the only one), or the region starting at sector
+  // `offset_sector` (-1: not given).
+  int region = 0;
+  std::int64_t offset_sector = -1;
 };
 
 class inspect_image {
@@ -48,6 +53,9 @@ class inspect_image {
   inspect_image& operator=(const inspect_image&) = delete;
 
   // Opens the image "rb" into the session and derives the disk attributes.
+  // In a whole-disk image the session's stream is a window on the chosen
+  // region (window_offset() its first byte), so that every view reads the
+  // region as if it were a region image.
   // Refuses, with a message naming the path (and the system's reason where
   // it refused), a path that cannot be opened, one that is not a regular
   // file (a directory, FIFO, device or socket: it is not opened at all), and
@@ -93,6 +101,7 @@ class inspect_image {
   std::uint64_t file_size() const { return file_size_; }
   voff_t stored_priv_offset() const { return saved_offset_; }
   bool joined() const { return joined_; }
+  std::uint64_t window_offset() const { return window_offset_; }
 
  private:
   priv_info* priv_ = nullptr;
@@ -101,6 +110,8 @@ class inspect_image {
   std::uint64_t file_size_ = 0;
   voff_t saved_offset_ = 0;
   bool joined_ = false;
+  FILE* base_ = nullptr;  // the image under the window, when there is one
+  std::uint64_t window_offset_ = 0;
   pd::header_choice header_choice_ = pd::header_choice::automatic;
   std::string image_;
   std::string fallback_note_;

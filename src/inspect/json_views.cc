@@ -21,6 +21,7 @@
 #include "config_db/block_store.h"
 #include "config_db/record_layouts.h"
 #include "config_db/records.h"
+#include "inspect/disk_locate.h"
 #include "inspect/inspect_load.h"
 #include "inspect/inspect_places.h"
 #include "inspect/inspect_region.h"
@@ -1200,6 +1201,59 @@ int json_records(session& s, const json_invocation& inv, const inspect_target& t
     run.w.close();
     return matched > 0 ? INSPECT_OK : INSPECT_FINDINGS;
   });
+}
+
+int json_locate(session& s, const json_invocation& inv, const inspect_target& t) {
+  json_run run(s.out, s.err, inv, "locate");
+  run.stage("open");
+  std::uint64_t size = 0;
+  std::vector<disk_survey> surveys;
+  const int status = locate_surveys(run.in, t, &size, &surveys);
+  ojson image = ojson::object();
+  image["path"] = json_text(t.image);
+  image["size"] = size;
+  image["sector_size"] = t.sector_size;
+  run.w.member("image", image);
+  if (status == INSPECT_USAGE_IO) {
+    run.stop_here();
+    return run.finish(status);
+  }
+  run.w.open_array("locate");
+  for (const disk_survey& d : surveys) {
+    ojson o = ojson::object();
+    o["sector_size"] = d.sector_size;
+    o["table"] = table_kind_name(d.tables.kind);
+    ojson parts = ojson::array();
+    for (const disk_partition& p : d.tables.partitions) {
+      ojson part = ojson::object();
+      part["number"] = p.number;
+      part["first"] = p.first;
+      part["sectors"] = p.sectors;
+      part["type"] = json_text(p.type);
+      parts.push_back(part);
+    }
+    o["partitions"] = parts;
+    ojson notes = ojson::array();
+    for (const std::string& n : d.tables.notes) notes.push_back(json_text(n));
+    o["notes"] = notes;
+    ojson problems = ojson::array();
+    for (const std::string& n : d.tables.problems) problems.push_back(json_text(n));
+    for (const std::string& n : d.problems) problems.push_back(json_text(n));
+    o["problems"] = problems;
+    ojson cands = ojson::array();
+    for (const region_candidate& c : d.candidates) {
+      ojson cand = ojson::object();
+      cand["offset"] = c.offset;
+      cand["length"] = c.length;
+      cand["sector_size"] = c.sector_size;
+      cand["how"] = json_text(c.how);
+      cands.push_back(cand);
+    }
+    o["candidates"] = cands;
+    run.w.element(o);
+  }
+  run.w.close();
+  return run.finish(status);
 }
 
 }  // namespace pd

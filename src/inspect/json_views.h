@@ -24,6 +24,8 @@ int json_records(session& s, const json_invocation& inv, const inspect_target& t
 // dump: both headers, the TOC, every log copy and the first enabled
 // configuration copy with every record, in one document.
 int json_dump(session& s, const json_invocation& inv, const inspect_target& t);
+// locate: the surveys of a whole-disk image (tables, problems, candidates).
+int json_locate(session& s, const json_invocation& inv, const inspect_target& t);
 
 // dump's document written to `out` (the fuzz harness's entry): the status.
 int json_dump_to(FILE* out, FILE* err, const json_invocation& inv, const inspect_target& t);

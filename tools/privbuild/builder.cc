@@ -10,6 +10,7 @@
 #include "private_region/toc.h"
 #include "privbuild/builder_internal.h"
 #include "privbuild/header_fields.h"
+#include "privbuild/whole_disk.h"
 
 namespace pd {
 
@@ -176,11 +177,13 @@ std::vector<std::uint8_t> build_image(const std::string& description, std::strin
                                       build_layout* layout) {
   error->clear();
   *layout = build_layout{};
-  std::vector<desc_statement> statements;
+  std::vector<desc_statement> all, statements, disk_statements;
   image_plan plan;
-  if (!parse_description(description, &statements, error) ||
-      !read_image_plan(statements, &plan, error))
-    return {};
+  if (!parse_description(description, &all, error)) return {};
+  for (desc_statement& st : all) {
+    (is_whole_disk_statement(st) ? disk_statements : statements).push_back(std::move(st));
+  }
+  if (!read_image_plan(statements, &plan, error)) return {};
   image img;
   img.ss = plan.sector_size;
   img.bytes.assign(plan.bytes, plan.fill);
@@ -195,7 +198,10 @@ std::vector<std::uint8_t> build_image(const std::string& description, std::strin
   if (!plan.first_alt_toc_given) base.phi_first_alt_toc = lay.phi_first_alt_toc;
   if (!write_header_copies(plan, base, &img, layout, error) || !run_late_ops(plan, &img, error))
     return {};
-  return std::move(img.bytes);
+  if (disk_statements.empty()) return std::move(img.bytes);
+  std::vector<std::uint8_t> disk;
+  if (!wrap_whole_disk(disk_statements, img.bytes, plan.sector_size, &disk, error)) return {};
+  return disk;
 }
 
 std::vector<std::uint8_t> build_image(const std::string& description, std::string* error) {
