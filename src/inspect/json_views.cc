@@ -21,6 +21,7 @@
 #include "config_db/block_store.h"
 #include "config_db/record_layouts.h"
 #include "config_db/records.h"
+#include "inspect/inspect_headers.h"
 #include "inspect/inspect_load.h"
 #include "inspect/inspect_places.h"
 #include "inspect/inspect_region.h"
@@ -203,45 +204,18 @@ class json_run {
 
 // --- headers -----------------------------------------------------------------
 
-struct header_copy {
-  const char* name = "";
-  voff_t sector = 0;
-  std::size_t nread = 0;
-  std::uint8_t buf[PRIV_HEADER_SIZE] = {};
-  bool magic_ok = false;
-  std::uint32_t stored = 0, computed = 0;
-  int res = -1, lenient = -1;
-  bool has_fields = false;
-  priv_header_info hdr;
-};
-
-bool body_decoded(int res) { return res == 0 || res == VE_PRIV_FORMAT || res == VE_PRIV_INVALID; }
-
-void read_header_copy(inspect_image& img, header_copy& c) {
-  if (c.sector < 0) return;
-  c.nread = img.read_at(static_cast<std::uint64_t>(c.sector) * img.sector_size(), c.buf,
-                        PRIV_HEADER_SIZE);
-  if (c.nread < PRIV_HEADER_SIZE) return;
-  c.magic_ok = std::memcmp(c.buf, header_magic, PRIV_MAGIC_LEN) == 0;
-  c.stored = priv_header_stored_checksum(c.buf);
-  c.computed = static_cast<std::uint32_t>(priv_header_checksum(c.buf));
-  c.res = priv_unformat_header(&c.hdr, c.buf);
-  if (c.magic_ok && c.stored == c.computed) {
-    c.has_fields = body_decoded(c.res);
-    return;
-  }
-  std::uint8_t fixed[PRIV_HEADER_SIZE];
-  std::memcpy(fixed, c.buf, PRIV_HEADER_SIZE);
-  priv_header_seal(fixed);
-  c.hdr = priv_header_info{};
-  c.lenient = priv_unformat_header(&c.hdr, fixed);
-  c.has_fields = body_decoded(c.lenient);
-}
-
-ojson decode_json(int res) {
+// A decoder's result; with the field it gave up at, when it names one.
+ojson decode_json(int res, const priv_decode_fault* fault = nullptr) {
   ojson d = ojson::object();
   d["status"] = res;
   d["text"] = res == 0 ? "ok" : vol_strerror(res);
+  if (fault != nullptr && fault->code != 0 && *fault->field != '\0') {
+    ojson f = ojson::object();
+    f["name"] = fault->field;
+    f["offset"] = fault->offset;
+    if (*fault->reason != '\0') f["reason"] = fault->reason;
+    d["field"] = std::move(f);
+  }
   return d;
 }
 
@@ -301,60 +275,52 @@ ojson header_copy_json(const header_copy& c, std::uint64_t ss) {
   o["sector"] = c.sector;
   if (c.sector >= 0) o["offset"] = static_cast<std::uint64_t>(c.sector) * ss;
   o["bytes_read"] = c.nread;
-  o["read"] = c.nread == PRIV_HEADER_SIZE;
-  if (c.nread < PRIV_HEADER_SIZE) return o;
+  o["read"] = c.read();
+  if (!c.read()) return o;
   const std::string_view magic(reinterpret_cast<const char*>(c.buf), PRIV_MAGIC_LEN);
   o["magic"] = json_text(magic);
   o["magic_hex"] = json_hex_bytes(magic);
   o["magic_ok"] = c.magic_ok;
   ojson sum = ojson::object();
-  sum["stored"] = json_hex(c.stored, 8);
-  sum["computed"] = json_hex(c.computed, 8);
-  sum["ok"] = c.stored == c.computed;
+  sum["stored"] = json_hex(c.stored_sum, 8);
+  sum["computed"] = json_hex(c.computed_sum, 8);
+  sum["ok"] = c.stored_sum == c.computed_sum;
   o["checksum"] = sum;
-  o["decode"] = decode_json(c.res);
-  if (c.lenient >= 0) o["decode_set_aside"] = decode_json(c.lenient);
+  o["decode"] = decode_json(c.res, &c.fault);
+  if (c.lenient_res >= 0) o["decode_set_aside"] = decode_json(c.lenient_res, &c.lenient_fault);
   if (c.has_fields) {
-    o["fields_from"] = c.res == 0 || c.lenient < 0 ? "stored" : "magic and checksum set aside";
+    o["fields_from"] = c.res == 0 || c.lenient_res < 0 ? "stored" : "magic and checksum set aside";
     o["fields"] = header_fields_json(c.hdr);
   }
   return o;
 }
 
-// "headers": both copies, the scan's choice and why. The header findings
-// join the run's. Returns whether the scan ran.
-bool write_headers(json_run& run, inspect_image& img) {
+// "headers": the model of the text view (inspect_headers.h): both copies,
+// the scan's choice and why. The header findings join the run's. Returns
+// the scan's result, or nothing when the image is too short for it.
+constexpr const char* HEADERS_NOT_SCANNED = "the image is too short to hold both header positions";
+
+std::optional<int> write_headers(json_run& run, inspect_image& img) {
   run.stage("headers");
-  header_copy p, a;
-  p.name = "primary";
-  p.sector = img.attrs().dka_primary_header;
-  a.name = "alternate";
-  a.sector = img.attrs().dka_alternate_header;
-  read_header_copy(img, p);
-  read_header_copy(img, a);
-  std::vector<finding> hf = header_findings(img);
-  std::string why;
-  for (finding& f : hf) {
-    if (f.code == finding_code::header_choice) why = f.text;
-    run.found.list.push_back(std::move(f));
-  }
-  const bool scanned = p.sector >= 0 && a.sector >= 0;
+  header_view v = analyse_headers(img);
   run.w.open_object("headers");
   const std::uint64_t ss = static_cast<std::uint64_t>(img.sector_size());
-  run.w.member("primary", header_copy_json(p, ss));
-  run.w.member("alternate", header_copy_json(a, ss));
+  run.w.member("primary", header_copy_json(v.p, ss));
+  run.w.member("alternate", header_copy_json(v.a, ss));
+  static const char* const chosen[] = {"none", "primary", "alternate"};
   ojson scan = ojson::object();
-  scan["run"] = scanned;
-  int res = scanned ? img.scan() : VE_PRIV_FORMAT;
-  scan["status"] = scanned ? res : 0;
-  const unsigned long fl = img.priv()->pri_flags;
-  scan["chosen"] = !scanned || res != 0 ? "none" : (fl & PRI_USED_ALT) != 0 ? "alternate" : "primary";
-  scan["why"] = scanned ? json_text(why)
-                        : std::string("the image is too short to hold both header positions");
+  scan["run"] = v.scanned;
+  scan["status"] = v.scan_res;
+  scan["chosen"] = chosen[static_cast<int>(v.chosen)];
+  scan["why"] = v.scanned ? json_text(v.choice) : std::string(HEADERS_NOT_SCANNED);
   run.w.member("scan", scan);
   run.w.close();
-  if (!scanned) run.stop("scan", "the image is too short to hold both header positions");
-  return scanned;
+  for (finding& f : v.findings) run.found.list.push_back(std::move(f));
+  if (!v.scanned) {
+    run.stop("scan", HEADERS_NOT_SCANNED);
+    return std::nullopt;
+  }
+  return v.scan_res;
 }
 
 // --- TOC ---------------------------------------------------------------------
@@ -1125,8 +1091,7 @@ int json_config(session& s, const json_invocation& inv, const inspect_target& t,
 
 int json_headers(session& s, const json_invocation& inv, const inspect_target& t) {
   return run_document(s.out, s.err, inv, "headers", t, [](json_run& run, inspect_image& img) {
-    if (!write_headers(run, img)) return INSPECT_FINDINGS;
-    return img.scan() == 0 ? INSPECT_OK : INSPECT_FINDINGS;
+    return write_headers(run, img) == 0 ? INSPECT_OK : INSPECT_FINDINGS;
   });
 }
 
