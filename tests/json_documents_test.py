@@ -8,7 +8,9 @@ with --json, and dump, on each: standard output must be one document, valid
 UTF-8, valid against the schema, whose exit_status is the process's. Then,
 for every image, dump must agree with privdiag's report: records (ref, type
 word, size, blocks, name and rid), block map, the header's counts and the
-texts of the findings. Last, a record name of control bytes and invalid
+texts of the findings. The text and JSON scan and headers views agree:
+a hit per line, the same damaged sectors, the same checksums, decodes and
+choice. Last, a record name of control bytes and invalid
 UTF-8 comes out as valid UTF-8 with its raw bytes in name_hex.
 """
 import json
@@ -194,6 +196,54 @@ for name, desc in IMAGES.items():
                 odd = [r for r in doc["config"]["records"] if r.get("name_hex") == ODD_NAME.hex()]
                 check(len(odd) == 1 and odd[0]["name"] == "\x01\x1f\ufffd\ufffd(\ufffd\ufffd\x7f",
                       "odd-name: %r" % [r.get("name") for r in odd])
+
+
+# Text and JSON print one model: scan's lines and hits, headers' verdicts.
+LINE_SECTOR = re.compile(r"^sectors? (\d+)")
+CHECKSUM = re.compile(r"^    checksum: (0x[0-9a-f]{8}) (?:correct|expected (0x[0-9a-f]{8}))$")
+DECODE = re.compile(r"^    decode:   (?:ok|error (\d+): )")
+
+
+def text_and_json(args, path):
+    r = subprocess.run([PRIVINSPECT, args[0], path] + args[1:], capture_output=True, text=True)
+    return r.stdout.splitlines(), run_json(["--json"] + args, path)
+
+
+def views_agree(name, path):
+    for args in (["scan"], ["scan", "--range", "18:400"]):
+        lines, doc = text_and_json(args, path)
+        if doc is None:
+            continue
+        lines, hits = lines[1:-1], doc["scan"]["hits"]
+        what = "%s: %s" % (name, " ".join(args))
+        check(len(lines) == len(hits), "%s: %d line(s), %d hit(s)" % (what, len(lines), len(hits)))
+        check([int(LINE_SECTOR.match(l)[1]) for l in lines] == [h["sector"] for h in hits],
+              what + ": the sectors of lines and hits differ")
+        check([int(LINE_SECTOR.match(l)[1]) for l in lines if "damaged: " in l]
+              == [h["sector"] for h in hits if h["kind"] == "damaged"], what + ": damaged sectors differ")
+    lines, doc = text_and_json(["headers"], path)
+    if doc is None:
+        return
+    sums = [m.groups() for m in map(CHECKSUM.match, lines) if m]
+    decodes = [int(m[1] or 0) for m in map(DECODE.match, lines) if m]
+    h = doc["headers"]
+    check(sums == [(c["checksum"]["stored"], None if c["checksum"]["ok"] else c["checksum"]["computed"])
+                   for c in (h["primary"], h["alternate"])], name + ": headers' checksums differ")
+    check(decodes == [h["primary"]["decode"]["status"], h["alternate"]["decode"]["status"]],
+          name + ": headers' decodes differ")
+    check(h["scan"]["why"] in lines, name + ": headers' choice differs: " + h["scan"]["why"])
+    chosen = {"primary": "primary chosen", "alternate": "alternate ", "none": "no header chosen"}
+    check(chosen[h["scan"]["chosen"]] in h["scan"]["why"], name + ": chosen and why disagree")
+
+
+for name in ("good", "bad-block-magic", "header-checksum", "both-headers-bad", "refused-log-block"):
+    views_agree(name, "%s/%s.img" % (WORK, name))
+damaged = run_json(["--json", "scan"], WORK + "/bad-block-magic.img")["scan"]
+check(damaged["damaged"] == 1 and [h["found"] for h in damaged["hits"] if h["kind"] == "damaged"] == ["XBLK"],
+      "bad-block-magic: the damaged block is not in the document")
+past = run_json(["--json", "scan", "--range", "5000:1"], WORK + "/good.img")
+check(past["exit_status"] == 1 and past["stop"]["stage"] == "scan", "scan --range past the end: %s" % past.get("stop"))
+
 # An image that cannot be opened and one too short for the headers stop early.
 for args, status, stage in ((["dump", WORK + "/absent.img"], 3, "open"),
                             (["dump", WORK + "/short.img"], 1, "scan")):

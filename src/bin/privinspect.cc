@@ -221,7 +221,7 @@ int run_hexdump(pd::session& s, const cli_values& v) {
   return pd::inspect_hexdump(s, v.target, r);
 }
 
-int run_scan(pd::session& s, const cli_values& v) {
+int run_scan(pd::session& s, const cli_values& v, const pd::json_invocation* json = nullptr) {
   pd::scan_request r;
   if (!v.range_arg.empty()) {
     std::uint64_t first = 0, count = 0;
@@ -233,7 +233,7 @@ int run_scan(pd::session& s, const cli_values& v) {
     r.count = count;
   }
   r.progress = isatty(STDERR_FILENO) != 0;
-  return pd::inspect_scan(s, v.target, r);
+  return json != nullptr ? pd::json_scan(s, *json, v.target, r) : pd::inspect_scan(s, v.target, r);
 }
 
 int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
@@ -260,7 +260,7 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
   if (c.locate->parsed()) return pd::json_locate(s, inv, t);
   if (c.headers->parsed()) return pd::json_headers(s, inv, t);
   if (c.check->parsed()) return pd::json_check(s, inv, t);
-  if (c.scan->parsed()) return pd::json_scan(s, inv, t);
+  if (c.scan->parsed()) return run_scan(s, v, &inv);
   if (c.hexdump->parsed()) {
     pd::hexdump_request r;
     if (!hexdump_request_of(v, r)) return pd::INSPECT_USAGE_IO;

@@ -1,11 +1,6 @@
-// headers: both header copies read from where the disk attributes put them,
-// each decoded whatever its state, then the fields in which they differ and
-// the copy the scan chose, with the reason.
-//
-// A copy whose magic or checksum is wrong is decoded a second time with
-// both set aside (magic restored, checksum recomputed in a scratch copy of
-// the sector), so that its fields can still be shown and compared; the
-// decode result printed first is always the real one.
+// headers: the model (inspect_headers.h) and its text printer: both copies,
+// the fields in which they differ and the copy the scan chose, with the
+// reason.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -17,6 +12,7 @@
 #include "io/messages.h"
 #include "inspect/output.h"
 #include "inspect/inspect.h"
+#include "inspect/inspect_headers.h"
 #include "private_region/header.h"
 
 namespace pd {
@@ -24,22 +20,6 @@ namespace pd {
 namespace {
 
 constexpr std::size_t HDR_SIZE = PRIV_HEADER_SIZE;
-
-struct header_copy {
-  const char* name = "";
-  voff_t sector = 0;
-  std::size_t nread = 0;  // bytes of the sector found in the image
-  std::uint8_t buf[HDR_SIZE] = {};
-  bool magic_ok = false;
-  std::uint32_t stored_sum = 0;
-  std::uint32_t computed_sum = 0;
-  int res = -1;             // the real decode result
-  int lenient_res = -1;     // with magic and checksum set aside
-  priv_decode_fault fault;          // where the real decode gave up
-  priv_decode_fault lenient_fault;  // where the lenient one did
-  bool has_fields = false;  // the body was decoded one way or the other
-  priv_header_info hdr;
-};
 
 bool read_copy(inspect_image& img, header_copy& c) {
   std::uint64_t ss = static_cast<std::uint64_t>(img.sector_size());
@@ -234,12 +214,12 @@ std::string geometry_disagreement(const header_copy& p, const header_copy& a) {
 
 // The scan's choice as a note: its line, and the explanation that follows
 // it on the lines after, if any.
-struct header_choice {
+struct choice_note {
   std::string line;
   std::string more;
 };
 
-header_choice choice_of(inspect_image& img, int res, const header_copy& p, const header_copy& a) {
+choice_note choice_of(inspect_image& img, int res, const header_copy& p, const header_copy& a) {
   if (res != 0) {
     return {finding_textf("scan: no header chosen: error %d: %s", res, vol_strerror(res)),
             "    the primary does not decode; the search of sectors 8 to 248 found no "
@@ -335,14 +315,7 @@ void mismatch_findings(const header_copy& p, const header_copy& a, const inspect
   }
 }
 
-// Both copies, the scan's result and every verdict, the scan's choice last.
-struct header_view {
-  header_copy p, a;
-  bool scanned = false;  // the image holds both header positions
-  int scan_res = 0;
-  std::string choice_more;  // lines that explain the choice, if any
-  std::vector<finding> findings;
-};
+}  // namespace
 
 header_view analyse_headers(inspect_image& img) {
   header_view v;
@@ -359,17 +332,20 @@ header_view analyse_headers(inspect_image& img) {
   if (v.p.sector < 0 || v.a.sector < 0) return v;
   v.scanned = true;
   v.scan_res = img.scan_as_privdiag();
-  const header_choice choice = choice_of(img, v.scan_res, v.p, v.a);
+  const choice_note choice = choice_of(img, v.scan_res, v.p, v.a);
   finding f;
   f.code = finding_code::header_choice;
   f.text = choice.line;
   f.place.structure = "header";
   v.findings.push_back(std::move(f));
+  v.choice = choice.line;
   v.choice_more = choice.more;
+  if (v.scan_res == 0) {
+    v.chosen = (img.priv()->pri_flags & PRI_USED_ALT) != 0 ? header_chosen::alternate
+                                                          : header_chosen::primary;
+  }
   return v;
 }
-
-}  // namespace
 
 std::vector<finding> header_findings(inspect_image& img) { return analyse_headers(img).findings; }
 
@@ -384,7 +360,7 @@ int inspect_headers(session& s, const inspect_target& t) {
     std::fprintf(s.out, "scan: not run: the image is too short to hold both header positions\n");
     return INSPECT_FINDINGS;
   }
-  std::fprintf(s.out, "%s\n%s", v.findings.back().text.c_str(), v.choice_more.c_str());
+  std::fprintf(s.out, "%s\n%s", v.choice.c_str(), v.choice_more.c_str());
   return v.scan_res == 0 ? INSPECT_OK : INSPECT_FINDINGS;
 }
 

@@ -22,9 +22,11 @@
 #include "config_db/record_layouts.h"
 #include "config_db/records.h"
 #include "inspect/disk_locate.h"
+#include "inspect/inspect_headers.h"
 #include "inspect/inspect_load.h"
 #include "inspect/inspect_places.h"
 #include "inspect/inspect_region.h"
+#include "inspect/inspect_scan_model.h"
 #include "io/io_buffers.h"
 #include "io/messages.h"
 #include "private_region/header.h"
@@ -164,45 +166,18 @@ class json_run {
 
 // --- headers -----------------------------------------------------------------
 
-struct header_copy {
-  const char* name = "";
-  voff_t sector = 0;
-  std::size_t nread = 0;
-  std::uint8_t buf[PRIV_HEADER_SIZE] = {};
-  bool magic_ok = false;
-  std::uint32_t stored = 0, computed = 0;
-  int res = -1, lenient = -1;
-  bool has_fields = false;
-  priv_header_info hdr;
-};
-
-bool body_decoded(int res) { return res == 0 || res == VE_PRIV_FORMAT || res == VE_PRIV_INVALID; }
-
-void read_header_copy(inspect_image& img, header_copy& c) {
-  if (c.sector < 0) return;
-  c.nread = img.read_at(static_cast<std::uint64_t>(c.sector) * img.sector_size(), c.buf,
-                        PRIV_HEADER_SIZE);
-  if (c.nread < PRIV_HEADER_SIZE) return;
-  c.magic_ok = std::memcmp(c.buf, header_magic, PRIV_MAGIC_LEN) == 0;
-  c.stored = priv_header_stored_checksum(c.buf);
-  c.computed = static_cast<std::uint32_t>(priv_header_checksum(c.buf));
-  c.res = priv_unformat_header(&c.hdr, c.buf);
-  if (c.magic_ok && c.stored == c.computed) {
-    c.has_fields = body_decoded(c.res);
-    return;
-  }
-  std::uint8_t fixed[PRIV_HEADER_SIZE];
-  std::memcpy(fixed, c.buf, PRIV_HEADER_SIZE);
-  priv_header_seal(fixed);
-  c.hdr = priv_header_info{};
-  c.lenient = priv_unformat_header(&c.hdr, fixed);
-  c.has_fields = body_decoded(c.lenient);
-}
-
-ojson decode_json(int res) {
+// A decoder's result; with the field it gave up at, when it names one.
+ojson decode_json(int res, const priv_decode_fault* fault = nullptr) {
   ojson d = ojson::object();
   d["status"] = res;
   d["text"] = res == 0 ? "ok" : vol_strerror(res);
+  if (fault != nullptr && fault->code != 0 && *fault->field != '\0') {
+    ojson f = ojson::object();
+    f["name"] = fault->field;
+    f["offset"] = fault->offset;
+    if (*fault->reason != '\0') f["reason"] = fault->reason;
+    d["field"] = std::move(f);
+  }
   return d;
 }
 
@@ -262,60 +237,52 @@ ojson header_copy_json(const header_copy& c, std::uint64_t ss) {
   o["sector"] = c.sector;
   if (c.sector >= 0) o["offset"] = static_cast<std::uint64_t>(c.sector) * ss;
   o["bytes_read"] = c.nread;
-  o["read"] = c.nread == PRIV_HEADER_SIZE;
-  if (c.nread < PRIV_HEADER_SIZE) return o;
+  o["read"] = c.read();
+  if (!c.read()) return o;
   const std::string_view magic(reinterpret_cast<const char*>(c.buf), PRIV_MAGIC_LEN);
   o["magic"] = json_text(magic);
   o["magic_hex"] = json_hex_bytes(magic);
   o["magic_ok"] = c.magic_ok;
   ojson sum = ojson::object();
-  sum["stored"] = json_hex(c.stored, 8);
-  sum["computed"] = json_hex(c.computed, 8);
-  sum["ok"] = c.stored == c.computed;
+  sum["stored"] = json_hex(c.stored_sum, 8);
+  sum["computed"] = json_hex(c.computed_sum, 8);
+  sum["ok"] = c.stored_sum == c.computed_sum;
   o["checksum"] = sum;
-  o["decode"] = decode_json(c.res);
-  if (c.lenient >= 0) o["decode_set_aside"] = decode_json(c.lenient);
+  o["decode"] = decode_json(c.res, &c.fault);
+  if (c.lenient_res >= 0) o["decode_set_aside"] = decode_json(c.lenient_res, &c.lenient_fault);
   if (c.has_fields) {
-    o["fields_from"] = c.res == 0 || c.lenient < 0 ? "stored" : "magic and checksum set aside";
+    o["fields_from"] = c.res == 0 || c.lenient_res < 0 ? "stored" : "magic and checksum set aside";
     o["fields"] = header_fields_json(c.hdr);
   }
   return o;
 }
 
-// "headers": both copies, the scan's choice and why. The header findings
-// join the run's. Returns whether the scan ran.
-bool write_headers(json_run& run, inspect_image& img) {
+// "headers": the model of the text view (inspect_headers.h): both copies,
+// the scan's choice and why. The header findings join the run's. Returns
+// the scan's result, or nothing when the image is too short for it.
+constexpr const char* HEADERS_NOT_SCANNED = "the image is too short to hold both header positions";
+
+std::optional<int> write_headers(json_run& run, inspect_image& img) {
   run.stage("headers");
-  header_copy p, a;
-  p.name = "primary";
-  p.sector = img.attrs().dka_primary_header;
-  a.name = "alternate";
-  a.sector = img.attrs().dka_alternate_header;
-  read_header_copy(img, p);
-  read_header_copy(img, a);
-  std::vector<finding> hf = header_findings(img);
-  std::string why;
-  for (finding& f : hf) {
-    if (f.code == finding_code::header_choice) why = f.text;
-    run.found.list.push_back(std::move(f));
-  }
-  const bool scanned = p.sector >= 0 && a.sector >= 0;
+  header_view v = analyse_headers(img);
   run.w.open_object("headers");
   const std::uint64_t ss = static_cast<std::uint64_t>(img.sector_size());
-  run.w.member("primary", header_copy_json(p, ss));
-  run.w.member("alternate", header_copy_json(a, ss));
+  run.w.member("primary", header_copy_json(v.p, ss));
+  run.w.member("alternate", header_copy_json(v.a, ss));
+  static const char* const chosen[] = {"none", "primary", "alternate"};
   ojson scan = ojson::object();
-  scan["run"] = scanned;
-  int res = scanned ? img.scan() : VE_PRIV_FORMAT;
-  scan["status"] = scanned ? res : 0;
-  const unsigned long fl = img.priv()->pri_flags;
-  scan["chosen"] = !scanned || res != 0 ? "none" : (fl & PRI_USED_ALT) != 0 ? "alternate" : "primary";
-  scan["why"] = scanned ? json_text(why)
-                        : std::string("the image is too short to hold both header positions");
+  scan["run"] = v.scanned;
+  scan["status"] = v.scan_res;
+  scan["chosen"] = chosen[static_cast<int>(v.chosen)];
+  scan["why"] = v.scanned ? json_text(v.choice) : std::string(HEADERS_NOT_SCANNED);
   run.w.member("scan", scan);
   run.w.close();
-  if (!scanned) run.stop("scan", "the image is too short to hold both header positions");
-  return scanned;
+  for (finding& f : v.findings) run.found.list.push_back(std::move(f));
+  if (!v.scanned) {
+    run.stop("scan", HEADERS_NOT_SCANNED);
+    return std::nullopt;
+  }
+  return v.scan_res;
 }
 
 // --- TOC ---------------------------------------------------------------------
@@ -787,8 +754,6 @@ bool write_config(json_run& run, inspect_image& img, int copy) {
 
 // --- scan --------------------------------------------------------------------
 
-constexpr std::size_t SCAN_RUN = 1 << 20;
-
 ojson checksum_json(std::uint32_t stored, std::uint32_t computed) {
   ojson o = ojson::object();
   o["stored"] = json_hex(stored, 8);
@@ -797,96 +762,92 @@ ojson checksum_json(std::uint32_t stored, std::uint32_t computed) {
   return o;
 }
 
-// The structure whose magic starts `p` (`len` bytes, at most a sector), or
-// null.
-ojson scan_hit(const copy_places& places, std::uint64_t sector, std::uint64_t ss,
-               const std::uint8_t* p, std::size_t len) {
-  static const struct {
-    const char* magic;
-    std::size_t len;
-  } magics[] = {{header_magic, PRIV_MAGIC_LEN},   {toc_magic, TOC_MAGIC_LEN},
-                {voldb_magic, VOLDB_MAGIC_LEN},   {ddb_blkhdr_magic, DDB_BLKHDR_MAGIC_LEN},
-                {klog_magic, KLOG_MAGIC_LEN},     {klog_magic_alt, KLOG_MAGIC_LEN}};
-  const char* magic = nullptr;
-  for (const auto& m : magics) {
-    if (len >= m.len && std::memcmp(p, m.magic, m.len) == 0) magic = m.magic;
-  }
-  if (magic == nullptr) return nullptr;
-  ojson o = ojson::object();
-  o["sector"] = sector;
-  o["offset"] = sector * ss;
-  o["magic"] = magic;
-  o["bytes"] = len;
+ojson place_json(const copy_position& at) {
+  ojson pl = ojson::object();
+  pl["kind"] = at.kind == copy_kind::config ? "config" : "log";
+  pl["copy"] = at.copy;
+  pl["block"] = at.block;
+  pl["rem"] = at.rem;
+  return pl;
+}
+
+// The decoded fields of a structure's entry.
+ojson scan_decoded_json(const scan_entry& e) {
   ojson d = ojson::object();
-  bool whole = true;
-  std::optional<std::uint32_t> blkno;
-  if (magic[0] == 'P') {
-    whole = len >= PRIV_HEADER_SIZE;
-    if (whole) {
-      d["checksum"] = checksum_json(priv_header_stored_checksum(p),
-                                    static_cast<std::uint32_t>(priv_header_checksum(p)));
-      priv_header_info h;
-      const int res = priv_unformat_header(&h, p);
-      d["decode"] = decode_json(res);
-      if (res == 0) {
-        d["update_seqno"] = json_seqno(h.phi_update_seqno);
-        d["primary_header"] = h.phi_primary_header;
-        d["alt_header"] = h.phi_alt_header;
+  switch (e.kind) {
+    case scan_kind::privhead:
+      d["checksum"] = checksum_json(e.stored_sum, e.computed_sum);
+      d["decode"] = decode_json(e.decode);
+      if (e.decode == 0) {
+        d["update_seqno"] = json_seqno(e.seqno);
+        d["primary_header"] = e.primary_header;
+        d["alt_header"] = e.alt_header;
       }
-    }
-  } else if (magic[0] == 'T') {
-    toc_block_info b;
-    whole = toc_block_decode(p, p + len, &b) != nullptr;
-    if (whole) {
-      d["checksum"] = checksum_json(b.tbi_checksum, static_cast<std::uint32_t>(priv_toc_checksum(p, len)));
-      d["update_seqno"] = json_seqno(b.tbi_seqno);
-      d["next"] = b.tbi_next;
-      d["alt_next"] = b.tbi_alt_next;
-    }
-  } else if (magic[1] == 'M') {
-    voldb_prefix_info h;
-    whole = voldb_prefix_decode(p, p + len, &h) != nullptr;
-    if (whole) {
-      d["nblocks"] = h.vdp_nblocks;
-      d["blksize"] = h.vdp_blksize;
-      d["hdrsize"] = h.vdp_hdrsize;
-      d["version_major"] = h.vdp_version_major;
-      d["version_minor"] = h.vdp_version_minor;
-      d["commit_state"] = h.vdp_commit_state;
-      blkno = 0;
-    }
-  } else if (magic[0] == 'V') {
-    ddb_blkhdr_info h;
-    whole = ddb_block_header_decode(p, p + len, &h) != nullptr;
-    if (whole) {
-      d["block"] = h.dbh_blkno;
-      d["ref"] = h.dbh_ref;
-      d["frag"] = h.dbh_frag;
-      d["nfrag"] = h.dbh_nfrag;
-      blkno = h.dbh_blkno;
-    }
-  } else {
-    klog_block_info h;
-    whole = klog_block_decode(p, p + len, &h) != nullptr;
-    if (whole) {
-      d["block"] = h.klb_blkno;
-      d["tid"] = json_seqno(h.klb_tid);
-      d["seqno"] = h.klb_seqno;
-      d["len"] = h.klb_loglen;
-      blkno = h.klb_blkno;
-    }
+      break;
+    case scan_kind::tocblock:
+      d["checksum"] = checksum_json(e.stored_sum, e.computed_sum);
+      d["update_seqno"] = json_seqno(e.seqno);
+      d["next"] = e.next;
+      d["alt_next"] = e.alt_next;
+      break;
+    case scan_kind::vmdb:
+      d["nblocks"] = e.nblocks;
+      d["blksize"] = e.blksize;
+      d["hdrsize"] = e.hdrsize;
+      d["version_major"] = e.version_major;
+      d["version_minor"] = e.version_minor;
+      d["commit_state"] = e.commit_state;
+      d["decode"] = decode_json(e.decode);
+      break;
+    case scan_kind::vblk:
+    case scan_kind::unused_run:
+      d["block"] = *e.blkno;
+      d["ref"] = e.ref;
+      d["frag"] = e.frag;
+      d["nfrag"] = e.nfrag;
+      break;
+    case scan_kind::klog:
+      d["block"] = *e.blkno;
+      d["tid"] = json_seqno(e.seqno);
+      d["seqno"] = e.log_seqno;
+      d["len"] = e.log_len;
+      break;
+    case scan_kind::damaged:
+      break;
   }
-  o["truncated"] = !whole;
-  if (whole) o["decoded"] = std::move(d);
-  if (const std::optional<copy_position> at = places.position(sector)) {
-    ojson pl = ojson::object();
-    pl["kind"] = at->kind == copy_kind::config ? "config" : "log";
-    pl["copy"] = at->copy;
-    pl["block"] = at->block;
-    pl["rem"] = at->rem;
-    if (blkno && at->rem == 0) pl["block_agrees"] = at->block == *blkno;
+  return d;
+}
+
+// One entry of the scan's model as one element of "hits".
+ojson scan_entry_json(const scan_entry& e) {
+  static const char* const kinds[] = {"structure", "structure", "structure", "structure",
+                                      "structure", "unused_run", "damaged"};
+  ojson o = ojson::object();
+  o["sector"] = e.sector;
+  o["offset"] = e.offset;
+  o["kind"] = kinds[static_cast<int>(e.kind)];
+  o["magic"] = e.magic;
+  o["bytes"] = e.bytes;
+  o["truncated"] = e.truncated;
+  if (e.count > 1) {
+    o["count"] = e.count;
+    o["last_sector"] = e.last_sector;
+    o["last_offset"] = e.last_offset;
+  }
+  if (e.kind == scan_kind::damaged) {
+    o["found"] = json_text(e.found);
+    o["found_hex"] = json_hex_bytes(e.found);
+    // The text of the place without its "; ".
+    o["where"] = json_text(e.where.size() > 2 ? e.where.substr(2) : e.where);
+  } else if (!e.truncated) {
+    o["decoded"] = scan_decoded_json(e);
+  }
+  if (e.place) {
+    ojson pl = place_json(*e.place);
+    if (e.blkno && e.place->rem == 0) pl["block_agrees"] = e.place->block == *e.blkno;
     o["place"] = std::move(pl);
   }
+  if (e.count > 1 && e.last_place) o["last_place"] = place_json(*e.last_place);
   return o;
 }
 
@@ -1086,8 +1047,7 @@ int json_config(session& s, const json_invocation& inv, const inspect_target& t,
 
 int json_headers(session& s, const json_invocation& inv, const inspect_target& t) {
   return run_document(s.out, s.err, inv, "headers", t, [](json_run& run, inspect_image& img) {
-    if (!write_headers(run, img)) return INSPECT_FINDINGS;
-    return img.scan() == 0 ? INSPECT_OK : INSPECT_FINDINGS;
+    return write_headers(run, img) == 0 ? INSPECT_OK : INSPECT_FINDINGS;
   });
 }
 
@@ -1117,31 +1077,33 @@ int json_check(session& s, const json_invocation& inv, const inspect_target& t) 
   });
 }
 
-int json_scan(session& s, const json_invocation& inv, const inspect_target& t) {
-  return run_document(s.out, s.err, inv, "scan", t, [](json_run& run, inspect_image& img) {
+int json_scan(session& s, const json_invocation& inv, const inspect_target& t,
+              const scan_request& r) {
+  return run_document(s.out, s.err, inv, "scan", t, [&r](json_run& run, inspect_image& img) {
     run.stage("scan");
+    const std::uint64_t nsect = scan_sector_count(img);
+    if (r.first >= nsect) {
+      run.stop("scan", "--range: sector " + std::to_string(r.first) +
+                           " is beyond the end of the image (" + std::to_string(nsect) +
+                           " sectors)");
+      return INSPECT_FINDINGS;
+    }
     const copy_places places = copy_places::locate_quietly(img);
     run.w.open_object("scan");
     run.w.member("located", places.joined());
     run.w.member("summary", json_text(places.summary()));
+    ojson range = ojson::object();
+    range["first"] = r.first;
+    range["count"] = r.count < nsect - r.first ? r.count : nsect - r.first;
+    run.w.member("range", range);
     run.w.open_array("hits");
-    const std::size_t ss = static_cast<std::size_t>(img.sector_size());
-    std::vector<std::uint8_t> buf(SCAN_RUN);
-    std::uint64_t found = 0, sector = 0;
-    for (std::uint64_t off = 0; off < img.file_size(); off += SCAN_RUN) {
-      const std::size_t n = img.read_at(off, buf.data(), SCAN_RUN);
-      if (n == 0) break;
-      for (std::size_t at = 0; at < n; at += ss, ++sector) {
-        const std::size_t len = n - at < ss ? n - at : ss;
-        ojson hit = scan_hit(places, sector, ss, buf.data() + at, len);
-        if (hit.is_null()) continue;
-        run.w.element(hit);
-        ++found;
-      }
-    }
+    const scan_totals n = scan_image(img, places, r, [&run](const scan_entry& e) {
+      run.w.element(scan_entry_json(e));
+    });
     run.w.close();
-    run.w.member("candidates", found);
-    run.w.member("sectors", sector);
+    run.w.member("candidates", n.candidates);
+    run.w.member("damaged", n.damaged);
+    run.w.member("sectors", n.sectors);
     run.w.close();
     return INSPECT_OK;
   });

@@ -16,7 +16,8 @@ int json_logs(session& s, const json_invocation& inv, const inspect_target& t, i
 int json_config(session& s, const json_invocation& inv, const inspect_target& t, int copy);
 int json_headers(session& s, const json_invocation& inv, const inspect_target& t);
 int json_check(session& s, const json_invocation& inv, const inspect_target& t);
-int json_scan(session& s, const json_invocation& inv, const inspect_target& t);
+int json_scan(session& s, const json_invocation& inv, const inspect_target& t,
+              const scan_request& r = {});
 int json_hexdump(session& s, const json_invocation& inv, const inspect_target& t,
                  const hexdump_request& r);
 int json_records(session& s, const json_invocation& inv, const inspect_target& t,
