@@ -14,6 +14,7 @@ choice. Last, a record name of control bytes and invalid
 UTF-8 comes out as valid UTF-8 with its raw bytes in name_hex.
 """
 import json
+import os
 import re
 import subprocess
 import sys
@@ -252,6 +253,18 @@ for args, status, stage in ((["dump", WORK + "/absent.img"], 3, "open"),
     doc = json.loads(r.stdout)
     check(r.returncode == status and doc["exit_status"] == status and doc["stop"]["stage"] == stage
           and validator.is_valid(doc), "%s: %d %s" % (args, r.returncode, doc.get("stop")))
+# extract: the region written, and OUT being the input refused at the extract stage.
+good = WORK + "/good.img"
+for out, status in ((WORK + "/extracted.img", 0), (good, 3)):
+    r = subprocess.run([PRIVINSPECT, "--json", "extract", good, out, "--force"], capture_output=True)
+    doc = json.loads(r.stdout)
+    if status == 0:
+        size = os.path.getsize(good)
+        ok = doc.get("extract") == {"out": out, "offset": 0, "length": size, "bytes": size}
+    else:
+        ok = doc["stop"]["stage"] == "extract" and "extract" not in doc
+    check(r.returncode == status and doc["exit_status"] == status and ok and validator.is_valid(doc),
+          "extract %s: %d %s" % (out, r.returncode, doc))
 for code in ("extract-error", "header-checksum", "missing-children", "duplicate-disk-id",
              "premature-eof", "log-block-invalid", "volume-count"):
     check(code in codes_seen, "no image gave the finding " + code)

@@ -18,6 +18,7 @@
 
 #include "base/errors.h"
 #include "base/session.h"
+#include "inspect/extract.h"
 #include "io/messages.h"
 #include "inspect/inspect.h"
 #include "inspect/json_views.h"
@@ -39,6 +40,8 @@ struct cli_values {
   std::vector<std::string> types;
   std::string rid_arg, name_arg;
   bool json = false;
+  std::string out;
+  bool force = false;
 };
 
 void add_image(CLI::App* sub, cli_values& v) {
@@ -58,6 +61,7 @@ struct subcommands {
   CLI::App* records;
   CLI::App* dump;
   CLI::App* locate;
+  CLI::App* extract;
 };
 
 subcommands define(CLI::App& app, cli_values& v) {
@@ -124,6 +128,13 @@ subcommands define(CLI::App& app, cli_values& v) {
       "locate", "partition tables of a whole-disk image and the private regions found in it");
   c.locate->add_option("DISK", v.target.image, "raw image of a whole disk (or of a region)")
       ->required();
+  c.extract = app.add_subcommand(
+      "extract", "write the region a view reads (of a whole disk, or a region image) to OUT as a "
+                 "region image");
+  c.extract->add_option("DISK", v.target.image, "raw image of a whole disk (or of a region)")
+      ->required();
+  c.extract->add_option("OUT", v.out, "the region image to write (never the input)")->required();
+  c.extract->add_flag("--force", v.force, "replace OUT when it exists");
   return c;
 }
 
@@ -240,6 +251,7 @@ int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
   if (c.hexdump->parsed()) return run_hexdump(s, v);
   if (c.scan->parsed()) return run_scan(s, v);
   if (c.locate->parsed()) return pd::inspect_locate(s, v.target);
+  if (c.extract->parsed()) return pd::inspect_extract(s, v.target, v.out, v.force);
   int copy = -1;
   if (!copy_number(v, copy)) return pd::INSPECT_USAGE_IO;
   if (c.logs->parsed()) return pd::inspect_logs(s, v.target, copy, v.long_listing);
@@ -258,6 +270,7 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
   const inspect_target& t = v.target;
   if (c.dump->parsed()) return pd::json_dump(s, inv, t);
   if (c.locate->parsed()) return pd::json_locate(s, inv, t);
+  if (c.extract->parsed()) return pd::json_extract(s, inv, t, v.out, v.force);
   if (c.headers->parsed()) return pd::json_headers(s, inv, t);
   if (c.check->parsed()) return pd::json_check(s, inv, t);
   if (c.scan->parsed()) return run_scan(s, v, &inv);
@@ -281,7 +294,7 @@ int check_leftovers(const CLI::App& app, const subcommands& c) {
   std::vector<std::string> left = app.remaining(true);
   const CLI::App* chosen = nullptr;
   for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records,
-                              c.dump, c.locate}) {
+                              c.dump, c.locate, c.extract}) {
     if (sub->parsed()) chosen = sub;
   }
   if (chosen == nullptr) {

@@ -22,6 +22,7 @@
 #include "config_db/record_layouts.h"
 #include "config_db/records.h"
 #include "inspect/disk_locate.h"
+#include "inspect/extract.h"
 #include "inspect/inspect_headers.h"
 #include "inspect/inspect_load.h"
 #include "inspect/inspect_places.h"
@@ -1215,6 +1216,31 @@ int json_locate(session& s, const json_invocation& inv, const inspect_target& t)
     run.w.element(o);
   }
   run.w.close();
+  return run.finish(status);
+}
+
+int json_extract(session& s, const json_invocation& inv, const inspect_target& t,
+                 const std::string& out, bool force) {
+  json_run run(s.out, s.err, inv, "extract");
+  run.stage("open");
+  extract_result r;
+  const int status = extract_region(run.in, t, out, force, &r);
+  ojson image = ojson::object();
+  image["path"] = json_text(t.image);
+  image["size"] = r.length;
+  image["sector_size"] = t.sector_size;
+  run.w.member("image", image);
+  if (status != INSPECT_OK) {
+    // Once the region is chosen, what failed is the writing.
+    run.stop(r.length > 0 ? "extract" : "open");
+    return run.finish(status);
+  }
+  ojson o = ojson::object();
+  o["out"] = json_text(r.out);
+  o["offset"] = r.offset;
+  o["length"] = r.length;
+  o["bytes"] = r.bytes;
+  run.w.member("extract", o);
   return run.finish(status);
 }
 

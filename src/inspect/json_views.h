@@ -6,6 +6,8 @@
 // returns the exit status, which the document states too.
 #pragma once
 
+#include <string>
+
 #include "base/session.h"
 #include "inspect/inspect.h"
 #include "inspect/json_out.h"
@@ -27,6 +29,9 @@ int json_records(session& s, const json_invocation& inv, const inspect_target& t
 int json_dump(session& s, const json_invocation& inv, const inspect_target& t);
 // locate: the surveys of a whole-disk image (tables, problems, candidates).
 int json_locate(session& s, const json_invocation& inv, const inspect_target& t);
+// extract: the region written to `out` (extract.h) and where it came from.
+int json_extract(session& s, const json_invocation& inv, const inspect_target& t,
+                 const std::string& out, bool force);
 
 // dump's document written to `out` (the fuzz harness's entry): the status.
 int json_dump_to(FILE* out, FILE* err, const json_invocation& inv, const inspect_target& t);
