@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "codec/text_forms.h"
+#include "report/tag_printer.h"
 
 namespace pd {
 
@@ -122,12 +123,7 @@ ojson json_bit_names(std::uint64_t word, std::initializer_list<json_bit_name> na
   return out;
 }
 
-const char* json_record_type_name(int type) {
-  static const char* const names[16] = {
-      "type0",   "volume", "plex",     "subdisk", "disk", "diskgroup", "da",   "rvol",
-      "replica", "dco",    "snapshot", "stpool",  "info", "cache",     "vset", "type15"};
-  return type >= 0 && type < 16 ? names[type] : "none";
-}
+const char* json_record_type_name(int type) { return record_kind_name(type); }
 
 namespace {
 

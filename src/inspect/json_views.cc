@@ -491,20 +491,6 @@ struct json_field {
   const voltagdesc* d;
 };
 
-std::span<const voltagdesc> tag_table(int type) {
-  switch (type) {
-    case REC_TYPE_VOL: return vtagdesc();
-    case REC_TYPE_PLEX: return ptagdesc();
-    case REC_TYPE_SD: return stagdesc();
-    case REC_TYPE_DM: return mtagdesc();
-    case REC_TYPE_DG: return gtagdesc();
-    case REC_TYPE_DA: return atagdesc();
-    case REC_TYPE_DCO: return dcotagdesc();
-    case REC_TYPE_SNAP: return snaptagdesc();
-    default: return {};
-  }
-}
-
 // The fields of each kind, each tag once under its first name; entries
 // without a member (lists, pseudo-fields) are left out.
 const std::vector<json_field>& fields_of(int type) {
@@ -512,7 +498,7 @@ const std::vector<json_field>& fields_of(int type) {
     std::vector<std::vector<json_field>> v(16);
     for (int t = 0; t < 16; ++t) {
       std::vector<int> seen;
-      for (const voltagdesc& d : tag_table(t)) {
+      for (const voltagdesc& d : record_tag_table(t)) {
         if (d.type == TAG_NOOP || d.width == 0) continue;
         bool dup = false;
         for (int tag : seen) dup = dup || tag == d.tag;
@@ -656,19 +642,6 @@ ojson summary_json(volseqno_t tid, const vol_summary& c) {
   return o;
 }
 
-const char* commit_state_name(unsigned state) {
-  switch (state) {
-    case VDBI_CLEAN: return "CLEAN";
-    case VDBI_CHANGE: return "CHANGE";
-    case VDBI_COMMIT: return "COMMIT";
-    case VDBI_ABORT: return "ABORT";
-    case VDBI_NEW: return "NEW";
-    case VDBI_STALE: return "STALE";
-    case VDBI_OFFLINE: return "OFFLINE";
-    default: return "[BAD-STATE]";
-  }
-}
-
 ojson count_json(unsigned long claimed, int left) {
   ojson o = ojson::object();
   o["header"] = claimed;
@@ -709,7 +682,7 @@ bool write_config(json_run& run, inspect_image& img, int copy) {
   d["hdrsize"] = db->ddb_hdrsize;
   d["flags"] = json_hex(db->ddb_flag, 4);
   d["commit_state"] = h.vdbi_commit_state;
-  d["commit_state_name"] = commit_state_name(h.vdbi_commit_state);
+  d["commit_state_name"] = commit_state_word(h.vdbi_commit_state);
   d["version_major"] = h.vdbi_version_major;
   d["version_minor"] = h.vdbi_version_minor;
   d["timestamp"] = h.vdbi_nt_update_time;

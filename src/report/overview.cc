@@ -14,11 +14,6 @@
 
 namespace pd {
 
-namespace {
-
-// Width of one level of the tree prefix.
-constexpr int TREE_LEVEL = 4;
-
 const char* commit_state_word(unsigned state) {
   switch (state) {
     case VDBI_CLEAN: return "CLEAN";
@@ -31,6 +26,11 @@ const char* commit_state_word(unsigned state) {
     default: return "[BAD-STATE]";
   }
 }
+
+namespace {
+
+// Width of one level of the tree prefix.
+constexpr int TREE_LEVEL = 4;
 
 void print_block_map(FILE* out, const dbase* db, int showfree) {
   if (showfree != 0) {

@@ -31,6 +31,10 @@
 
 namespace pd {
 
+// The name of a database commit state ("CLEAN", ...), "[BAD-STATE]" for
+// any other value.
+const char* commit_state_word(unsigned state);
+
 class record_printer;
 
 // A node of a name-sorted list of store records.

@@ -83,6 +83,14 @@ std::span<const voltagdesc> atagdesc();
 std::span<const voltagdesc> dcotagdesc();
 std::span<const voltagdesc> snaptagdesc();
 
+// The table of a record type (dbr_type & 15); empty for the types without
+// one.
+std::span<const voltagdesc> record_tag_table(int type);
+
+// The name of a record type (dbr_type & 15): "volume", "plex", ... "type15";
+// "none" outside 0-15.
+const char* record_kind_name(int type);
+
 // Value tables.
 std::span<const valtbl> vkstates();
 std::span<const valtbl> pkstates();

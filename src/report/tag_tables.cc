@@ -654,4 +654,25 @@ std::span<const valtbl> logtypes() { return logtype_table; }
 std::span<const valtbl> excepts() { return except_table; }
 std::span<const valtbl> rpols() { return rpol_table; }
 
+std::span<const voltagdesc> record_tag_table(int type) {
+  switch (type) {
+    case REC_TYPE_VOL: return vtagdesc();
+    case REC_TYPE_PLEX: return ptagdesc();
+    case REC_TYPE_SD: return stagdesc();
+    case REC_TYPE_DM: return mtagdesc();
+    case REC_TYPE_DG: return gtagdesc();
+    case REC_TYPE_DA: return atagdesc();
+    case REC_TYPE_DCO: return dcotagdesc();
+    case REC_TYPE_SNAP: return snaptagdesc();
+    default: return {};
+  }
+}
+
+const char* record_kind_name(int type) {
+  static const char* const names[16] = {
+      "type0",   "volume", "plex",     "subdisk", "disk", "diskgroup", "da",   "rvol",
+      "replica", "dco",    "snapshot", "stpool",  "info", "cache",     "vset", "type15"};
+  return type >= 0 && type < 16 ? names[type] : "none";
+}
+
 }  // namespace pd
