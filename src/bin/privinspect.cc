@@ -19,6 +19,7 @@
 #include "base/errors.h"
 #include "base/session.h"
 #include "inspect/extract.h"
+#include "inspect/inspect_compare.h"
 #include "io/messages.h"
 #include "inspect/inspect.h"
 #include "inspect/json_views.h"
@@ -42,6 +43,7 @@ struct cli_values {
   bool json = false;
   std::string out;
   bool force = false;
+  std::vector<std::string> images;  // compare
 };
 
 void add_image(CLI::App* sub, cli_values& v) {
@@ -62,6 +64,7 @@ struct subcommands {
   CLI::App* dump;
   CLI::App* locate;
   CLI::App* extract;
+  CLI::App* compare;
 };
 
 subcommands define(CLI::App& app, cli_values& v) {
@@ -135,6 +138,14 @@ subcommands define(CLI::App& app, cli_values& v) {
       ->required();
   c.extract->add_option("OUT", v.out, "the region image to write (never the input)")->required();
   c.extract->add_flag("--force", v.force, "replace OUT when it exists");
+
+  // Several disks of a group.
+  c.compare = app.add_subcommand(
+      "compare", "the disks of one group side by side: headers, copies, stale disks, record "
+                 "differences and which disks each database holds; status 0 all agree, "
+                 "1 differences, 2 nothing comparable, 3 usage or I/O error");
+  c.compare->add_option("IMAGE", v.images, "raw image of a region or whole disk, one per disk")
+      ->required();
   return c;
 }
 
@@ -247,7 +258,19 @@ int run_scan(pd::session& s, const cli_values& v, const pd::json_invocation* jso
   return json != nullptr ? pd::json_scan(s, *json, v.target, r) : pd::inspect_scan(s, v.target, r);
 }
 
+// compare's images, each read with the global options.
+std::vector<inspect_target> compare_targets(const cli_values& v) {
+  std::vector<inspect_target> out;
+  for (const std::string& image : v.images) {
+    inspect_target t = v.target;
+    t.image = image;
+    out.push_back(t);
+  }
+  return out;
+}
+
 int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
+  if (c.compare->parsed()) return pd::inspect_compare(s, compare_targets(v));
   if (c.hexdump->parsed()) return run_hexdump(s, v);
   if (c.scan->parsed()) return run_scan(s, v);
   if (c.locate->parsed()) return pd::inspect_locate(s, v.target);
@@ -269,6 +292,7 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
                   const pd::json_invocation& inv) {
   const inspect_target& t = v.target;
   if (c.dump->parsed()) return pd::json_dump(s, inv, t);
+  if (c.compare->parsed()) return pd::json_compare(s, inv, compare_targets(v));
   if (c.locate->parsed()) return pd::json_locate(s, inv, t);
   if (c.extract->parsed()) return pd::json_extract(s, inv, t, v.out, v.force);
   if (c.headers->parsed()) return pd::json_headers(s, inv, t);
@@ -294,7 +318,7 @@ int check_leftovers(const CLI::App& app, const subcommands& c) {
   std::vector<std::string> left = app.remaining(true);
   const CLI::App* chosen = nullptr;
   for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records,
-                              c.dump, c.locate, c.extract}) {
+                              c.dump, c.locate, c.extract, c.compare}) {
     if (sub->parsed()) chosen = sub;
   }
   if (chosen == nullptr) {

@@ -23,6 +23,7 @@
 #include "config_db/records.h"
 #include "inspect/disk_locate.h"
 #include "inspect/extract.h"
+#include "inspect/inspect_compare.h"
 #include "inspect/inspect_headers.h"
 #include "inspect/inspect_load.h"
 #include "inspect/inspect_places.h"
@@ -961,6 +962,122 @@ bool record_passes(const record* r, const records_filter& f) {
   return true;
 }
 
+// --- compare -----------------------------------------------------------------
+
+ojson texts(const std::vector<std::string>& v) {
+  ojson a = ojson::array();
+  for (const std::string& x : v) a.push_back(json_text(x));
+  return a;
+}
+
+// compare's model (inspect_compare.h) as the document's "compare" member.
+ojson compare_json(const compare_model& m) {
+  ojson o = ojson::object();
+  ojson disks = ojson::array();
+  for (std::size_t i = 0; i < m.disks.size(); ++i) {
+    const compare_disk& d = m.disks[i];
+    ojson j = ojson::object();
+    j["disk"] = i + 1;
+    j["path"] = json_text(d.path);
+    j["opened"] = d.opened;
+    j["usable"] = d.usable;
+    if (!d.usable) j["problem"] = d.problem;
+    j["disk_name"] = json_text(d.disk_name);
+    j["disk_id"] = json_text(d.disk_id);
+    j["group_name"] = json_text(d.group_name);
+    j["group_id"] = json_text(d.group_id);
+    ojson headers = ojson::object();
+    const std::pair<const char*, const compare_header_copy*> both[] = {{"primary", &d.primary},
+                                                                        {"alternate", &d.alternate}};
+    for (const auto& [name, h] : both) {
+      ojson c = ojson::object();
+      c["seqno"] = h->seqno.empty() ? ojson(nullptr) : ojson(h->seqno);
+      c["checksum"] = h->checksum.empty() ? ojson(nullptr) : ojson(h->checksum);
+      headers[name] = c;
+    }
+    j["headers"] = headers;
+    ojson copies = ojson::array();
+    for (const compare_config_copy& c : d.copies) {
+      ojson x = ojson::object();
+      x["copy"] = c.copy;
+      x["enabled"] = c.enabled;
+      x["loaded"] = c.loaded;
+      if (c.loaded) {
+        x["tid"] = c.tid;
+        x["commit_state"] = c.commit_state;
+        x["commit_state_name"] = c.commit_state_name;
+        x["version"] = c.version;
+      }
+      copies.push_back(x);
+    }
+    j["config_copies"] = copies;
+    ojson logs = ojson::array();
+    for (const compare_log_copy& l : d.logs) {
+      ojson x = ojson::object();
+      x["copy"] = l.copy;
+      x["read"] = l.read;
+      x["highest_tid"] = l.highest_tid.empty() ? ojson(nullptr) : ojson(l.highest_tid);
+      logs.push_back(x);
+    }
+    j["log_copies"] = logs;
+    j["compared_copy"] = d.db_copy < 0 ? ojson(nullptr) : ojson(d.db_copy);
+    disks.push_back(j);
+  }
+  o["disks"] = disks;
+  ojson groups = ojson::array();
+  for (const compare_group& g : m.groups) {
+    ojson x = ojson::object();
+    x["tid"] = g.tid;
+    ojson holders = ojson::array();
+    for (const compare_holder& h : g.holders) {
+      holders.push_back({{"disk", h.disk + 1}, {"copies", h.copies}});
+    }
+    x["holders"] = holders;
+    groups.push_back(x);
+  }
+  o["same_database"] = groups;
+  ojson stale = ojson::array();
+  for (const compare_stale& st : m.stale) stale.push_back({{"disk", st.disk + 1}, {"why", texts(st.why)}});
+  o["stale"] = stale;
+  auto numbers = [](const std::vector<std::size_t>& v) {
+    ojson a = ojson::array();
+    for (std::size_t i : v) a.push_back(i + 1);
+    return a;
+  };
+  ojson records = ojson::array();
+  for (const compare_record_diff& r : m.records) {
+    ojson x = ojson::object();
+    x["rid"] = r.rid;
+    x["type_name"] = r.type_name;
+    x["name"] = json_text(r.name);
+    x["on"] = numbers(r.on);
+    x["missing"] = numbers(r.missing);
+    ojson fields = ojson::array();
+    for (const compare_field_diff& fd : r.fields) {
+      ojson values = ojson::array();
+      for (const compare_value& v : fd.values) {
+        values.push_back({{"disk", v.disk + 1}, {"value", v.present ? ojson(json_text(v.value)) : ojson(nullptr)}});
+      }
+      fields.push_back({{"field", json_text(fd.name)}, {"values", values}});
+    }
+    x["fields"] = fields;
+    records.push_back(x);
+  }
+  o["records"] = records;
+  ojson rows = ojson::array();
+  for (const compare_row& r : m.membership) {
+    ojson holds = ojson::array();
+    for (int h : r.holds) holds.push_back(h < 0 ? ojson(nullptr) : ojson(h == 1));
+    rows.push_back({{"disk", r.disk + 1}, {"holds", holds}, {"others", texts(r.others)}});
+  }
+  o["membership"] = rows;
+  o["problems"] = texts(m.problems);
+  o["verdict"] = m.verdict;
+  o["verdict_why"] = json_text(m.verdict_why);
+  return o;
+}
+
+
 // The status of a run stopped by a fatal condition of the library.
 int fatal_status(const fatal_exit& e) {
   return e.kind == fatal_kind::unreadable ? INSPECT_USAGE_IO : INSPECT_FINDINGS;
@@ -1215,6 +1332,21 @@ int json_extract(session& s, const json_invocation& inv, const inspect_target& t
   o["bytes"] = r.bytes;
   run.w.member("extract", o);
   return run.finish(status);
+}
+
+int json_compare(session& s, const json_invocation& inv, const std::vector<inspect_target>& disks) {
+  json_run run(s.out, s.err, inv, "compare");
+  run.stage("compare");
+  const compare_model m = build_compare(run.in, disks);
+  // The envelope's image is the first one given; "compare" lists them all.
+  ojson image = ojson::object();
+  image["path"] = json_text(disks.empty() ? std::string() : disks[0].image);
+  image["size"] = m.disks.empty() ? 0 : m.disks[0].size;
+  image["sector_size"] = disks.empty() ? 512 : disks[0].sector_size;
+  run.w.member("image", image);
+  run.w.member("compare", compare_json(m));
+  if (m.status == INSPECT_USAGE_IO || m.status == INSPECT_UNUSABLE) run.stop_here(m.verdict);
+  return run.finish(m.status);
 }
 
 }  // namespace pd

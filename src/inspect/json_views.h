@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "base/session.h"
 #include "inspect/inspect.h"
@@ -32,6 +33,9 @@ int json_locate(session& s, const json_invocation& inv, const inspect_target& t)
 // extract: the region written to `out` (extract.h) and where it came from.
 int json_extract(session& s, const json_invocation& inv, const inspect_target& t,
                  const std::string& out, bool force);
+
+// compare IMAGE...: the model of inspect_compare.h.
+int json_compare(session& s, const json_invocation& inv, const std::vector<inspect_target>& disks);
 
 // dump's document written to `out` (the fuzz harness's entry): the status.
 int json_dump_to(FILE* out, FILE* err, const json_invocation& inv, const inspect_target& t);
