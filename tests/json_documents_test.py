@@ -265,6 +265,32 @@ for out, status in ((WORK + "/extracted.img", 0), (good, 3)):
         ok = doc["stop"]["stage"] == "extract" and "extract" not in doc
     check(r.returncode == status and doc["exit_status"] == status and ok and validator.is_valid(doc),
           "extract %s: %d %s" % (out, r.returncode, doc))
+# compare: a group of two disks, one stale and lacking the other's dm record;
+# the same disks agreeing; no image to read.
+GROUP_DISK = """disk sector-size=512 sectors=1024
+header diskid=%s dgname=dg1 dgid=8f1e3b4c-0d2a-4e5f-9a6b-7c8d9e0f1a2b seqno=%s
+region config copy=1 offset=17 len=300
+copy-content config copy=1 content=config begin
+  database dgname=dg1 dgid=8f1e3b4c-0d2a-4e5f-9a6b-7c8d9e0f1a2b config-tid=%s
+  group name=dg1 rid=0.1000 version=171
+  disk name=disk01 rid=0.1001 diskid=a0000001-1234-0002-4041-424344454647
+%s  volume name=vol1 rid=0.1010 len=2048 pl_num=1
+end
+"""
+build("group1", GROUP_DISK % ("a0000001-1234-0002-4041-424344454647", "0.17", "0.250", "  disk name=disk02 rid=0.1002 diskid=a0000002-1234-0002-4041-424344454647\n"))
+build("group2", GROUP_DISK % ("a0000002-1234-0002-4041-424344454647", "0.17", "0.250", "  disk name=disk02 rid=0.1002 diskid=a0000002-1234-0002-4041-424344454647\n"))
+build("group2-stale", GROUP_DISK % ("a0000002-1234-0002-4041-424344454647", "0.16", "0.240", ""))
+for images, status, want in (
+        (["group1", "group2-stale"], 1,
+         lambda c: c["stale"][0]["disk"] == 2 and c["membership"][1]["holds"] == [True, False]
+         and c["records"][0]["missing"] == [2]),
+        (["group1", "group2"], 0, lambda c: len(c["same_database"]) == 1 and c["verdict"] == "agree"),
+        (["no-such"], 3, lambda c: c["verdict"] == "unreadable")):
+    r = subprocess.run([PRIVINSPECT, "--json", "compare"] + ["%s/%s.img" % (WORK, i) for i in images],
+                       capture_output=True)
+    doc = json.loads(r.stdout)
+    check(r.returncode == status and doc["exit_status"] == status and validator.is_valid(doc)
+          and want(doc["compare"]), "compare %s: %d %s" % (images, r.returncode, doc.get("compare")))
 for code in ("extract-error", "header-checksum", "missing-children", "duplicate-disk-id",
              "premature-eof", "log-block-invalid", "volume-count"):
     check(code in codes_seen, "no image gave the finding " + code)
