@@ -1,5 +1,5 @@
-// privinspect compare: a group's disks built from descriptions that share
-// the group and differ where each case wants.
+// privinspect compare: the disks of a group, built from descriptions that
+// share the group and differ where each case wants.
 #include <string>
 #include <vector>
 
@@ -8,35 +8,10 @@
 namespace pd::test {
 namespace {
 
-// One disk of group dg1 (disks 1-3): header seqno, config tid, the volume's
-// length, and whether the database holds disk03's dm record.
-std::string group_disk(int n, const char* seqno = "0.17", const char* tid = "0.250",
-                       const char* vol_len = "409600", bool with_disk03 = true) {
-  const std::string id = "a000000" + std::to_string(n) + "-1234-0002-4041-424344454647";
-  std::string records =
-      "  group name=dg1 rid=0.1000 nconfig=2 nlog=1 version=171\n"
-      "  disk name=disk01 rid=0.1001 diskid=a0000001-1234-0002-4041-424344454647\n"
-      "  disk name=disk02 rid=0.1002 diskid=a0000002-1234-0002-4041-424344454647\n";
-  if (with_disk03) {
-    records += "  disk name=disk03 rid=0.1003 diskid=a0000003-1234-0002-4041-424344454647\n";
-  }
-  records += std::string("  volume name=vol1 rid=0.1010 len=") + vol_len +
-             " pl_num=1 state=ACTIVE\n"
-             "  plex name=vol1-01 rid=0.1011 vol_rid=0.1010 sd_num=1 layout=2 state=ACTIVE\n"
-             "  subdisk name=disk01-01 rid=0.1012 plex_rid=0.1011 dm_rid=0.1001 len=409600\n";
-  std::string desc = "disk sector-size=512 sectors=1024\nheader diskid=" + id +
-                     " dgname=dg1 dgid=8f1e3b4c-0d2a-4e5f-9a6b-7c8d9e0f1a2b seqno=" + seqno +
-                     "\nregion config copy=1 offset=17 len=300\n"
-                     "region config copy=2 offset=317 len=300\n"
-                     "region log copy=1 offset=617 len=50 content=log begin\n"
-                     "  block tid=0.249 seqno=1\n  entry type=commit tid=0.249\nend\n";
-  for (int copy : {1, 2}) {
-    desc += "copy-content config copy=" + std::to_string(copy) +
-            " content=config begin\n  database dgname=dg1 "
-            "dgid=8f1e3b4c-0d2a-4e5f-9a6b-7c8d9e0f1a2b config-tid=" +
-            tid + "\n" + records + "end\n";
-  }
-  return desc;
+// A disk of examples/group: dg1's disks 01 (current), 02 (stale, from
+// before disk03 joined) and 03 (vol1 longer than on disk01).
+std::string group_disk(const char* name) {
+  return read_text(std::string(PD_SOURCE_DIR "/examples/group/") + name + ".desc");
 }
 
 struct compare_case {
@@ -47,12 +22,14 @@ struct compare_case {
 };
 
 TEST(InspectCompare, StatusesAndVerdicts) {
-  const std::string d1 = build_to_file(group_disk(1), "cmp1.img");
-  const std::string d2 = build_to_file(group_disk(2), "cmp2.img");
-  // Stale, from before disk03 joined the group.
-  const std::string stale = build_to_file(group_disk(2, "0.16", "0.240", "409600", false),
-                                          "cmp2-stale.img");
-  const std::string changed = build_to_file(group_disk(3, "0.17", "0.250", "614400"), "cmp3.img");
+  const std::string d1 = build_to_file(group_disk("disk01"), "cmp1.img");
+  const std::string stale = build_to_file(group_disk("disk02"), "cmp2.img");
+  std::string current3 = group_disk("disk03");
+  const std::string changed = build_to_file(current3, "cmp3.img");
+  // disk03 with disk01's database.
+  current3.replace(current3.find("len=614400"), 10, "len=409600");
+  current3.replace(current3.find("len=614400"), 10, "len=409600");
+  const std::string same = build_to_file(current3, "cmp3-same.img");
   const std::string blank = temp_dir() + "/cmp-blank.img";
   write_file(blank, std::vector<std::uint8_t>(1024 * 512, 0));
   const std::vector<compare_case> cases = {
@@ -67,9 +44,9 @@ TEST(InspectCompare, StatusesAndVerdicts) {
         "verdict: differences: 3 different databases; 1 stale disk ([2] disk02); 2 records "
         "differ; 1 database lacks a disk given\n"}},
       {"identical",
-       {d1, d2},
+       {d1, same},
        0,
-       {"same database:\n    tid 0.250: [1] disk01 copies 1, 2; [2] disk02 copies 1, 2\n"
+       {"same database:\n    tid 0.250: [1] disk01 copies 1, 2; [2] disk03 copies 1, 2\n"
         "membership",
         "verdict: agree\n"}},
       {"same disk id",
@@ -87,7 +64,9 @@ TEST(InspectCompare, StatusesAndVerdicts) {
     args.insert(args.end(), c.images.begin(), c.images.end());
     const process_result r = inspect(args);
     EXPECT_EQ(r.status, c.status) << r.out << r.err;
-    for (const std::string& line : c.lines) EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n--\n" << r.out;
+    for (const std::string& line : c.lines) {
+      EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n--\n" << r.out;
+    }
   }
 }
 

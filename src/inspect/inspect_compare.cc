@@ -425,7 +425,9 @@ compare_model build_compare(session& s, const std::vector<inspect_target>& targe
     }
     why.push_back(st + ")");
   }
-  if (!m.records.empty()) why.push_back(count(m.records.size(), "record differs", "records differ"));
+  if (!m.records.empty()) {
+    why.push_back(count(m.records.size(), "record differs", "records differ"));
+  }
   if (lacking > 0) {
     why.push_back(count(lacking, "database lacks a disk given", "databases lack a disk given"));
   }
@@ -569,7 +571,9 @@ int print_compare(FILE* f, const compare_model& m) {
     };
     o.text("membership (row: a disk's database; column: the disks given):\n");
     std::vector<std::string> heads;
-    for (std::size_t j = 0; j < m.disks.size(); ++j) heads.push_back("[" + std::to_string(j + 1) + "]");
+    for (std::size_t j = 0; j < m.disks.size(); ++j) {
+      heads.push_back("[" + std::to_string(j + 1) + "]");
+    }
     o.text(row_text("", heads));
     for (const compare_row& r : m.membership) {
       std::vector<std::string> cells;

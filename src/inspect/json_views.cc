@@ -987,8 +987,8 @@ ojson compare_json(const compare_model& m) {
     j["group_name"] = json_text(d.group_name);
     j["group_id"] = json_text(d.group_id);
     ojson headers = ojson::object();
-    const std::pair<const char*, const compare_header_copy*> both[] = {{"primary", &d.primary},
-                                                                        {"alternate", &d.alternate}};
+    const std::pair<const char*, const compare_header_copy*> both[] = {
+        {"primary", &d.primary}, {"alternate", &d.alternate}};
     for (const auto& [name, h] : both) {
       ojson c = ojson::object();
       c["seqno"] = h->seqno.empty() ? ojson(nullptr) : ojson(h->seqno);
@@ -1037,7 +1037,9 @@ ojson compare_json(const compare_model& m) {
   }
   o["same_database"] = groups;
   ojson stale = ojson::array();
-  for (const compare_stale& st : m.stale) stale.push_back({{"disk", st.disk + 1}, {"why", texts(st.why)}});
+  for (const compare_stale& st : m.stale) {
+    stale.push_back({{"disk", st.disk + 1}, {"why", texts(st.why)}});
+  }
   o["stale"] = stale;
   auto numbers = [](const std::vector<std::size_t>& v) {
     ojson a = ojson::array();
@@ -1056,7 +1058,8 @@ ojson compare_json(const compare_model& m) {
     for (const compare_field_diff& fd : r.fields) {
       ojson values = ojson::array();
       for (const compare_value& v : fd.values) {
-        values.push_back({{"disk", v.disk + 1}, {"value", v.present ? ojson(json_text(v.value)) : ojson(nullptr)}});
+        const ojson value = v.present ? ojson(json_text(v.value)) : ojson(nullptr);
+        values.push_back({{"disk", v.disk + 1}, {"value", value}});
       }
       fields.push_back({{"field", json_text(fd.name)}, {"values", values}});
     }
@@ -1334,7 +1337,8 @@ int json_extract(session& s, const json_invocation& inv, const inspect_target& t
   return run.finish(status);
 }
 
-int json_compare(session& s, const json_invocation& inv, const std::vector<inspect_target>& disks) {
+int json_compare(session& s, const json_invocation& inv,
+                 const std::vector<inspect_target>& disks) {
   json_run run(s.out, s.err, inv, "compare");
   run.stage("compare");
   const compare_model m = build_compare(run.in, disks);

@@ -35,7 +35,8 @@ int json_extract(session& s, const json_invocation& inv, const inspect_target& t
                  const std::string& out, bool force);
 
 // compare IMAGE...: the model of inspect_compare.h.
-int json_compare(session& s, const json_invocation& inv, const std::vector<inspect_target>& disks);
+int json_compare(session& s, const json_invocation& inv,
+                 const std::vector<inspect_target>& disks);
 
 // dump's document written to `out` (the fuzz harness's entry): the status.
 int json_dump_to(FILE* out, FILE* err, const json_invocation& inv, const inspect_target& t);
