@@ -16,6 +16,7 @@
 #include "config_db/block_store.h"
 #include "config_db/record_layouts.h"
 #include "driver/driver.h"
+#include "inspect/disk_locate.h"
 #include "inspect/inspect.h"
 #include "inspect/json_views.h"
 #include "io/dump_device.h"
@@ -120,6 +121,16 @@ void check_image(const std::string& path, int sector_size) {
   session s(null_sink(), null_sink());
   try {
     inspect_check(s, inspect_target{path, sector_size}, true);
+  } catch (const fatal_exit&) {
+  }
+}
+
+// privinspect's locate, then a view through the region it finds.
+void locate_image(const std::string& path, int sector_size) {
+  session s(null_sink(), null_sink());
+  try {
+    inspect_locate(s, inspect_target{path, sector_size});
+    inspect_records(s, inspect_target{path, sector_size}, records_filter{});
   } catch (const fatal_exit&) {
   }
 }
@@ -295,6 +306,7 @@ bool decode_pipeline_input(const std::uint8_t* data, std::size_t size, pipeline_
   in->scan = (flags & PIPE_SCAN) != 0;
   in->check = (flags & PIPE_CHECK) != 0;
   in->json = (flags & PIPE_JSON) != 0;
+  in->locate = (flags & PIPE_LOCATE) != 0;
   in->image.clear();
   expand_image(flags, data + 1, data + size, &in->image);
   if ((flags & PIPE_FIXSUMS) != 0) fix_checksums(in->image, static_cast<std::size_t>(in->sector_size));
@@ -341,6 +353,7 @@ int run_pipeline(const std::uint8_t* data, std::size_t size) {
   if (in.scan) scan_image(path, in.sector_size);
   if (in.check) check_image(path, in.sector_size);
   if (in.json) dump_json(path, in.sector_size);
+  if (in.locate) locate_image(path, in.sector_size);
   return status;
 }
 

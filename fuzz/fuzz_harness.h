@@ -18,6 +18,9 @@
 //               decodes when the scan fails
 //   flag bit 6  also privinspect's dump as a JSON document, into memory: it
 //               must parse, with an exit_status of 0 to 3 (else abort)
+//   flag bit 7  also privinspect's locate (the partition tables and every
+//               probe of a whole disk), then its records view, which reads a
+//               whole-disk image through the window on the region found
 // Sparse image: length (4 bytes big-endian, cut to PIPELINE_MAX_IMAGE), fill
 // byte, then chunks until the input ends: offset (4 bytes big-endian), count
 // (2 bytes big-endian), count bytes; a chunk is cut at the image's end.
@@ -55,6 +58,7 @@ inline constexpr std::uint8_t PIPE_FIXSUMS = 0x8;
 inline constexpr std::uint8_t PIPE_SCAN = 0x10;
 inline constexpr std::uint8_t PIPE_CHECK = 0x20;
 inline constexpr std::uint8_t PIPE_JSON = 0x40;
+inline constexpr std::uint8_t PIPE_LOCATE = 0x80;
 
 struct pipeline_input {
   int sector_size = 512;
@@ -62,6 +66,7 @@ struct pipeline_input {
   bool scan = false;
   bool check = false;
   bool json = false;
+  bool locate = false;
   std::vector<std::uint8_t> image;
 };
 

@@ -226,6 +226,13 @@ std::vector<image_variant> image_variants(const std::vector<std::string>& group,
                    "region log copy=1 offset=350 len=8 block=1" + log_body,
                pd::fuzz::PIPE_LOGS, false});
   v.push_back({"512_search", "disk sector-size=512 sectors=480\nhdrcopy 64 alternate=64\n", 0, false});
+  // Whole disks: the region in a GPT partition, and at the end of an MBR disk.
+  v.push_back({"512_gpt_disk", d512 + "region config copy=1 offset=100 len=180" + content(group) +
+                                   "whole-disk table=gpt sectors=4096 region=partition\n",
+               0, false});
+  v.push_back({"512_mbr_disk", d512 + "region config copy=1 offset=100 len=180" + content(group) +
+                                   "whole-disk table=mbr sectors=1200\npartition start=40 len=200\n",
+               0, false});
   // 64 sectors of 4096 bytes: primary 63, alternate 40.
   const std::string d4096 = "disk sector-size=4096 sectors=64\nheader seqno=0.3\n";
   v.push_back({"4096_group",
@@ -350,7 +357,7 @@ int main(int argc, char** argv) {
     }
     const auto flags = static_cast<std::uint8_t>(iv.flags | pd::fuzz::PIPE_FIXSUMS | pd::fuzz::PIPE_SCAN |
                                                 pd::fuzz::PIPE_CHECK |
-                                                pd::fuzz::PIPE_JSON);
+                                                pd::fuzz::PIPE_JSON | pd::fuzz::PIPE_LOCATE);
     write_seed("pipeline", iv.name, encode_sparse_input(flags, img, 0));
     if (iv.raw) {
       bytes raw{iv.flags};

@@ -57,6 +57,9 @@ TEST(InspectDisk, LocateEachTableAndProbe) {
         "1          3128832        1048576    512  magic scan: alternate header at sector 7967"}},
       {"mbr-past-end", "whole-disk table=mbr sectors=8192\npartition start=8000 len=1000\n", 0,
        {"!! MBR entry 1: sectors 8000..8999 do not lie inside the image's 8192 sectors; skipped"}},
+      // A header that claims more sectors than its partition holds.
+      {"claims-more", "header priv-len=5000\nwhole-disk table=gpt sectors=8192 region=partition\n",
+       0, {"its header (primary header in its last sector) gives a region of 5000 sectors, not within the 2048"}},
       {"mbr-overlap",
        "whole-disk table=mbr sectors=8192 region=partition\npartition start=40 len=2100\n", 0,
        {"!! MBR partitions 1 and 2 overlap (sectors 2048..2139)", "MBR partition 2: primary"}},

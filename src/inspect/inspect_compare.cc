@@ -383,7 +383,9 @@ compare_model build_compare(session& s, const std::vector<inspect_target>& targe
     std::vector<std::pair<int, std::string>> digests;
     read_disk(s, targets[i], d, digests);
     io_error = io_error || !d.opened;
-    for (auto& [copy, dg] : digests) {
+    for (const auto& entry : digests) {
+      const int copy = entry.first;
+      const std::string& dg = entry.second;
       auto it = std::find_if(held.begin(), held.end(), [&](const auto& h) {
         return h.first == dg && h.second.disk == i;
       });
