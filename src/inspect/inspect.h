@@ -19,6 +19,8 @@
 
 namespace pd {
 
+struct record;
+
 // logs [--copy N] [--long]: the log dump of one copy (copy >= 0) or all.
 int inspect_logs(session& s, const inspect_target& t, int copy, bool long_listing);
 
@@ -72,5 +74,7 @@ std::string record_type_names();
 bool records_parse(session& s, const std::vector<std::string>& types, const std::string& rid,
                    const std::string& name, records_filter& f);
 int inspect_records(session& s, const inspect_target& t, const records_filter& f);
+// Whether `r` passes every filter of `f`.
+bool records_match(const record* r, const records_filter& f);
 
 }  // namespace pd

@@ -50,16 +50,6 @@ bool lookup_type(const std::string& text, int& type) {
   return false;
 }
 
-bool matches(const record* r, const records_filter& f) {
-  if (!f.types.empty()) {
-    bool any = false;
-    for (int t : f.types) any = any || t == r->type;
-    if (!any) return false;
-  }
-  if (f.rid && !seqno_equal(*f.rid, r->rid)) return false;
-  if (f.name && *f.name != r->name) return false;
-  return true;
-}
 
 }  // namespace
 
@@ -118,7 +108,7 @@ int inspect_records(session& s, const inspect_target& t, const records_filter& f
   int matched = 0;
   for (record* r = lc.rep.rlist; r != nullptr; r = r->next) {
     total++;
-    if (!matches(r, f)) continue;
+    if (!records_match(r, f)) continue;
     matched++;
     pr.print_record(lc.rep.db, r->dbrec);
     std::fflush(mem);
@@ -129,6 +119,17 @@ int inspect_records(session& s, const inspect_target& t, const records_filter& f
   std::free(text);
   out.printf("#%d of %d record(s) of config copy %d match\n", matched, total, cp->ci_copy);
   return matched > 0 ? INSPECT_OK : INSPECT_FINDINGS;
+}
+
+bool records_match(const record* r, const records_filter& f) {
+  if (!f.types.empty()) {
+    bool any = false;
+    for (int t : f.types) any = any || t == r->type;
+    if (!any) return false;
+  }
+  if (f.rid && !seqno_equal(*f.rid, r->rid)) return false;
+  if (f.name && *f.name != r->name) return false;
+  return true;
 }
 
 }  // namespace pd

@@ -951,17 +951,6 @@ int hexdump_record(json_run& run, inspect_image& img, int copy, const std::strin
   return INSPECT_OK;
 }
 
-bool record_passes(const record* r, const records_filter& f) {
-  if (!f.types.empty()) {
-    bool any = false;
-    for (int t : f.types) any = any || t == r->type;
-    if (!any) return false;
-  }
-  if (f.rid && !seqno_equal(*f.rid, r->rid)) return false;
-  if (f.name && *f.name != r->name) return false;
-  return true;
-}
-
 // --- compare -----------------------------------------------------------------
 
 ojson texts(const std::vector<std::string>& v) {
@@ -1242,7 +1231,7 @@ int json_records(session& s, const json_invocation& inv, const inspect_target& t
     int total = 0, matched = 0;
     for (const record* r = lc.rep.rlist; r != nullptr; r = r->next) {
       total++;
-      if (record_passes(r, f)) matched++;
+      if (records_match(r, f)) matched++;
     }
     ojson sel = ojson::object();
     sel["copy"] = cp->ci_copy;
@@ -1252,7 +1241,7 @@ int json_records(session& s, const json_invocation& inv, const inspect_target& t
     run.w.open_array("records");
     tag_printer tp;
     for (const record* r = lc.rep.rlist; r != nullptr; r = r->next) {
-      if (record_passes(r, f)) run.w.element(record_json(tp, lc.rep.db, r->dbrec));
+      if (records_match(r, f)) run.w.element(record_json(tp, lc.rep.db, r->dbrec));
     }
     run.w.close();
     return matched > 0 ? INSPECT_OK : INSPECT_FINDINGS;
