@@ -6,7 +6,7 @@
 
 _privinspect() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-  local subcommands="logs config headers check scan hexdump records dump locate extract compare"
+  local subcommands="logs config headers check scan hexdump records dump locate extract compare map"
   local global_options="--sector-size --header --json --region --offset --help --version"
   local record_types="volume vol plex subdisk sd disk dm diskgroup dg da rvol
     replica rlink dco snapshot snap stpool info cache vset"
@@ -15,7 +15,7 @@ _privinspect() {
   local sub="" i
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      logs | config | headers | check | scan | hexdump | records | dump | locate | extract | compare)
+      logs | config | headers | check | scan | hexdump | records | dump | locate | extract | compare | map)
         sub=${COMP_WORDS[i]}
         break
         ;;
@@ -54,6 +54,7 @@ _privinspect() {
     hexdump) options+=" --sector --block --record --count --copy" ;;
     records) options+=" --type --rid --name --copy" ;;
     extract) options+=" --force" ;;
+    map) options+=" --svg" ;;
   esac
   if [[ $cur == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

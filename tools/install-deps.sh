@@ -13,6 +13,8 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   # the tests (python3-jsonschema validates the JSON documents)
   libgtest-dev libgmock-dev python3 python3-jsonschema
+  # the map's SVG: well-formed (xmllint) and rendered (rsvg-convert)
+  libxml2-utils librsvg2-bin
   # the fuzz targets and the sanitizer runs (clang, libFuzzer, LeakSanitizer)
   clang libclang-rt-14-dev
   # the Debian package (cpack -G DEB)

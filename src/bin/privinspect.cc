@@ -12,6 +12,7 @@
 #include <clocale>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -24,6 +25,7 @@
 #include "inspect/inspect.h"
 #include "inspect/json_views.h"
 #include "inspect/output.h"
+#include "inspect/region_map.h"
 
 namespace {
 
@@ -43,7 +45,8 @@ struct cli_values {
   bool json = false;
   std::string out;
   bool force = false;
-  std::vector<std::string> images;  // compare
+  std::vector<std::string> images;  // compare, map
+  std::string svg;                  // map
 };
 
 void add_image(CLI::App* sub, cli_values& v) {
@@ -65,6 +68,7 @@ struct subcommands {
   CLI::App* locate;
   CLI::App* extract;
   CLI::App* compare;
+  CLI::App* map;
 };
 
 subcommands define(CLI::App& app, cli_values& v) {
@@ -146,6 +150,12 @@ subcommands define(CLI::App& app, cli_values& v) {
                  "1 differences, 2 nothing comparable, 3 usage or I/O error");
   c.compare->add_option("IMAGE", v.images, "raw image of a region or whole disk, one per disk")
       ->required();
+  c.map = app.add_subcommand(
+      "map", "each region drawn to scale: headers, TOC blocks, copies and free space, and each "
+             "configuration copy's blocks; a text map, or an SVG picture with --svg");
+  c.map->add_option("IMAGE", v.images, "raw image of a region or whole disk, one per disk")
+      ->required();
+  c.map->add_option("--svg", v.svg, "write the map as SVG to FILE (never an input image)");
   return c;
 }
 
@@ -258,7 +268,7 @@ int run_scan(pd::session& s, const cli_values& v, const pd::json_invocation* jso
   return json != nullptr ? pd::json_scan(s, *json, v.target, r) : pd::inspect_scan(s, v.target, r);
 }
 
-// compare's images, each read with the global options.
+// compare's and map's images, each read with the global options.
 std::vector<inspect_target> compare_targets(const cli_values& v) {
   std::vector<inspect_target> out;
   for (const std::string& image : v.images) {
@@ -271,6 +281,13 @@ std::vector<inspect_target> compare_targets(const cli_values& v) {
 
 int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
   if (c.compare->parsed()) return pd::inspect_compare(s, compare_targets(v));
+  if (c.map->parsed()) {
+    // Unicode and colour on a terminal, unless NO_COLOR is set (and not empty).
+    const char* no_color = std::getenv("NO_COLOR");
+    const bool terminal =
+        isatty(STDOUT_FILENO) != 0 && (no_color == nullptr || *no_color == '\0');
+    return pd::inspect_map(s, compare_targets(v), v.svg, terminal);
+  }
   if (c.hexdump->parsed()) return run_hexdump(s, v);
   if (c.scan->parsed()) return run_scan(s, v);
   if (c.locate->parsed()) return pd::inspect_locate(s, v.target);
@@ -292,6 +309,7 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
                   const pd::json_invocation& inv) {
   const inspect_target& t = v.target;
   if (c.dump->parsed()) return pd::json_dump(s, inv, t);
+  if (c.map->parsed()) return usage("map: no JSON form; the map is text, or SVG with --svg");
   if (c.compare->parsed()) return pd::json_compare(s, inv, compare_targets(v));
   if (c.locate->parsed()) return pd::json_locate(s, inv, t);
   if (c.extract->parsed()) return pd::json_extract(s, inv, t, v.out, v.force);
@@ -318,7 +336,7 @@ int check_leftovers(const CLI::App& app, const subcommands& c) {
   std::vector<std::string> left = app.remaining(true);
   const CLI::App* chosen = nullptr;
   for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records,
-                              c.dump, c.locate, c.extract, c.compare}) {
+                              c.dump, c.locate, c.extract, c.compare, c.map}) {
     if (sub->parsed()) chosen = sub;
   }
   if (chosen == nullptr) {
