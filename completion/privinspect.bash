@@ -54,7 +54,7 @@ _privinspect() {
     hexdump) options+=" --sector --block --record --count --copy" ;;
     records) options+=" --type --rid --name --copy" ;;
     extract) options+=" --force" ;;
-    map) options+=" --svg" ;;
+    compare | map) options+=" --svg" ;;
   esac
   if [[ $cur == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

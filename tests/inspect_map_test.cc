@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
@@ -119,6 +121,26 @@ TEST(InspectMap, RunsOfLikeBlocksFoldWithABoundedTitle) {
   EXPECT_FALSE(runs[2].verifies());
 }
 
+// compare --svg draws every strip to the largest region's scale.
+TEST(InspectMap, OneScaleForEveryStrip) {
+  std::vector<disk_map> maps(2);
+  maps[0].sectors = 100;
+  maps[1].sectors = 400;
+  for (disk_map& m : maps) m.spans.push_back({0, m.sectors, span_kind::log, true, "log"});
+  map_svg_options o;
+  o.scale = 400;
+  char* buf = nullptr;
+  std::size_t len = 0;
+  FILE* f = ::open_memstream(&buf, &len);
+  ASSERT_NE(f, nullptr);
+  write_map_svg(f, maps, o);
+  std::fclose(f);
+  const std::string svg(buf, len);
+  std::free(buf);
+  EXPECT_NE(svg.find("width=\"250\" height=\"28\""), std::string::npos) << svg;
+  EXPECT_NE(svg.find("width=\"1000\" height=\"28\""), std::string::npos) << svg;
+}
+
 TEST(InspectMap, Command) {
   const std::string good = map_image("map-good.img", written_log, "0", "", "");
   const std::string svg = temp_dir() + "/map.svg";
@@ -154,6 +176,10 @@ TEST(InspectMap, Command) {
        3,
        "",
        "privinspect: map: no JSON form; the map is text, or SVG with --svg\n"},
+      {{"--json", "compare", good, "--svg", svg},
+       3,
+       "",
+       "privinspect: compare: --svg has no JSON form; without --json\n"},
   });
   EXPECT_EQ(read_file(good), before);
   EXPECT_EQ(inspect({"map", temp_dir() + "/none.img"}).status, 3);

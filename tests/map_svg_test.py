@@ -8,8 +8,14 @@ For good and damaged images: the SVG is well-formed XML (xmllint), renders
 structure of the strip and per run of non-free blocks, counted against
 `privinspect --json dump` of the same image. A copy of 65536 blocks stays
 small: its runs are folded.
+
+compare --svg on examples/group (disk01 current, disk02 stale, disk03 with
+vol1 longer), and with disk03 twice: well-formed, a strip per disk, the
+text output unchanged, and outlined exactly the enabled copies outside the
+database of the most disks.
 """
 import json
+import os
 import re
 import struct
 import subprocess
@@ -122,6 +128,36 @@ for name, desc in IMAGES.items():
     check(got == want, "%s: %d runs of blocks drawn, %d in the dump" % (name, got, want))
     check(len(text) < 20000, "%s: %d bytes of SVG" % (name, len(text)))
     check("a&lt;b&amp;c" in text, "%s: a record name not escaped" % name)
+
+GROUP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "examples", "group")
+disks = {}
+for n in ("disk01", "disk02", "disk03"):
+    disks[n] = "%s/cmp-%s.img" % (WORK, n)
+    subprocess.run([PRIVBUILD, "%s/%s.desc" % (GROUP, n), disks[n]], check=True)
+disks["disk03-again"] = "%s/cmp-disk03-again.img" % WORK
+subprocess.run([PRIVBUILD, "%s/disk03.desc" % GROUP, disks["disk03-again"]], check=True)
+# The disks given, and (by position, from 1) the disks whose copies differ.
+for n, (names, differ) in enumerate(((["disk01", "disk02", "disk03"], {2, 3}),
+                                     (["disk01", "disk03", "disk03-again"], {1}))):
+    case = " ".join(names)
+    images = [disks[n] for n in names]
+    svg = "%s/cmp-%d.svg" % (WORK, n)
+    plain = run([PRIVINSPECT, "compare"] + images)
+    r = run([PRIVINSPECT, "compare"] + images + ["--svg", svg])
+    check((r.returncode, r.stdout, r.stderr) == (plain.returncode, plain.stdout, plain.stderr),
+          "%s: compare --svg changed the text or the status" % case)
+    r = run(["xmllint", "--noout", svg])
+    check(r.returncode == 0, "%s: xmllint: %s" % (case, r.stderr.decode()))
+    text = open(svg, encoding="utf-8").read()
+    strips = re.findall(r"<text [^>]*>([^<]*): 1024 sectors of 512 bytes</text>", text)
+    check(strips == images, "%s: strips %s" % (case, strips))
+    doc = json.loads(run([PRIVINSPECT, "--json", "compare"] + images).stdout)
+    want = {(i + 1, c["copy"]) for i, d in enumerate(doc["compare"]["disks"]) if i + 1 in differ
+            for c in d["config_copies"] if c["enabled"]}
+    got = {(int(k), int(c)) for c, k in re.findall(
+        r'<g class="differs"><title>config copy (\d+) of disk \[(\d+)\][^<]* differs: ', text)}
+    check(len(want) == 2 * len(differ) and got == want,
+          "%s: outlined %s, want %s" % (case, sorted(got), sorted(want)))
 
 for f in failures:
     print("FAIL:", f)

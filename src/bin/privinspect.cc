@@ -46,7 +46,7 @@ struct cli_values {
   std::string out;
   bool force = false;
   std::vector<std::string> images;  // compare, map
-  std::string svg;                  // map
+  std::string svg;                  // compare, map
 };
 
 void add_image(CLI::App* sub, cli_values& v) {
@@ -150,6 +150,9 @@ subcommands define(CLI::App& app, cli_values& v) {
                  "1 differences, 2 nothing comparable, 3 usage or I/O error");
   c.compare->add_option("IMAGE", v.images, "raw image of a region or whole disk, one per disk")
       ->required();
+  c.compare->add_option("--svg", v.svg,
+                        "also draw the disks one under another to one scale, the copies that "
+                        "differ outlined, as SVG to FILE (never an input image)");
   c.map = app.add_subcommand(
       "map", "each region drawn to scale: headers, TOC blocks, copies and free space, and each "
              "configuration copy's blocks; a text map, or an SVG picture with --svg");
@@ -280,7 +283,7 @@ std::vector<inspect_target> compare_targets(const cli_values& v) {
 }
 
 int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
-  if (c.compare->parsed()) return pd::inspect_compare(s, compare_targets(v));
+  if (c.compare->parsed()) return pd::inspect_compare(s, compare_targets(v), v.svg);
   if (c.map->parsed()) {
     // Unicode and colour on a terminal, unless NO_COLOR is set (and not empty).
     const char* no_color = std::getenv("NO_COLOR");
@@ -310,7 +313,10 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
   const inspect_target& t = v.target;
   if (c.dump->parsed()) return pd::json_dump(s, inv, t);
   if (c.map->parsed()) return usage("map: no JSON form; the map is text, or SVG with --svg");
-  if (c.compare->parsed()) return pd::json_compare(s, inv, compare_targets(v));
+  if (c.compare->parsed()) {
+    if (!v.svg.empty()) return usage("compare: --svg has no JSON form; without --json");
+    return pd::json_compare(s, inv, compare_targets(v));
+  }
   if (c.locate->parsed()) return pd::json_locate(s, inv, t);
   if (c.extract->parsed()) return pd::json_extract(s, inv, t, v.out, v.force);
   if (c.headers->parsed()) return pd::json_headers(s, inv, t);

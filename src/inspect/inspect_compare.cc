@@ -609,9 +609,76 @@ int print_compare(FILE* f, const compare_model& m) {
   return m.status;
 }
 
-int inspect_compare(session& s, const std::vector<inspect_target>& disks) {
+std::vector<copy_mark> compare_marks(const compare_model& m) {
+  std::vector<copy_mark> marks;
+  if (m.groups.empty()) return marks;
+  std::size_t largest = 0;
+  for (std::size_t g = 1; g < m.groups.size(); ++g) {
+    if (m.groups[g].holders.size() > m.groups[largest].holders.size()) largest = g;
+  }
+  const compare_group& big = m.groups[largest];
+  std::string big_text = "tid " + big.tid + " on";
+  for (std::size_t h = 0; h < big.holders.size(); ++h) {
+    big_text += (h == 0 ? " " : ", ") + label(m, big.holders[h].disk);
+  }
+  auto holds = [](const compare_group& g, std::size_t disk, int copy) {
+    for (const compare_holder& h : g.holders) {
+      if (h.disk == disk && std::find(h.copies.begin(), h.copies.end(), copy) != h.copies.end()) {
+        return true;
+      }
+    }
+    return false;
+  };
+  for (std::size_t i = 0; i < m.disks.size(); ++i) {
+    const auto stale = std::find_if(m.stale.begin(), m.stale.end(),
+                                    [&](const compare_stale& st) { return st.disk == i; });
+    for (const compare_config_copy& c : m.disks[i].copies) {
+      if (!c.enabled) continue;
+      std::vector<std::string> why;
+      if (stale != m.stale.end()) {
+        std::string w = "stale disk (";
+        for (std::size_t k = 0; k < stale->why.size(); ++k) {
+          w += (k == 0 ? "" : "; ") + stale->why[k];
+        }
+        why.push_back(w + ")");
+      }
+      if (!holds(big, i, c.copy)) {
+        const auto other = std::find_if(m.groups.begin(), m.groups.end(), [&](const auto& g) {
+          return holds(g, i, c.copy);
+        });
+        why.push_back(other == m.groups.end()
+                          ? "its database was not read"
+                          : "database of tid " + other->tid +
+                                ", not the one of the most disks (" + big_text + ")");
+      }
+      if (why.empty()) continue;
+      std::string text = "config copy " + std::to_string(c.copy) + " of disk " + label(m, i) +
+                         " differs: ";
+      for (std::size_t k = 0; k < why.size(); ++k) text += (k == 0 ? "" : "; ") + why[k];
+      marks.push_back({i, c.copy, text});
+    }
+  }
+  return marks;
+}
+
+int inspect_compare(session& s, const std::vector<inspect_target>& disks,
+                    const std::string& svg) {
+  if (!svg.empty()) {
+    const int refused = refuse_svg_over_input(s, "compare", disks, svg);
+    if (refused != INSPECT_OK) return refused;
+  }
   const compare_model m = build_compare(s, disks);
-  return print_compare(s.out, m);
+  const int status = print_compare(s.out, m);
+  if (svg.empty()) return status;
+  std::vector<disk_map> maps(disks.size());
+  map_svg_options o;
+  for (std::size_t i = 0; i < disks.size(); ++i) {
+    build_disk_map(s, disks[i], maps[i]);  // an unopened image: an empty strip and its note
+    o.scale = std::max(o.scale, maps[i].sectors);
+  }
+  o.marks = compare_marks(m);
+  const int written = write_map_svg_file(s, "compare", maps, o, svg);
+  return written != INSPECT_OK ? written : status;
 }
 
 }  // namespace pd

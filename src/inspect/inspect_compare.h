@@ -25,6 +25,7 @@
 
 #include "base/session.h"
 #include "inspect/inspect_image.h"
+#include "inspect/region_map.h"
 
 namespace pd {
 
@@ -136,7 +137,16 @@ compare_model build_compare(session& s, const std::vector<inspect_target>& disks
 
 // The text view; returns the model's status.
 int print_compare(FILE* out, const compare_model& m);
-// `compare IMAGE...` as text: build, print, status.
-int inspect_compare(session& s, const std::vector<inspect_target>& disks);
+// The configuration copies that differ: each enabled copy of a stale disk
+// or outside the largest group of identical databases (the most disks;
+// the first of equals), with why. None when no database was read.
+std::vector<copy_mark> compare_marks(const compare_model& m);
+
+// `compare IMAGE... [--svg FILE]` as text: build, print, status; with
+// `svg`, also the map of the images drawn to one scale with the copies
+// that differ outlined, written as map writes it (status 3 when it cannot
+// be; refused, before anything is read, when FILE is an input image).
+int inspect_compare(session& s, const std::vector<inspect_target>& disks,
+                    const std::string& svg = {});
 
 }  // namespace pd

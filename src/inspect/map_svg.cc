@@ -1,5 +1,6 @@
 // The map as SVG, streamed: integer coordinates, colours from a fixed
 // table, a <title> on every shape, nothing that varies between runs.
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -124,7 +125,9 @@ void text(FILE* out, int x, int y, const std::string& s) {
   std::fprintf(out, "<text x=\"%d\" y=\"%d\">%s</text>\n", x, y, xml_escape(s).c_str());
 }
 
-void legend(FILE* out, int y) {
+const char* const differs_stroke = "#d62728";
+
+void legend(FILE* out, int y, bool marks) {
   int x = margin;
   const span_kind spans[] = {span_kind::header, span_kind::toc, span_kind::config, span_kind::log,
                              span_kind::free};
@@ -151,11 +154,25 @@ void legend(FILE* out, int y) {
     text(out, x + 16, y + 14, block_kind_name(k));
     x += 110;
   }
+  if (marks) {
+    std::fprintf(out,
+                 "<rect x=\"%d\" y=\"%d\" width=\"10\" height=\"10\" fill=\"none\" "
+                 "stroke=\"%s\" stroke-width=\"2\"/>",
+                 x + 1, y + 4, differs_stroke);
+    text(out, x + 16, y + 14, "differs");
+  }
+}
+
+const copy_mark* mark_of(const map_svg_options& o, std::size_t disk, int copy) {
+  for (const copy_mark& k : o.marks) {
+    if (k.disk == disk && k.copy == copy) return &k;
+  }
+  return nullptr;
 }
 
 }  // namespace
 
-void write_map_svg(FILE* out, const std::vector<disk_map>& maps) {
+void write_map_svg(FILE* out, const std::vector<disk_map>& maps, const map_svg_options& options) {
   int height = margin + legend_height + margin;
   for (const disk_map& m : maps) height += disk_height(m);
   const int width = 2 * margin + scale_width;
@@ -173,7 +190,10 @@ void write_map_svg(FILE* out, const std::vector<disk_map>& maps) {
       "fill=\"#ffffff\"/>\n",
       out);
   int y = margin;
-  for (const disk_map& m : maps) {
+  for (std::size_t i = 0; i < maps.size(); ++i) {
+    const disk_map& m = maps[i];
+    // Strips drawn to one scale end where their own region ends.
+    const std::uint64_t total = std::max(options.scale, m.sectors);
     std::string head = m.image + ": " + std::to_string(m.sectors) + " sectors of " +
                        std::to_string(m.sector_size) + " bytes";
     if (!m.note.empty()) head += " (" + m.note + ")";
@@ -185,7 +205,7 @@ void write_map_svg(FILE* out, const std::vector<disk_map>& maps) {
         if ((s.kind == span_kind::free) != (pass == 0)) continue;
         int x = 0, w = 0;
         bool widened = false;
-        place(s.first, s.count, m.sectors, x, w, widened);
+        place(s.first, s.count, total, x, w, widened);
         const std::string cls = std::string("span ") + span_kind_name(s.kind);
         shape(out, cls.c_str(), span_fill(s.kind), !s.verifies, x, y, w, strip_height, s.title,
               widened);
@@ -193,7 +213,9 @@ void write_map_svg(FILE* out, const std::vector<disk_map>& maps) {
     }
     y += strip_height + gap;
     for (const copy_row& r : m.rows) {
-      text(out, margin, y + 13, r.title + (r.enabled ? "" : " (disabled)"));
+      const copy_mark* mark = mark_of(options, i, r.copy);
+      text(out, margin, y + 13,
+           r.title + (r.enabled ? "" : " (disabled)") + (mark != nullptr ? " (differs)" : ""));
       y += line;
       for (int pass = 0; pass < 2; ++pass) {
         for (const block_run& b : r.runs) {
@@ -211,11 +233,19 @@ void write_map_svg(FILE* out, const std::vector<disk_map>& maps) {
                 widened);
         }
       }
+      if (mark != nullptr) {
+        std::fprintf(out,
+                     "<g class=\"differs\"><title>%s</title><rect x=\"%d\" y=\"%d\" "
+                     "width=\"%d\" height=\"%d\" fill=\"none\" stroke=\"%s\" "
+                     "stroke-width=\"3\"/></g>\n",
+                     xml_escape(mark->why).c_str(), margin - 2, y - 2, scale_width + 4,
+                     row_height + 4, differs_stroke);
+      }
       y += row_height;
     }
     y += gap;
   }
-  legend(out, y);
+  legend(out, y, !options.marks.empty());
   std::fputs("</svg>\n", out);
 }
 

@@ -76,7 +76,29 @@ bool build_disk_map(const session& like, const inspect_target& t, disk_map& m);
 void add_block_run(std::vector<block_run>& runs, block_kind kind, std::uint64_t block,
                    const std::string& what);
 
-void write_map_svg(FILE* out, const std::vector<disk_map>& maps);
+// A configuration copy drawn outlined, with the reason in its title
+// (compare --svg: a copy outside the largest group of identical databases).
+struct copy_mark {
+  std::size_t disk = 0;  // index in the maps
+  int copy = 0;
+  std::string why;
+};
+
+struct map_svg_options {
+  std::uint64_t scale = 0;  // sectors a whole strip's width stands for; 0: each strip its own
+  std::vector<copy_mark> marks;
+};
+
+void write_map_svg(FILE* out, const std::vector<disk_map>& maps,
+                   const map_svg_options& options = {});
+
+// `svg` refused (a message naming `command`, INSPECT_USAGE_IO) when it, or
+// its temporary FILE.tmp, is one of the images; else INSPECT_OK.
+int refuse_svg_over_input(session& s, const char* command,
+                          const std::vector<inspect_target>& targets, const std::string& svg);
+// The SVG written to FILE.tmp, then renamed to `svg`.
+int write_map_svg_file(session& s, const char* command, const std::vector<disk_map>& maps,
+                       const map_svg_options& options, const std::string& svg);
 // `fancy`: Unicode blocks and ANSI colours (a terminal without NO_COLOR).
 void write_map_text(FILE* out, const std::vector<disk_map>& maps, bool fancy);
 
