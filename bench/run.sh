@@ -18,7 +18,9 @@
 # privdiag's best time against the previous size (the records grow about
 # tenfold, fivefold at the last step). When privinspect is built, each round
 # also runs `privinspect dump` (the whole image as one JSON document): its
-# best wall time, peak memory and the ratio of its time to privdiag's.
+# best wall time, peak memory and the ratio of its time to privdiag's; and
+# `privinspect map --svg` (the picture of the region and its blocks): its
+# best wall time and the size of the SVG, which folds runs of like blocks.
 set -eu
 
 BUILD=${1:-build}
@@ -45,9 +47,9 @@ value() { echo "$2" | tr ' ' '\n' | sed -n "s/^$1=//p"; }
 # stats FILE: "best median max" of the numbers in FILE
 stats() { sort -g "$1" | awk '{ v[NR] = $1 } END { printf "%.4f %.4f %.4f", v[1], v[int((NR + 2) / 2)], v[NR] }'; }
 
-printf '%-8s %9s %9s | %-26s %7s %8s | %9s %9s | %6s %7s | %-20s\n' \
+printf '%-8s %9s %9s | %-26s %7s %8s | %9s %9s | %6s %7s | %-20s | %s\n' \
   records image_MB report_MB "privdiag wall best/med/max" cpu_s peak_MB \
-  cat_img_s cat_rep_s ratio growth "dump --json s/MB/x"
+  cat_img_s cat_rep_s ratio growth "dump --json s/MB/x" "map --svg s/KB"
 prev_records=""
 prev_best=""
 for n in $SIZES; do
@@ -59,7 +61,7 @@ for n in $SIZES; do
   records=$(sed -n 's/^gen_image: \([0-9]*\) records.*/\1/p' "$img.log")
   "$PRIVDIAG" "$SECTOR" "$img" > "$rep"
   : > "$WORK/t.priv"; : > "$WORK/t.cpu"; : > "$WORK/t.rss"; : > "$WORK/t.img"; : > "$WORK/t.rep"
-  : > "$WORK/t.json"; : > "$WORK/t.jrss"
+  : > "$WORK/t.json"; : > "$WORK/t.jrss"; : > "$WORK/t.map"
   i=0
   while [ "$i" -lt "$REPEAT" ]; do
     line=$("$RUNNER" --repeat 1 -- "$PRIVDIAG" "$SECTOR" "$img")
@@ -80,6 +82,13 @@ for n in $SIZES; do
       esac
       value wall_best "$line" >> "$WORK/t.json"
       value maxrss_kb "$line" >> "$WORK/t.jrss"
+      rm -f "$WORK/map.svg"
+      line=$("$RUNNER" --repeat 1 -- "$PRIVINSPECT" --sector-size "$SECTOR" map "$img" --svg "$WORK/map.svg")
+      if [ "$(value status "$line")" != 0 ]; then
+        echo "run.sh: privinspect map failed on $img" >&2
+        exit 1
+      fi
+      value wall_best "$line" >> "$WORK/t.map"
     fi
     i=$((i + 1))
   done
@@ -97,15 +106,21 @@ for n in $SIZES; do
     jrss=$(sort -n "$WORK/t.jrss" | tail -1)
     json=$(awk -v j="$jbest" -v r="$jrss" -v b="$best" 'BEGIN { printf "%.3f/%.1f/%.1fx", j, r / 1024, j / b }')
   fi
+  map="-"
+  if [ -s "$WORK/t.map" ]; then
+    map=$(awk -v m="$(stats "$WORK/t.map" | cut -d' ' -f1)" -v z="$(wc -c < "$WORK/map.svg")" \
+      'BEGIN { printf "%.3f/%.1f", m, z / 1024 }')
+  fi
   awk -v n="$records" -v is="$isize" -v rs="$rsize" -v b="$best" -v m="$med" -v x="$max" \
-      -v c="$cpu" -v r="$rss" -v ci="$cimg" -v cr="$crep" -v pn="$prev_records" -v pb="$prev_best" -v js="$json" '
+      -v c="$cpu" -v r="$rss" -v ci="$cimg" -v cr="$crep" -v pn="$prev_records" -v pb="$prev_best" -v js="$json" -v mp="$map" '
     BEGIN {
       growth = "-"
       if (pn != "") growth = sprintf("%.1fx/%.1fx", b / pb, n / pn)
-      printf "%-8d %9.1f %9.1f | %8.3f %8.3f %8.3f %7.3f %8.1f | %9.4f %9.4f | %6.1f %7s | %s\n",
-        n, is / 1048576, rs / 1048576, b, m, x, c, r / 1024, ci, cr, b / (ci + cr), growth, js
+      printf "%-8d %9.1f %9.1f | %8.3f %8.3f %8.3f %7.3f %8.1f | %9.4f %9.4f | %6.1f %7s | %-20s | %s\n",
+        n, is / 1048576, rs / 1048576, b, m, x, c, r / 1024, ci, cr, b / (ci + cr), growth, js, mp
     }'
   prev_records=$records
   prev_best=$best
 done
-rm -f "$WORK/t.priv" "$WORK/t.cpu" "$WORK/t.rss" "$WORK/t.img" "$WORK/t.rep" "$WORK/t.json" "$WORK/t.jrss"
+rm -f "$WORK/t.priv" "$WORK/t.cpu" "$WORK/t.rss" "$WORK/t.img" "$WORK/t.rep" "$WORK/t.json" "$WORK/t.jrss" \
+  "$WORK/t.map" "$WORK/map.svg"
