@@ -165,17 +165,18 @@ TEST(InspectMap, Command) {
   EXPECT_EQ(read_text(svg), first);
   EXPECT_EQ(::access((svg + ".tmp").c_str(), F_OK), -1);
   EXPECT_EQ(first.find("-0"), std::string::npos);
-  // Refusals: the input as --svg (left as it was), --json, a missing image.
+  // Refusals: the input as --svg (left as it was), --json with --svg, a
+  // missing image.
   const std::vector<std::uint8_t> before = read_file(good);
   expect_runs({
       {{"map", good, "--svg", good},
        3,
        "",
        "privinspect: map: " + good + ": is an input image; not written\n"},
-      {{"--json", "map", good},
+      {{"--json", "map", good, "--svg", svg},
        3,
        "",
-       "privinspect: map: no JSON form; the map is text, or SVG with --svg\n"},
+       "privinspect: map: --svg has no JSON form; without --json\n"},
       {{"--json", "compare", good, "--svg", svg},
        3,
        "",

@@ -70,7 +70,7 @@ VIEWS = [
     ["--json", "config", "--copy", "1"], ["--json", "headers"], ["--json", "check"],
     ["--json", "scan"], ["--json", "hexdump", "--sector", "2047", "--count", "2"],
     ["--json", "hexdump", "--block", "1:0"], ["--json", "hexdump", "--record", "vol1"],
-    ["--json", "records"], ["--json", "records", "--type", "disk"], ["--json", "locate"],
+    ["--json", "records"], ["--json", "records", "--type", "disk"], ["--json", "locate"], ["--json", "map"],
 ]
 
 failures = []

@@ -312,7 +312,10 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
                   const pd::json_invocation& inv) {
   const inspect_target& t = v.target;
   if (c.dump->parsed()) return pd::json_dump(s, inv, t);
-  if (c.map->parsed()) return usage("map: no JSON form; the map is text, or SVG with --svg");
+  if (c.map->parsed()) {
+    if (!v.svg.empty()) return usage("map: --svg has no JSON form; without --json");
+    return pd::json_map(s, inv, compare_targets(v));
+  }
   if (c.compare->parsed()) {
     if (!v.svg.empty()) return usage("compare: --svg has no JSON form; without --json");
     return pd::json_compare(s, inv, compare_targets(v));

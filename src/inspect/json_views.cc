@@ -28,6 +28,7 @@
 #include "inspect/inspect_load.h"
 #include "inspect/inspect_places.h"
 #include "inspect/inspect_region.h"
+#include "inspect/region_map.h"
 #include "inspect/inspect_scan_model.h"
 #include "io/io_buffers.h"
 #include "io/messages.h"
@@ -1340,6 +1341,76 @@ int json_compare(session& s, const json_invocation& inv,
   run.w.member("compare", compare_json(m));
   if (m.status == INSPECT_USAGE_IO || m.status == INSPECT_UNUSABLE) run.stop_here(m.verdict);
   return run.finish(m.status);
+}
+
+int json_map(session& s, const json_invocation& inv, const std::vector<inspect_target>& disks) {
+  json_run run(s.out, s.err, inv, "map");
+  run.stage("map");
+  ojson image = ojson::object();
+  image["path"] = json_text(disks.empty() ? std::string() : disks[0].image);
+  std::vector<disk_map> maps;
+  int status = INSPECT_OK;
+  std::string stopped;
+  for (const inspect_target& t : disks) {
+    disk_map m;
+    if (!build_disk_map(run.in, t, m)) {
+      status = INSPECT_USAGE_IO;
+      if (stopped.empty()) stopped = m.note;
+      continue;
+    }
+    maps.push_back(std::move(m));
+  }
+  image["size"] = maps.empty() ? 0 : maps[0].sectors * static_cast<std::uint64_t>(maps[0].sector_size);
+  image["sector_size"] = disks.empty() ? 512 : disks[0].sector_size;
+  run.w.member("image", image);
+  if (status != INSPECT_OK) {
+    run.stop_here(stopped);
+    return run.finish(status);
+  }
+  // The map's model, as the SVG and the text map draw it.
+  run.w.open_array("map");
+  for (const disk_map& m : maps) {
+    ojson d = ojson::object();
+    d["image"] = json_text(m.image);
+    d["sectors"] = m.sectors;
+    d["sector_size"] = m.sector_size;
+    d["note"] = json_text(m.note);
+    ojson spans = ojson::array();
+    for (const map_span& sp : m.spans) {
+      ojson o = ojson::object();
+      o["first"] = sp.first;
+      o["count"] = sp.count;
+      o["kind"] = span_kind_name(sp.kind);
+      o["verifies"] = sp.verifies;
+      o["title"] = json_text(sp.title);
+      spans.push_back(o);
+    }
+    d["spans"] = spans;
+    ojson rows = ojson::array();
+    for (const copy_row& r : m.rows) {
+      ojson o = ojson::object();
+      o["copy"] = r.copy;
+      o["enabled"] = r.enabled;
+      o["nblocks"] = r.nblocks;
+      o["title"] = json_text(r.title);
+      ojson runs = ojson::array();
+      for (const block_run& b : r.runs) {
+        ojson u = ojson::object();
+        u["first"] = b.first;
+        u["count"] = b.count;
+        u["kind"] = block_kind_name(b.kind);
+        u["verifies"] = b.verifies();
+        u["title"] = json_text(b.title);
+        runs.push_back(u);
+      }
+      o["runs"] = runs;
+      rows.push_back(o);
+    }
+    d["rows"] = rows;
+    run.w.element(d);
+  }
+  run.w.close();
+  return run.finish(status);
 }
 
 }  // namespace pd

@@ -28,6 +28,9 @@ int json_records(session& s, const json_invocation& inv, const inspect_target& t
 // dump: both headers, the TOC, every log copy and the first enabled
 // configuration copy with every record, in one document.
 int json_dump(session& s, const json_invocation& inv, const inspect_target& t);
+// map IMAGE...: the model the picture is drawn from (strips of spans, each
+// copy's row of block runs).
+int json_map(session& s, const json_invocation& inv, const std::vector<inspect_target>& disks);
 // locate: the surveys of a whole-disk image (tables, problems, candidates).
 int json_locate(session& s, const json_invocation& inv, const inspect_target& t);
 // extract: the region written to `out` (extract.h) and where it came from.
