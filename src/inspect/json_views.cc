@@ -1343,6 +1343,23 @@ int json_compare(session& s, const json_invocation& inv,
   return run.finish(m.status);
 }
 
+namespace {
+
+// A span of a strip or a run of a copy's row: its extent, kind, whether it
+// verifies, and its title.
+ojson map_piece_json(std::uint64_t first, std::uint64_t count, const char* kind, bool verifies,
+                     const std::string& title) {
+  ojson o = ojson::object();
+  o["first"] = first;
+  o["count"] = count;
+  o["kind"] = kind;
+  o["verifies"] = verifies;
+  o["title"] = json_text(title);
+  return o;
+}
+
+}  // namespace
+
 int json_map(session& s, const json_invocation& inv, const std::vector<inspect_target>& disks) {
   json_run run(s.out, s.err, inv, "map");
   run.stage("map");
@@ -1377,13 +1394,8 @@ int json_map(session& s, const json_invocation& inv, const std::vector<inspect_t
     d["note"] = json_text(m.note);
     ojson spans = ojson::array();
     for (const map_span& sp : m.spans) {
-      ojson o = ojson::object();
-      o["first"] = sp.first;
-      o["count"] = sp.count;
-      o["kind"] = span_kind_name(sp.kind);
-      o["verifies"] = sp.verifies;
-      o["title"] = json_text(sp.title);
-      spans.push_back(o);
+      spans.push_back(map_piece_json(sp.first, sp.count, span_kind_name(sp.kind), sp.verifies,
+                                     sp.title));
     }
     d["spans"] = spans;
     ojson rows = ojson::array();
@@ -1395,13 +1407,8 @@ int json_map(session& s, const json_invocation& inv, const std::vector<inspect_t
       o["title"] = json_text(r.title);
       ojson runs = ojson::array();
       for (const block_run& b : r.runs) {
-        ojson u = ojson::object();
-        u["first"] = b.first;
-        u["count"] = b.count;
-        u["kind"] = block_kind_name(b.kind);
-        u["verifies"] = b.verifies();
-        u["title"] = json_text(b.title);
-        runs.push_back(u);
+        runs.push_back(
+            map_piece_json(b.first, b.count, block_kind_name(b.kind), b.verifies(), b.title));
       }
       o["runs"] = runs;
       rows.push_back(o);
