@@ -80,7 +80,7 @@ TEST(InspectExtract, Refusals) {
        true, "privinspect: OUT: is the input image IN; not written\n"},
       {"temp-exists",
        [](const std::string&, const std::string& o) { write_text(o + ".tmp", "someone's"); }, true,
-       "privinspect: OUT.tmp: exists: another extract may be writing OUT, or one was "
+       "privinspect: OUT.tmp: exists: another command may be writing OUT, or one was "
        "interrupted; remove it when none is running\n"},
       {"temp-is-in",
        [](const std::string& i, const std::string& o) {

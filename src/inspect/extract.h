@@ -2,12 +2,7 @@
 // choose_region) written as a standalone region image that privdiag reads.
 // A region image is copied whole.
 //
-// The input is only ever opened for reading. OUT is refused when it, or its
-// temporary file OUT.tmp, is the input (same st_dev and st_ino, symlinks
-// followed, so a hard link counts too), and when it exists unless `force`.
-// The copy goes to OUT.tmp, created exclusively beside OUT (an existing one
-// is named and left alone), is synced, renamed over OUT, and the directory
-// is synced. Any failure removes the temporary file and leaves OUT as it was.
+// OUT is written by new_image (new_image.h): atomically, never the input.
 #pragma once
 
 #include <sys/types.h>
@@ -17,20 +12,9 @@
 
 #include "base/session.h"
 #include "inspect/inspect_image.h"
+#include "inspect/new_image.h"
 
 namespace pd {
-
-// The file system calls the writer makes, so that tests can fail each one.
-struct file_calls {
-  int (*open)(const char* path, int flags, mode_t mode);
-  ssize_t (*pread)(int fd, void* buf, std::size_t len, off_t offset);
-  ssize_t (*write)(int fd, const void* buf, std::size_t len);
-  int (*fsync)(int fd);
-  int (*close)(int fd);
-  int (*rename)(const char* from, const char* to);
-  int (*unlink)(const char* path);
-};
-const file_calls& system_file_calls();
 
 struct extract_result {
   std::string out;
