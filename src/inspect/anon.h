@@ -1,0 +1,119 @@
+// `privinspect anonymise IN OUT --key KEYFILE [--map MAP]`: a copy of the
+// region with every name of the customer's replaced by a keyed pseudonym,
+// its damage kept (docs/anonymise.md).
+//
+// Three steps over the region's bytes, in memory:
+//   1. walk every structure that holds text (each header copy, each TOC
+//      block's tag-id entries, each configuration copy's database header
+//      and records, enabled or not) and collect the values to replace;
+//   2. give each value its pseudonym (anon_names): HMAC-SHA-256 of the
+//      value under the key, drawn into the value's character classes, so
+//      that one value maps alike on every disk anonymised with that key;
+//   3. walk again and re-encode each structure through its format's
+//      encoders with the pseudonyms; checksums are recomputed only where the
+//      stored one verified; unused blocks and the slack after structures are
+//      zeroed.
+// OUT is written by new_image (never IN, atomically); before it is kept,
+// `check` runs on it and on IN and their lines must agree with the names
+// mapped, and OUT's bytes must hold no original value (as stored, in any
+// case, and as wide characters). The map file (pseudonym -> original, with
+// the manifest) never goes into OUT.
+//
+// This module links OpenSSL's libcrypto (HMAC-SHA-256, the key's random
+// bytes); privdiag does not link it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "base/session.h"
+#include "inspect/inspect_image.h"
+
+namespace pd {
+
+// How a value's characters are drawn. text: a-z, A-Z and 0-9 each within
+// its class, every other byte kept; hex (a value in GUID form): hex digits
+// within 0-9a-f (A-F for upper case), the dashes kept.
+enum class anon_class { text, hex };
+
+// The 32 bytes of a key file: 64 hex digits and a newline. Reading accepts
+// surrounding blanks. False with the reason in *error.
+inline constexpr std::size_t ANON_KEY_BYTES = 32;
+bool anon_read_key(const std::string& path, std::vector<std::uint8_t>* key, std::string* error);
+// A new key file (mode 0600, never over an existing file).
+bool anon_new_key(const std::string& path, std::string* error);
+// The key's public name in the manifest: the first 8 bytes of
+// HMAC(key, "key-id") in hex; it tells keys apart and reveals nothing.
+std::string anon_key_id(const std::vector<std::uint8_t>& key);
+
+// The pseudonyms of one image.
+class anon_names {
+ public:
+  explicit anon_names(std::vector<std::uint8_t> key) : key_(std::move(key)) {}
+  // A value to replace (empty values are ignored).
+  void add(const std::string& value);
+  // Gives every value added its pseudonym: values in byte order, each the
+  // first candidate (counter 0, 1, ...) that differs from every value's case
+  // folding, from every pseudonym given, and holds no value of 3 or more
+  // characters (case folded). False with the value in *error when no
+  // candidate is left (a value of no letter or digit, or too many short
+  // values of one shape).
+  bool resolve(std::string* error);
+  // The pseudonym of a value added (after resolve).
+  const std::string& pseudonym(const std::string& value) const;
+  const std::map<std::string, std::string>& map() const { return map_; }
+
+  // The candidate number `counter` for `value` (the same on every run with
+  // the same key).
+  std::string candidate(const std::string& value, std::uint32_t counter) const;
+  static anon_class class_of(const std::string& value);
+
+ private:
+  std::vector<std::uint8_t> key_;
+  std::map<std::string, std::string> map_;  // original -> pseudonym
+};
+
+// Replaces in `text` every value of `names` that stands alone (not inside a
+// longer run of letters and digits) by its pseudonym, the longest first.
+std::string anon_map_text(const anon_names& names, const std::string& text);
+
+// The region rewrite (steps 1 and 3) over the bytes of a region image.
+struct anon_rewrite_stats {
+  std::size_t headers = 0, toc_blocks = 0, copies = 0, records = 0, logs = 0;
+  std::size_t zeroed_bytes = 0;
+  std::vector<std::string> kept;  // structures left as they were, and why
+  std::vector<std::size_t> free_sectors;  // sectors no structure uses (zeroed)
+};
+// Collects every value to replace in `region` (the located image `img`).
+void anon_collect(inspect_image& img, const std::vector<std::uint8_t>& region, anon_names& names);
+// Rewrites `region` with the pseudonyms. False with the reason in *error
+// when a structure cannot be re-encoded as it was framed.
+bool anon_rewrite(inspect_image& img, std::vector<std::uint8_t>& region, const anon_names& names,
+                  anon_rewrite_stats* stats, std::string* error);
+
+// The marker sector written into a free sector of OUT: "PDANONYM", then
+// the manifest as JSON text, NUL-terminated.
+inline constexpr char anon_marker_magic[] = "PDANONYM";
+inline constexpr std::size_t ANON_MARKER_MAGIC_LEN = 8;
+
+struct anonymise_options {
+  std::string out;
+  std::string key_path;
+  bool new_key = false;
+  std::string map_path;  // empty: no map file
+  bool force = false;
+  std::string tool_version;  // for the manifest
+};
+
+// The command. INSPECT_OK, or INSPECT_USAGE_IO after a message on s.err
+// (usage, I/O, no unique pseudonym, a failed self-check); OUT is then as
+// it was.
+int inspect_anonymise(session& s, const inspect_target& t, const anonymise_options& o);
+// `anonymise --show IMAGE`: the marker's manifest, or a line saying there
+// is none (status 1).
+int inspect_anonymise_show(session& s, const inspect_target& t);
+
+}  // namespace pd
