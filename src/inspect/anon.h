@@ -55,25 +55,31 @@ class anon_names {
   explicit anon_names(std::vector<std::uint8_t> key) : key_(std::move(key)) {}
   // A value to replace (empty values are ignored).
   void add(const std::string& value);
-  // Gives every value added its pseudonym: values in byte order, each the
-  // first candidate (counter 0, 1, ...) that differs from every value's case
-  // folding, from every pseudonym given, and holds no value of 3 or more
-  // characters (case folded). False with the value in *error when no
-  // candidate is left (a value of no letter or digit, or too many short
-  // values of one shape).
+  // Gives every value added its pseudonym. The values form a trie; at each
+  // node the characters that follow (of one alphabet: a-z, A-Z, 0-9, or
+  // the hex digits of a GUID text) are mapped, in order, onto as many
+  // characters of the alphabet chosen by a keyed shuffle of that node
+  // (HMAC-SHA-256 of the key, the prefix and a draw number). So pseudonyms
+  // are unique by construction, keep each value's length and character
+  // classes, and keep the byte order of the values, which the report sorts
+  // its lists by. A draw is kept when no pseudonym equals a value (case
+  // folded) and none holds a value of 3 or more characters; else the next
+  // draw is made, up to 64. False with a value in *error when no draw
+  // passes (a value of no letter or digit, or one that is a sibling set's
+  // only choice).
   bool resolve(std::string* error);
   // The pseudonym of a value added (after resolve).
   const std::string& pseudonym(const std::string& value) const;
   const std::map<std::string, std::string>& map() const { return map_; }
 
-  // The candidate number `counter` for `value` (the same on every run with
-  // the same key).
-  std::string candidate(const std::string& value, std::uint32_t counter) const;
   static anon_class class_of(const std::string& value);
 
  private:
+  std::string trie_pseudonym(const std::string& value, std::uint32_t draw);
   std::vector<std::uint8_t> key_;
   std::map<std::string, std::string> map_;  // original -> pseudonym
+  std::map<std::pair<std::string, std::uint32_t>, std::map<char, char>> nodes_;
+  std::string last_bad_;
 };
 
 // Replaces in `text` every value of `names` that stands alone (not inside a

@@ -1,13 +1,13 @@
 // Keys and pseudonyms of `anonymise` (see anon.h).
 //
-// A candidate is drawn from HMAC-SHA-256(key, "privinspect-anon" 0 class 0
-// value 0 counter(4) block(4)), as many 32-byte blocks as the value is
-// long: byte i of the stream picks character i within the class of the
-// value's character i. Values are resolved in byte order, so a value's
-// pseudonym depends only on the key, on the value and on the values of
-// the image that collide with its candidates: two disks of one group agree
-// on every value that no candidate of another value of either disk hits
-// first (a collision needs two values of one shape and length; docs).
+// A pseudonym is drawn through the trie of the image's values (anon.h):
+// character j of value v is mapped by the node of v's first j characters,
+// whose keyed shuffle is HMAC-SHA-256(key, "privinspect-anon-node" 0 class
+// 0 alphabet 0 prefix 0 draw(4)). A value's pseudonym thus depends on the
+// key, on the value and on the characters that follow each of its
+// prefixes in the other values of the image: two disks whose values agree
+// along those paths (the disks of one group holding the same database)
+// give it the same pseudonym (docs/anonymise.md).
 #include <fcntl.h>
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
@@ -28,7 +28,7 @@ namespace pd {
 
 namespace {
 
-constexpr std::uint32_t max_counter = 4096;  // candidates tried per value
+constexpr std::uint32_t max_attempts = 64;  // draws of the whole set
 constexpr std::size_t min_searched = 3;      // shorter values are not searched for
 
 std::string fold(const std::string& s) {
@@ -62,41 +62,21 @@ anon_class anon_names::class_of(const std::string& v) {
   return anon_class::hex;
 }
 
-std::string anon_names::candidate(const std::string& value, std::uint32_t counter) const {
-  const anon_class cls = class_of(value);
-  std::string out = value;
-  std::uint8_t block[32];
-  for (std::size_t i = 0; i < value.size(); ++i) {
-    if (i % 32 == 0) {
-      std::string msg("privinspect-anon");
-      msg.push_back('\0');
-      msg += cls == anon_class::hex ? "hex" : "text";
-      msg.push_back('\0');
-      msg += value;
-      msg.push_back('\0');
-      put_word(msg, counter);
-      put_word(msg, static_cast<std::uint32_t>(i / 32));
-      hmac(key_, msg, block);
-    }
-    const unsigned b = block[i % 32];
-    const char c = value[i];
-    if (cls == anon_class::hex) {
-      if (c >= '0' && c <= '9') out[i] = "0123456789abcdef"[b % 16];
-      else if (c >= 'a' && c <= 'f') out[i] = "0123456789abcdef"[b % 16];
-      else if (c >= 'A' && c <= 'F') out[i] = "0123456789ABCDEF"[b % 16];
-    } else if (c >= 'a' && c <= 'z') {
-      out[i] = static_cast<char>('a' + b % 26);
-    } else if (c >= 'A' && c <= 'Z') {
-      out[i] = static_cast<char>('A' + b % 26);
-    } else if (c >= '0' && c <= '9') {
-      out[i] = static_cast<char>('0' + b % 10);
-    }
-  }
-  return out;
-}
-
 void anon_names::add(const std::string& value) {
   if (!value.empty()) map_.emplace(value, std::string());
+}
+
+// The alphabet a character is drawn within, or null when it is kept.
+const char* alphabet_of(anon_class cls, char c) {
+  if (cls == anon_class::hex) {
+    if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f')) return "0123456789abcdef";
+    if (c >= 'A' && c <= 'F') return "ABCDEF";
+    return nullptr;
+  }
+  if (c >= 'a' && c <= 'z') return "abcdefghijklmnopqrstuvwxyz";
+  if (c >= 'A' && c <= 'Z') return "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  if (c >= '0' && c <= '9') return "0123456789";
+  return nullptr;
 }
 
 bool anon_names::resolve(std::string* error) {
@@ -106,28 +86,65 @@ bool anon_names::resolve(std::string* error) {
     folded.insert(fold(v));
     if (v.size() >= min_searched) searched.push_back(fold(v));
   }
-  std::set<std::string> taken;  // pseudonyms given, case folded
-  for (auto& [v, p] : map_) {
-    bool found = false;
-    for (std::uint32_t n = 0; n < max_counter && !found; ++n) {
-      const std::string c = candidate(v, n);
-      const std::string fc = fold(c);
-      if (c == v || folded.count(fc) != 0 || taken.count(fc) != 0) continue;
-      found = std::none_of(searched.begin(), searched.end(), [&](const std::string& o) {
-        return fc.find(o) != std::string::npos;
+  for (std::uint32_t n = 0; n < max_attempts; ++n) {
+    // Each draw: every value's pseudonym through the keyed maps of the
+    // trie of values; then the whole set is checked.
+    std::set<std::string> taken;
+    std::string bad;
+    for (auto& [v, p] : map_) {
+      p = trie_pseudonym(v, n);
+      const std::string fp = fold(p);
+      const bool hits = std::any_of(searched.begin(), searched.end(), [&](const std::string& o) {
+        return fp.find(o) != std::string::npos;
       });
-      if (found) {
-        p = c;
-        taken.insert(fc);
+      if (p == v || folded.count(fp) != 0 || !taken.insert(fp).second || hits) {
+        bad = v;
+        break;
       }
     }
-    if (!found) {
-      *error = "no unique pseudonym for \"" + v + "\" (" + std::to_string(v.size()) +
-               " characters, " + std::to_string(max_counter) + " candidates tried)";
-      return false;
-    }
+    if (bad.empty()) return true;
+    last_bad_ = bad;
   }
-  return true;
+  *error = "no unique pseudonym for \"" + last_bad_ + "\" (" + std::to_string(last_bad_.size()) +
+           " characters, " + std::to_string(max_attempts) + " draws tried)";
+  return false;
+}
+
+std::string anon_names::trie_pseudonym(const std::string& v, std::uint32_t counter) {
+  const anon_class cls = class_of(v);
+  std::string out = v;
+  for (std::size_t j = 0; j < v.size(); ++j) {
+    const char* alpha = alphabet_of(cls, v[j]);
+    if (alpha == nullptr) continue;
+    // The characters that follow this prefix in the values of the class,
+    // drawn within this alphabet: mapped in order onto as many characters
+    // of the alphabet, picked by the keyed shuffle of this node.
+    const std::string prefix = v.substr(0, j);
+    const std::string node = std::string(cls == anon_class::hex ? "hex" : "text") + '\0' +
+                             alpha + '\0' + prefix;
+    auto it = nodes_.find({node, counter});
+    if (it == nodes_.end()) {
+      std::set<char> children;
+      for (auto m = map_.lower_bound(prefix); m != map_.end() && m->first.compare(0, j, prefix) == 0; ++m) {
+        if (m->first.size() > j && class_of(m->first) == cls && alphabet_of(cls, m->first[j]) == alpha)
+          children.insert(m->first[j]);
+      }
+      std::string pool = alpha;
+      std::string msg = std::string("privinspect-anon-node") + '\0' + node + '\0';
+      put_word(msg, counter);
+      std::uint8_t mac[32];
+      hmac(key_, msg, mac);
+      for (std::size_t i = pool.size() - 1; i > 0; --i) std::swap(pool[i], pool[mac[i % 32] % (i + 1)]);
+      std::string picked = pool.substr(0, children.size());
+      std::sort(picked.begin(), picked.end());
+      std::map<char, char> m;
+      std::size_t i = 0;
+      for (char c : children) m[c] = picked[i++];
+      it = nodes_.emplace(std::make_pair(node, counter), std::move(m)).first;
+    }
+    out[j] = it->second.at(v[j]);
+  }
+  return out;
 }
 
 const std::string& anon_names::pseudonym(const std::string& value) const {

@@ -65,6 +65,14 @@ struct walker {
     const std::string& p = names->pseudonym(v);
     if (p.size() == v.size()) std::memcpy(m, p.data(), p.size());
   }
+  // A member kept (an id, a word of the volume manager's): replaced only
+  // when it equals a value replaced elsewhere, which it would reveal.
+  void kept(char* m, std::size_t width) {
+    if (collect != nullptr) return;
+    const std::string v(m, strnlen(m, width));
+    const std::string& p = names->pseudonym(v);
+    if (!v.empty() && p.size() == v.size()) std::memcpy(m, p.data(), p.size());
+  }
   // A wide member (null or terminated): ASCII values only; others are kept.
   void wide(wchar_t* ws) {
     if (ws == nullptr) return;
@@ -131,6 +139,9 @@ void walk_header(std::uint8_t* buf, std::size_t sector_len, walker& w) {
   if (h.phi_version_major == 1) w.text(h.phi_dg_name_1_2, sizeof h.phi_dg_name_1_2);
   w.text(h.phi_dg_name, sizeof h.phi_dg_name);
   w.text(h.phi_hostid, sizeof h.phi_hostid);
+  w.kept(h.phi_diskid, sizeof h.phi_diskid);
+  w.kept(h.phi_dgid, sizeof h.phi_dgid);
+  w.kept(h.phi_move_dgid, sizeof h.phi_move_dgid);
   if (!w.writing()) return;
   std::uint8_t* q = dbf_fmt_tbl(priv_version_fields, n_priv_version_fields, &h,
                                 buf + PRIV_VERSION_OFFSET);
@@ -225,9 +236,11 @@ void walk_record_text(std::uint32_t type, void* sp, walker& w) {
     if ((type & g.flagmask) != g.flagvalue) continue;
     for (std::size_t i = 0; i < g.nflds; ++i) {
       const db_field& f = g.ftbl[i];
-      if (is_kept(type, f.dbf_offset)) continue;
       auto* m = static_cast<std::uint8_t*>(sp) + f.dbf_offset;
-      if (f.dbf_type == DBF_TYPE_STRING || f.dbf_type == DBF_TYPE_VSTRING) {
+      const bool text = f.dbf_type == DBF_TYPE_STRING || f.dbf_type == DBF_TYPE_VSTRING;
+      if (is_kept(type, f.dbf_offset)) {
+        if (text) w.kept(reinterpret_cast<char*>(m), f.dbf_tagsize);
+      } else if (text) {
         w.text(reinterpret_cast<char*>(m), f.dbf_tagsize);
       } else if (f.dbf_type == DBF_TYPE_AWSTRING) {
         wchar_t* ws = nullptr;
@@ -370,6 +383,7 @@ void walk_config_copy(std::vector<std::uint8_t>& copy, int number, walker& w) {
   }
   w.text(cl.vi.vdbi_dg_name, sizeof cl.vi.vdbi_dg_name);
   w.text(cl.vi.vdbi_dg_name_1_2, sizeof cl.vi.vdbi_dg_name_1_2);
+  w.kept(cl.vi.vdbi_dg_id, sizeof cl.vi.vdbi_dg_id);
   std::vector<db_record*> recs(cl.decoded.begin(), cl.decoded.end());
   std::sort(recs.begin(), recs.end(), [](db_record* a, db_record* b) {
     return a->dbr_first_blkno < b->dbr_first_blkno;
