@@ -158,6 +158,9 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.anonymise->add_option("--map", v.anon.map_path,
                           "write the map (pseudonym -> original, JSON) to MAP; never into OUT");
   c.anonymise->add_flag("--force", v.anon.force, "replace OUT and MAP when they exist");
+  c.anonymise->add_option("--with", v.anon.with,
+                          "another disk of the group (repeatable): its names join the draw, so "
+                          "that every disk anonymised with the same --with list agrees");
   c.anonymise->add_flag("--show", v.anon_show, "print IN's anonymisation marker, if it has one");
 
   // Several disks of a group.

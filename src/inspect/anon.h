@@ -86,6 +86,11 @@ class anon_names {
 // longer run of letters and digits) by its pseudonym, the longest first.
 std::string anon_map_text(const anon_names& names, const std::string& text);
 
+// `text` with every checksum computed over a structure that did not verify
+// ("computed 0x" and hex digits) masked: such a sum covers the names, so it
+// changes with them while the stored one is kept.
+std::string anon_mask_computed(const std::string& text);
+
 // The region rewrite (steps 1 and 3) over the bytes of a region image.
 struct anon_rewrite_stats {
   std::size_t headers = 0, toc_blocks = 0, copies = 0, records = 0, logs = 0;
@@ -112,6 +117,9 @@ struct anonymise_options {
   std::string map_path;  // empty: no map file
   bool force = false;
   std::string tool_version;  // for the manifest
+  // The other disks of the group: their values join the draw, so that
+  // every disk anonymised with the same list gets the same pseudonyms.
+  std::vector<std::string> with;
 };
 
 // The command. INSPECT_OK, or INSPECT_USAGE_IO after a message on s.err

@@ -180,6 +180,19 @@ std::string anon_map_text(const anon_names& names, const std::string& text) {
   return out;
 }
 
+std::string anon_mask_computed(const std::string& text) {
+  static const std::string mark = "computed 0x";
+  std::string out;
+  std::size_t i = 0;
+  for (std::size_t at; (at = text.find(mark, i)) != std::string::npos;) {
+    out.append(text, i, at - i);
+    out += "computed 0x?";
+    i = at + mark.size();
+    while (i < text.size() && is_hex(text[i])) ++i;
+  }
+  return out + text.substr(i);
+}
+
 bool anon_read_key(const std::string& path, std::vector<std::uint8_t>* key, std::string* error) {
   std::ifstream in(path);
   if (!in) {

@@ -11,7 +11,10 @@
 //   TOC blocks       every sector that starts with "TOCBLOCK": its entries
 //                    (priv_unpack_toc_entry / priv_pack_toc_entry), tag-id
 //                    payloads through priv_unpack/pack_tagid_entry;
-//   config copies    every copy the TOC lists, enabled or not: the database
+//   config copies    every copy the TOC lists, enabled or not, and every
+//                    sector starting with "VMDB" that no listed copy starts
+//                    at (taken as a copy of the size its header gives): the
+//                    database
 //                    header (voldbsup_reformat_header) and every record the
 //                    block store completes (voldbsup_format_record, framed
 //                    by ddb_format_block into the blocks it came from; a
@@ -453,11 +456,13 @@ std::vector<part_span> copy_parts(const priv_info* priv, const copy_info* cp, st
   return parts;
 }
 
-void walk_copies(inspect_image& img, std::vector<std::uint8_t>& region, bool config, walker& w) {
+void walk_copies(inspect_image& img, std::vector<std::uint8_t>& region, bool config, walker& w,
+                 std::set<std::uint64_t>& starts) {
   priv_info* priv = img.priv();
   for (copy_info* cp = config ? priv->pri_config_copies : priv->pri_log_copies; cp != nullptr;
        cp = cp->ci_next) {
     const std::vector<part_span> parts = copy_parts(priv, cp, region.size());
+    if (!parts.empty()) starts.insert(parts[0].start);
     std::vector<std::uint8_t> copy;
     for (const part_span& p : parts)
       copy.insert(copy.end(), region.begin() + p.start, region.begin() + p.start + p.len);
@@ -478,6 +483,24 @@ void walk_copies(inspect_image& img, std::vector<std::uint8_t>& region, bool con
 bool starts_with(const std::vector<std::uint8_t>& region, std::size_t off, const char* magic,
                  std::size_t len) {
   return off + len <= region.size() && std::memcmp(region.data() + off, magic, len) == 0;
+}
+
+// Database headers that no copy of the TOC starts with (a region that
+// cannot be joined, a copy the TOC no longer lists): each is taken as one
+// copy of nblocks * blksize bytes from its sector, cut at the region's end.
+void walk_unlisted_copies(std::vector<std::uint8_t>& region, std::size_t ss,
+                          const std::set<std::uint64_t>& starts, walker& w) {
+  for (std::size_t off = 0; off + ss <= region.size(); off += ss) {
+    if (starts.count(off) != 0 || !starts_with(region, off, voldb_magic, VOLDB_MAGIC_LEN)) continue;
+    voldb_prefix_info pre{};
+    if (voldb_prefix_decode(region.data() + off, region.data() + region.size(), &pre) == nullptr)
+      continue;
+    const std::uint64_t len = std::min<std::uint64_t>(
+        static_cast<std::uint64_t>(pre.vdp_nblocks) * pre.vdp_blksize, region.size() - off);
+    std::vector<std::uint8_t> copy(region.begin() + off, region.begin() + off + len);
+    walk_config_copy(copy, 0, w);
+    if (w.writing()) std::copy(copy.begin(), copy.end(), region.begin() + off);
+  }
 }
 
 // Every sector outside the headers, the TOC blocks and the regions the TOC
@@ -531,14 +554,13 @@ void walk_region(inspect_image& img, std::vector<std::uint8_t>& region, walker& 
       structure[s] = true;
     }
   }
-  if (!img.joined()) {
-    if (w.writing() && w.stats != nullptr)
-      w.stats->kept.push_back("the region is not joined: no copy could be located");
-    return;
+  std::set<std::uint64_t> starts;
+  if (img.joined()) {
+    walk_copies(img, region, true, w, starts);
+    walk_copies(img, region, false, w, starts);
   }
-  walk_copies(img, region, true, w);
-  walk_copies(img, region, false, w);
-  if (w.writing()) zero_unlisted(img, region, structure, w);
+  walk_unlisted_copies(region, ss, starts, w);
+  if (img.joined() && w.writing()) zero_unlisted(img, region, structure, w);
 }
 
 }  // namespace
