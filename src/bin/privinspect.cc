@@ -147,22 +147,6 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.extract->add_option("OUT", v.out, "the region image to write (never the input)")->required();
   c.extract->add_flag("--force", v.force, "replace OUT when it exists");
 
-  // A copy that names nothing of the customer's (docs/anonymise.md).
-  c.anonymise = app.add_subcommand(
-      "anonymise", "write IN's region to OUT with every name replaced by a keyed pseudonym, its "
-                   "damage kept; OUT is kept only when check agrees and no original is left");
-  c.anonymise->add_option("IN", v.target.image, "raw image of a region or whole disk")->required();
-  c.anonymise->add_option("OUT", v.anon.out, "the region image to write (never the input)");
-  c.anonymise->add_option("--key", v.anon.key_path, "key file: 64 hex digits (see --new-key)");
-  c.anonymise->add_flag("--new-key", v.anon.new_key, "create the key file first (never over one)");
-  c.anonymise->add_option("--map", v.anon.map_path,
-                          "write the map (pseudonym -> original, JSON) to MAP; never into OUT");
-  c.anonymise->add_flag("--force", v.anon.force, "replace OUT and MAP when they exist");
-  c.anonymise->add_option("--with", v.anon.with,
-                          "another disk of the group (repeatable): its names join the draw, so "
-                          "that every disk anonymised with the same --with list agrees");
-  c.anonymise->add_flag("--show", v.anon_show, "print IN's anonymisation marker, if it has one");
-
   // Several disks of a group.
   c.compare = app.add_subcommand(
       "compare", "the disks of one group side by side: headers, copies, stale disks, record "
@@ -179,6 +163,23 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.map->add_option("IMAGE", v.images, "raw image of a region or whole disk, one per disk")
       ->required();
   c.map->add_option("--svg", v.svg, "write the map as SVG to FILE (never an input image)");
+
+  // A copy that names nothing of the customer's (docs/anonymise.md).
+  c.anonymise = app.add_subcommand(
+      "anonymise", "write IN's region to OUT with every name replaced by a keyed pseudonym, its "
+                   "damage kept; OUT is kept only when check agrees and no original is left");
+  c.anonymise->add_option("IN", v.target.image, "raw image of a region or whole disk")->required();
+  c.anonymise->add_option("OUT", v.anon.out, "the region image to write (never the input)");
+  c.anonymise->add_option("--key", v.anon.key_path, "key file: 64 hex digits (see --new-key)");
+  c.anonymise->add_flag("--new-key", v.anon.new_key, "create the key file first (never over one)");
+  c.anonymise->add_option("--map", v.anon.map_path,
+                          "write the map (pseudonym -> original, JSON) to MAP; never into OUT");
+  c.anonymise->add_flag("--force", v.anon.force, "replace OUT and MAP when they exist");
+  c.anonymise->add_option("--with", v.anon.with,
+                          "another disk of the group (repeatable): its names join the draw, so "
+                          "that every disk anonymised with the same --with list agrees");
+  c.anonymise->add_flag("--show", v.anon_show, "print IN's anonymisation marker, if it has one");
+
   return c;
 }
 
