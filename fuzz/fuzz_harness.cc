@@ -132,7 +132,7 @@ void anonymise_region(const std::string& path, int sector_size) {
     anon_collect(img, region, names);
     std::string error;
     anon_rewrite_stats stats;
-    if (names.resolve(&error)) anon_rewrite(img, region, names, &stats, &error);
+    if (names.resolve(&error)) anon_rewrite(img, region, names, true, &stats, &error);
   } catch (const fatal_exit&) {
   }
 }

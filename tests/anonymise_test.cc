@@ -109,6 +109,9 @@ TEST(Anonymise, ReportIsTheInputsWithNamesMapped) {
       {"missing-children", small_image("", "3"), 512},
       {"premature-end", small_image("nblocks=2000"), 512},
       {"count-mismatch", small_image("vs_v_cnt=3"), 512},
+      {"toc-chains-differ", small_image("", "1", "b0000002-1234-0002-4041-424344454647", "",
+                                        "tocblock at=1 alt=2046\npoke sector=2046 offset=400 "
+                                        "hex=01\nfixsum toc sector=2046\n"), 512},
       {"group-disk03", group_disk("disk03"), 512},
       {"4096", "disk sector-size=4096 sectors=256\nheader diskid=d4k dgname=bigdg\n"
                "region config copy=1 offset=10 len=40\n"

@@ -100,10 +100,12 @@ struct anon_rewrite_stats {
 };
 // Collects every value to replace in `region` (the located image `img`).
 void anon_collect(inspect_image& img, const std::vector<std::uint8_t>& region, anon_names& names);
-// Rewrites `region` with the pseudonyms. False with the reason in *error
-// when a structure cannot be re-encoded as it was framed.
+// Rewrites `region` with the pseudonyms; with `zero`, the slack after
+// structures and the unused space are zeroed (else they keep their bytes).
+// False with the reason in *error when a structure cannot be re-encoded as
+// it was framed.
 bool anon_rewrite(inspect_image& img, std::vector<std::uint8_t>& region, const anon_names& names,
-                  anon_rewrite_stats* stats, std::string* error);
+                  bool zero, anon_rewrite_stats* stats, std::string* error);
 
 // The marker sector written into a free sector of OUT: "PDANONYM", then
 // the manifest as JSON text, NUL-terminated.

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -170,42 +171,10 @@ int inspect_anonymise(session& s, const inspect_target& t, const anonymise_optio
     if (!collect_from(q, t, other, names)) return fail(s, other + ": cannot be read");
   }
   if (!names.resolve(&why)) return fail(s, why + "; nothing written");
-  anon_rewrite_stats stats;
-  if (!anon_rewrite(img, region, names, &stats, &why)) return fail(s, why + "; nothing written");
-
-  nlohmann::json manifest = {{"anonymised", true},
-                             {"tool", std::string("privinspect ") + o.tool_version},
-                             {"key_id", anon_key_id(key)},
-                             {"options", {{"ids", false}}},
-                             {"sector_size", img.sector_size()},
-                             {"values", names.map().size()}};
-  // The marker: the first sector of the region that no structure uses.
-  const std::string marker = std::string(anon_marker_magic) + manifest.dump();
-  const auto ss = static_cast<std::size_t>(img.sector_size());
-  bool marked = false;
-  if (marker.size() < ss) {
-    for (std::size_t sec : stats.free_sectors) {
-      std::memcpy(region.data() + sec * ss, marker.data(), marker.size());
-      marked = true;
-      break;
-    }
-  }
-  manifest["marker"] = marked;
-
-  new_image w(s);
-  if (w.open(t.image, o.out, o.force) != INSPECT_OK) return INSPECT_USAGE_IO;
-  if (w.write(region.data(), region.size()) != INSPECT_OK || w.finish() != INSPECT_OK)
-    return INSPECT_USAGE_IO;
-
-  // The self-check: check agrees with the names mapped, and no original
-  // value is left in the bytes written.
-  inspect_target ot;
-  ot.image = w.temp_path();
-  ot.sector_size = t.sector_size;
-  ot.header_choice = t.header_choice;
+  // check on IN, once; for a whole disk without the line naming the region
+  // chosen, since OUT is that region.
   auto [in_status, in_text] = check_text(s, t);
   if (img.window_offset() != 0 || t.region != 0 || t.offset_sector >= 0) {
-    // The line naming the region chosen in a whole disk: OUT is that region.
     const std::string note = std::string(s.progname) + ": " + t.image + ": the private region at";
     std::istringstream lines(in_text);
     std::string kept, line;
@@ -214,25 +183,65 @@ int inspect_anonymise(session& s, const inspect_target& t, const anonymise_optio
     }
     in_text = kept;
   }
-  const auto [out_status, out_text] = check_text(s, ot);
   const std::string want = anon_mask_computed(anon_map_text(names, in_text));
-  if (in_status != out_status || want != anon_mask_computed(out_text)) {
-    w.discard();
-    return fail(s, "self-check failed: check on OUT differs from check on IN (" +
-                       first_difference(want, out_text) + "); nothing written");
+
+  // The rewrite, with the slack and unused space zeroed; when that changes
+  // what check finds (damage that lies in them), once more keeping them.
+  nlohmann::json manifest;
+  anon_rewrite_stats stats;
+  std::unique_ptr<new_image> w;
+  std::vector<std::uint8_t> out;
+  for (const bool zero : {true, false}) {
+    out = region;
+    stats = anon_rewrite_stats{};
+    if (!anon_rewrite(img, out, names, zero, &stats, &why)) return fail(s, why + "; nothing written");
+    manifest = {{"anonymised", true},
+                {"tool", std::string("privinspect ") + o.tool_version},
+                {"key_id", anon_key_id(key)},
+                {"options", {{"ids", false}}},
+                {"slack_zeroed", zero},
+                {"sector_size", img.sector_size()},
+                {"values", names.map().size()}};
+    // The marker: the first sector of the region that no structure uses.
+    const std::string marker = std::string(anon_marker_magic) + manifest.dump();
+    const auto ss = static_cast<std::size_t>(img.sector_size());
+    bool marked = false;
+    if (marker.size() < ss && zero && !stats.free_sectors.empty()) {
+      std::memcpy(out.data() + stats.free_sectors.front() * ss, marker.data(), marker.size());
+      marked = true;
+    }
+    manifest["marker"] = marked;
+
+    w = std::make_unique<new_image>(s);
+    if (w->open(t.image, o.out, o.force) != INSPECT_OK) return INSPECT_USAGE_IO;
+    if (w->write(out.data(), out.size()) != INSPECT_OK || w->finish() != INSPECT_OK)
+      return INSPECT_USAGE_IO;
+    // The self-check: check agrees with the names mapped.
+    inspect_target ot;
+    ot.image = w->temp_path();
+    ot.sector_size = t.sector_size;
+    ot.header_choice = t.header_choice;
+    const auto [out_status, out_text] = check_text(s, ot);
+    if (in_status == out_status && want == anon_mask_computed(out_text)) break;
+    w->discard();
+    if (!zero) {
+      return fail(s, "self-check failed: check on OUT differs from check on IN (" +
+                         first_difference(want, anon_mask_computed(out_text)) +
+                         "); nothing written");
+    }
   }
-  std::vector<std::uint8_t> written(region.size());
+  std::vector<std::uint8_t> written(out.size());
   {
-    std::ifstream in(w.temp_path(), std::ios::binary);
+    std::ifstream in(w->temp_path(), std::ios::binary);
     in.read(reinterpret_cast<char*>(written.data()), static_cast<std::streamsize>(written.size()));
     if (in.gcount() != static_cast<std::streamsize>(written.size())) {
-      w.discard();
+      w->discard();
       return fail(s, "self-check failed: OUT cannot be read back; nothing written");
     }
   }
   const std::string found = find_original(written, names);
   if (!found.empty()) {
-    w.discard();
+    w->discard();
     return fail(s, "self-check failed: OUT still holds " + found + "; nothing written");
   }
 
@@ -244,17 +253,20 @@ int inspect_anonymise(session& s, const inspect_target& t, const anonymise_optio
       list.push_back({{"pseudonym", p}, {"original", v}, {"original_hex", hex_of(v)}});
     doc["names"] = list;
     if (!write_map(o.map_path, o.force, doc, &why)) {
-      w.discard();
+      w->discard();
       return fail(s, why + "; nothing written");
     }
   }
-  if (w.commit() != INSPECT_OK) return INSPECT_USAGE_IO;
+  if (w->commit() != INSPECT_OK) return INSPECT_USAGE_IO;
   std::fprintf(s.out,
                "%s: %zu values replaced in %zu header copies, %zu TOC blocks, %zu records of %zu "
                "configuration copies; %zu bytes zeroed; check agrees, no original left\n",
                o.out.c_str(), names.map().size(), stats.headers, stats.toc_blocks, stats.records,
                stats.copies, stats.zeroed_bytes);
   for (const std::string& k : stats.kept) std::fprintf(s.out, "kept: %s\n", k.c_str());
+  if (!manifest["slack_zeroed"].get<bool>()) {
+    std::fprintf(s.out, "kept: the slack and unused space (zeroing them changed check's findings)\n");
+  }
   return INSPECT_OK;
 }
 

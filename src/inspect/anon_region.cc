@@ -56,6 +56,7 @@ struct walker {
   anon_rewrite_stats* stats = nullptr;
   std::string* error = nullptr;
   bool failed = false;
+  bool zero = true;  // zero the slack and unused space (else keep their bytes)
 
   // A NUL-terminated member of `width` bytes.
   void text(char* m, std::size_t width) {
@@ -150,8 +151,10 @@ void walk_header(std::uint8_t* buf, std::size_t sector_len, walker& w) {
                                 buf + PRIV_VERSION_OFFSET);
   for (const table_ref& t : body) q = dbf_fmt_tbl(t.t, t.n, &h, q);
   const auto end = static_cast<std::size_t>(q - buf);
-  std::memset(buf + end, 0, sector_len - end);
-  if (w.stats != nullptr) w.stats->zeroed_bytes += sector_len - end;
+  if (w.zero) {
+    std::memset(buf + end, 0, sector_len - end);
+    if (w.stats != nullptr) w.stats->zeroed_bytes += sector_len - end;
+  }
   seal_checksum(buf + PRIV_CHECKSUM_OFFSET, verified, stored,
                 static_cast<std::uint32_t>(priv_header_checksum(buf)));
   if (w.stats != nullptr) ++w.stats->headers;
@@ -187,10 +190,10 @@ void walk_toc_block(std::uint8_t* buf, std::size_t len, walker& w) {
   if (w.writing()) {
     std::uint8_t* q = buf + TOC_ENTRIES_OFFSET;
     for (toc_entry_info* e : entries) {
-      std::memset(q, 0, TOC_ENTRY_TYPE_LEN);
+      if (w.zero) std::memset(q, 0, TOC_ENTRY_TYPE_LEN);
       priv_pack_toc_entry(e, &q);
     }
-    if (clean_end) {
+    if (clean_end && w.zero) {
       const auto n = static_cast<std::size_t>(end - q);
       std::memset(q, 0, n);
       if (w.stats != nullptr) w.stats->zeroed_bytes += n;
@@ -357,7 +360,7 @@ bool reframe_record(dbase* db, db_record* r, std::vector<std::uint8_t>& copy,
       ok = false;
       break;
     }
-    std::memset(p + n, 0, bs - hdr - n);
+    if (w.zero) std::memset(p + n, 0, bs - hdr - n);
     std::memcpy(orig, scratch.data(), bs);
     used.insert(blk);
     blk = ddb_block(db, blk).dbb_next_blkno;
@@ -403,7 +406,10 @@ void walk_config_copy(std::vector<std::uint8_t>& copy, int number, walker& w) {
   }
   // Blocks that carry no record: their payload.
   const std::size_t bs = cl.db->ddb_blksize;
-  if (cl.db->ddb_flag & DDB_COMPACT) return;
+  if ((cl.db->ddb_flag & DDB_COMPACT) || !w.zero) {
+    if (w.stats != nullptr) ++w.stats->copies;
+    return;
+  }
   const std::size_t first = (cl.db->ddb_hdrsize + bs - 1) / bs;
   for (std::size_t b = first; b < cl.db->ddb_nblocks && (b + 1) * bs <= copy.size(); ++b) {
     if (used.count(b) != 0) continue;
@@ -421,7 +427,7 @@ void walk_config_copy(std::vector<std::uint8_t>& copy, int number, walker& w) {
 // Log copies.
 
 void walk_log_copy(std::vector<std::uint8_t>& copy, walker& w) {
-  if (!w.writing()) return;
+  if (!w.writing() || !w.zero) return;
   for (std::size_t off = 0; off + KLOG_BLKSIZE <= copy.size(); off += KLOG_BLKSIZE) {
     std::uint8_t* p = copy.data() + off;
     klog_block_info b{};
@@ -560,7 +566,7 @@ void walk_region(inspect_image& img, std::vector<std::uint8_t>& region, walker& 
     walk_copies(img, region, false, w, starts);
   }
   walk_unlisted_copies(region, ss, starts, w);
-  if (img.joined() && w.writing()) zero_unlisted(img, region, structure, w);
+  if (img.joined() && w.writing() && w.zero) zero_unlisted(img, region, structure, w);
 }
 
 }  // namespace
@@ -573,8 +579,9 @@ void anon_collect(inspect_image& img, const std::vector<std::uint8_t>& region, a
 }
 
 bool anon_rewrite(inspect_image& img, std::vector<std::uint8_t>& region, const anon_names& names,
-                  anon_rewrite_stats* stats, std::string* error) {
+                  bool zero, anon_rewrite_stats* stats, std::string* error) {
   walker w;
+  w.zero = zero;
   w.names = &names;
   w.stats = stats;
   w.error = error;
