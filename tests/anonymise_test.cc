@@ -189,6 +189,11 @@ TEST(Anonymise, RefusalsWriteNothing) {
       small_image("", "1", "b0000002-1234-0002-4041-424344454647",
                   "  volume name=--- rid=0.1010 len=8 pl_num=0\n"),
       "odd.img");
+  // A name in the words of an unused log entry: nothing replaces it there.
+  const std::string leak = build_to_file(
+      small_image("", "1", "b0000002-1234-0002-4041-424344454647", "",
+                  "poke sector=1617 offset=145 hex=766f6c312d3031\n"),
+      "leak.img");
   const std::string out = temp_dir() + "/refused.anon";
   write_file(out + ".there", std::vector<std::uint8_t>{1});
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
@@ -197,6 +202,7 @@ TEST(Anonymise, RefusalsWriteNothing) {
       {{"anonymise", in, out}, "--key KEYFILE is required"},
       {{"anonymise", in, out, "--key", temp_dir() + "/none.key"}, "cannot open"},
       {{"anonymise", odd, out, "--key", key_file()}, "no unique pseudonym for \"---\""},
+      {{"anonymise", leak, out, "--key", key_file()}, "OUT still holds \"vol1\" at byte 828049"},
   };
   for (const auto& [args, why] : cases) {
     SCOPED_TRACE(why);

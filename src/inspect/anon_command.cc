@@ -14,6 +14,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <unordered_map>
 
 #include "inspect/anon.h"
 #include "inspect/inspect.h"
@@ -58,8 +59,14 @@ std::string fold(std::string v) {
 
 // The first original value found in `bytes` (as stored in any case, or as
 // 16-bit wide characters of either byte order), with where; empty if none.
+// One pass over the bytes: every needle is indexed by its first 3 bytes.
 std::string find_original(const std::vector<std::uint8_t>& bytes, const anon_names& names) {
-  const std::string hay = fold(std::string(bytes.begin(), bytes.end()));
+  struct needle {
+    std::string text;
+    const std::string* value;
+    const char* form;
+  };
+  std::vector<needle> needles;
   for (const auto& [v, p] : names.map()) {
     if (v.size() < min_searched) continue;
     const std::string f = fold(v);
@@ -70,11 +77,24 @@ std::string find_original(const std::vector<std::uint8_t>& bytes, const anon_nam
       be += '\0';
       be += c;
     }
-    for (const auto& [form, needle] : {std::pair<const char*, const std::string&>{"", f},
-                                       {" as wide characters", le}, {" as wide characters", be}}) {
-      const auto at = hay.find(needle);
-      if (at != std::string::npos) {
-        return "\"" + v + "\"" + form + " at byte " + std::to_string(at);
+    needles.push_back({f, &v, ""});
+    needles.push_back({le, &v, " as wide characters"});
+    needles.push_back({be, &v, " as wide characters"});
+  }
+  auto key = [](const char* p) {
+    return static_cast<std::uint32_t>(static_cast<unsigned char>(p[0])) << 16 |
+           static_cast<std::uint32_t>(static_cast<unsigned char>(p[1])) << 8 |
+           static_cast<unsigned char>(p[2]);
+  };
+  std::unordered_map<std::uint32_t, std::vector<const needle*>> index;
+  for (const needle& n : needles) index[key(n.text.data())].push_back(&n);
+  const std::string hay = fold(std::string(bytes.begin(), bytes.end()));
+  for (std::size_t i = 0; i + min_searched <= hay.size(); ++i) {
+    auto it = index.find(key(hay.data() + i));
+    if (it == index.end()) continue;
+    for (const needle* n : it->second) {
+      if (hay.compare(i, n->text.size(), n->text) == 0) {
+        return "\"" + *n->value + "\"" + n->form + " at byte " + std::to_string(i);
       }
     }
   }
