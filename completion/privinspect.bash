@@ -55,7 +55,7 @@ _privinspect() {
     records) options+=" --type --rid --name --copy" ;;
     extract) options+=" --force" ;;
     compare | map) options+=" --svg" ;;
-    anonymise) options+=" --key --new-key --map --force --with --show" ;;
+    anonymise) options+=" --key --new-key --map --force --with --ids --show" ;;
   esac
   if [[ $cur == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

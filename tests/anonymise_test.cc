@@ -75,8 +75,15 @@ anon_names map_names(const std::string& map_path) {
   const nlohmann::json doc = nlohmann::json::parse(read_text(map_path));
   EXPECT_EQ(doc["manifest"]["anonymised"], true);
   for (const auto& e : doc["names"]) names.add(e["original"]);
+  for (const auto& e : doc["record_ids"]) {
+    volrid_t r;
+    EXPECT_EQ(std::sscanf(e["original"].get<std::string>().c_str(), "%u.%u", &r.seqno_hi,
+                          &r.seqno_lo), 2);
+    names.add_rid(r);
+  }
   EXPECT_TRUE(names.resolve(&error)) << error;
   for (const auto& e : doc["names"]) EXPECT_EQ(names.pseudonym(e["original"]), e["pseudonym"]);
+  for (const auto& e : doc["record_ids"]) EXPECT_EQ(names.rids().at(e["original"]), e["pseudonym"]);
   return names;
 }
 
@@ -103,6 +110,9 @@ TEST(Anonymise, ReportIsTheInputsWithNamesMapped) {
       {"small", small_image(), 512},
       {"header-checksum", small_image("", "1", "b0000002-1234-0002-4041-424344454647", "",
                                       "hdrcopy primary damage=checksum\n"), 512},
+      {"both-headers-bad", small_image("", "1", "b0000002-1234-0002-4041-424344454647", "",
+                                       "hdrcopy primary damage=magic\n"
+                                       "hdrcopy alternate damage=magic\n"), 512},
       {"bad-block-magic", small_image("", "1", "b0000002-1234-0002-4041-424344454647",
                                       "  block at=40 magic=XBLK\n"), 512},
       {"duplicate-disk-id", small_image("", "1", "a0000002-1234-0002-4041-424344454647"), 512},
@@ -120,14 +130,16 @@ TEST(Anonymise, ReportIsTheInputsWithNamesMapped) {
                "  volume name=archive rid=0.1001 len=8 pl_num=0\nend\n", 4096},
       {"whole-disk", sample() + "whole-disk table=gpt sectors=8192 region=partition\n", 512},
   };
-  for (const anon_case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const anon_case& c : cases) for (const bool ids : {false, true}) {
+    SCOPED_TRACE(std::string(c.name) + (ids ? " --ids" : ""));
     const std::string in = build_to_file(c.desc, std::string(c.name) + ".img");
     const std::string out = temp_dir() + "/" + c.name + ".anon";
     const std::string map = out + ".map";
     const std::string ss = std::to_string(c.sector_size);
-    process_result r = inspect({"--sector-size", ss, "anonymise", in, out, "--key", key_file(),
-                                "--map", map, "--force"});
+    std::vector<std::string> args{"--sector-size", ss, "anonymise", in, out, "--key", key_file(),
+                                  "--map", map, "--force"};
+    if (ids) args.push_back("--ids");
+    process_result r = inspect(args);
     ASSERT_EQ(r.status, 0) << r.err;
     const anon_names names = map_names(map);
     std::string region = in;
@@ -154,12 +166,15 @@ TEST(Anonymise, ReportIsTheInputsWithNamesMapped) {
 }
 
 TEST(Anonymise, GroupComparesAsTheOriginals) {
+  for (const bool ids : {false, true}) {
+  SCOPED_TRACE(ids ? "--ids" : "names only");
   std::vector<std::string> ins, outs;
   for (const char* d : {"disk01", "disk02", "disk03"})
     ins.push_back(build_to_file(group_disk(d), std::string("grp") + d[5] + ".img"));
   for (const std::string& in : ins) {
     std::vector<std::string> a{"anonymise", in, in + ".anon", "--key", key_file(), "--force",
                                "--map", in + ".map"};
+    if (ids) a.push_back("--ids");
     for (const std::string& other : ins) {
       if (other != in) a.insert(a.end(), {"--with", other});
     }
@@ -180,6 +195,7 @@ TEST(Anonymise, GroupComparesAsTheOriginals) {
     }
   }
   EXPECT_EQ(got.out, anon_map_text(names, mapped));
+  }
 }
 
 TEST(Anonymise, RefusalsWriteNothing) {

@@ -178,6 +178,8 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.anonymise->add_option("--with", v.anon.with,
                           "another disk of the group (repeatable): its names join the draw, so "
                           "that every disk anonymised with the same --with list agrees");
+  c.anonymise->add_flag("--ids", v.anon.ids,
+                        "replace record ids, disk ids, group ids and GUIDs too, consistently");
   c.anonymise->add_flag("--show", v.anon_show, "print IN's anonymisation marker, if it has one");
 
   return c;

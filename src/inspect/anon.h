@@ -26,10 +26,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "base/session.h"
+#include "base/types.h"
 #include "inspect/inspect_image.h"
 
 namespace pd {
@@ -52,7 +54,8 @@ std::string anon_key_id(const std::vector<std::uint8_t>& key);
 // The pseudonyms of one image.
 class anon_names {
  public:
-  explicit anon_names(std::vector<std::uint8_t> key) : key_(std::move(key)) {}
+  explicit anon_names(std::vector<std::uint8_t> key, bool numbers = false)
+      : key_(std::move(key)), numbers_(numbers) {}
   // A value to replace (empty values are ignored).
   void add(const std::string& value);
   // Gives every value added its pseudonym. The values form a trie; at each
@@ -74,9 +77,22 @@ class anon_names {
 
   static anon_class class_of(const std::string& value);
 
+  // --ids: record ids. The low half's decimal digits are drawn like a
+  // name's, in a trie of their own (the first digit never 0, so the number
+  // keeps its digits; the order of the ids kept, as compare sorts by id);
+  // the high half and an id 0 stay. An id may map to itself: ids name
+  // nothing of the customer's. add_rid before resolve, rid after it; rids()
+  // gives every id added and its pseudonym ("hi.lo" texts).
+  void add_rid(volrid_t r);
+  volrid_t rid(volrid_t r) const;
+  const std::map<std::string, std::string>& rids() const { return rids_; }
+
  private:
   std::string trie_pseudonym(const std::string& value, std::uint32_t draw);
   std::vector<std::uint8_t> key_;
+  bool numbers_ = false;  // a trie of record ids' low halves
+  std::unique_ptr<anon_names> rid_trie_;
+  std::map<std::string, std::string> rids_;  // "hi.lo" -> "hi.lo"
   std::map<std::string, std::string> map_;  // original -> pseudonym
   std::map<std::pair<std::string, std::uint32_t>, std::map<char, char>> nodes_;
   std::string last_bad_;
@@ -98,14 +114,18 @@ struct anon_rewrite_stats {
   std::vector<std::string> kept;  // structures left as they were, and why
   std::vector<std::size_t> free_sectors;  // sectors no structure uses (zeroed)
 };
-// Collects every value to replace in `region` (the located image `img`).
-void anon_collect(inspect_image& img, const std::vector<std::uint8_t>& region, anon_names& names);
+// Collects every value to replace in `region` (the located image `img`);
+// with `ids`, the disk ids, group ids and GUIDs too.
+void anon_collect(inspect_image& img, const std::vector<std::uint8_t>& region, anon_names& names,
+                  bool ids = false);
 // Rewrites `region` with the pseudonyms; with `zero`, the slack after
 // structures and the unused space are zeroed (else they keep their bytes).
 // False with the reason in *error when a structure cannot be re-encoded as
 // it was framed.
+// With `ids`, record ids (in the records and the log entries), disk ids,
+// group ids and GUIDs are replaced too.
 bool anon_rewrite(inspect_image& img, std::vector<std::uint8_t>& region, const anon_names& names,
-                  bool zero, anon_rewrite_stats* stats, std::string* error);
+                  bool zero, anon_rewrite_stats* stats, std::string* error, bool ids = false);
 
 // The marker sector written into a free sector of OUT: "PDANONYM", then
 // the manifest as JSON text, NUL-terminated.
@@ -122,6 +142,7 @@ struct anonymise_options {
   // The other disks of the group: their values join the draw, so that
   // every disk anonymised with the same list gets the same pseudonyms.
   std::vector<std::string> with;
+  bool ids = false;  // --ids
 };
 
 // The command. INSPECT_OK, or INSPECT_USAGE_IO after a message on s.err

@@ -148,7 +148,8 @@ bool same_file(const std::string& a, const std::string& b) {
 }
 
 // The values of another disk of the group (read as IN is, at its sector size).
-bool collect_from(session& q, const inspect_target& t, const std::string& path, anon_names& names) {
+bool collect_from(session& q, const inspect_target& t, const std::string& path, anon_names& names,
+                  bool ids) {
   inspect_target ot = t;
   ot.image = path;
   inspect_image img(q);
@@ -157,7 +158,7 @@ bool collect_from(session& q, const inspect_target& t, const std::string& path, 
   std::vector<std::uint8_t> region(img.file_size());
   if (img.read_at(0, region.data(), region.size()) != region.size()) return false;
   if (img.holds_header_positions()) img.locate();
-  anon_collect(img, region, names);
+  anon_collect(img, region, names, ids);
   return true;
 }
 
@@ -186,9 +187,9 @@ int inspect_anonymise(session& s, const inspect_target& t, const anonymise_optio
   if (img.holds_header_positions()) img.locate();
 
   anon_names names(key);
-  anon_collect(img, region, names);
+  anon_collect(img, region, names, o.ids);
   for (const std::string& other : o.with) {
-    if (!collect_from(q, t, other, names)) return fail(s, other + ": cannot be read");
+    if (!collect_from(q, t, other, names, o.ids)) return fail(s, other + ": cannot be read");
   }
   if (!names.resolve(&why)) return fail(s, why + "; nothing written");
   // check on IN, once; for a whole disk without the line naming the region
@@ -214,11 +215,12 @@ int inspect_anonymise(session& s, const inspect_target& t, const anonymise_optio
   for (const bool zero : {true, false}) {
     out = region;
     stats = anon_rewrite_stats{};
-    if (!anon_rewrite(img, out, names, zero, &stats, &why)) return fail(s, why + "; nothing written");
+    if (!anon_rewrite(img, out, names, zero, &stats, &why, o.ids))
+      return fail(s, why + "; nothing written");
     manifest = {{"anonymised", true},
                 {"tool", std::string("privinspect ") + o.tool_version},
                 {"key_id", anon_key_id(key)},
-                {"options", {{"ids", false}}},
+                {"options", {{"ids", o.ids}}},
                 {"slack_zeroed", zero},
                 {"sector_size", img.sector_size()},
                 {"values", names.map().size()}};
@@ -272,6 +274,9 @@ int inspect_anonymise(session& s, const inspect_target& t, const anonymise_optio
     for (const auto& [v, p] : names.map())
       list.push_back({{"pseudonym", p}, {"original", v}, {"original_hex", hex_of(v)}});
     doc["names"] = list;
+    nlohmann::json rids = nlohmann::json::array();
+    for (const auto& [v, p] : names.rids()) rids.push_back({{"pseudonym", p}, {"original", v}});
+    doc["record_ids"] = rids;
     if (!write_map(o.map_path, o.force, doc, &why)) {
       w->discard();
       return fail(s, why + "; nothing written");

@@ -21,6 +21,7 @@
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <cstdio>
 
 #include "inspect/anon.h"
 
@@ -86,6 +87,16 @@ bool anon_names::resolve(std::string* error) {
     folded.insert(fold(v));
     if (v.size() >= min_searched) searched.push_back(fold(v));
   }
+  if (rid_trie_ && !rid_trie_->resolve(error)) return false;
+  for (auto& [v, p] : rids_) {
+    const auto dot = v.find('.');
+    p = v.substr(0, dot + 1) + rid_trie_->pseudonym(v.substr(dot + 1));
+  }
+  if (numbers_) {
+    // Ids: one draw; any number fits (no search, an id may stay).
+    for (auto& [v, p] : map_) p = trie_pseudonym(v, 0);
+    return true;
+  }
   for (std::uint32_t n = 0; n < max_attempts; ++n) {
     // Each draw: every value's pseudonym through the keyed maps of the
     // trie of values; then the whole set is checked.
@@ -114,7 +125,7 @@ std::string anon_names::trie_pseudonym(const std::string& v, std::uint32_t count
   const anon_class cls = class_of(v);
   std::string out = v;
   for (std::size_t j = 0; j < v.size(); ++j) {
-    const char* alpha = alphabet_of(cls, v[j]);
+    const char* alpha = numbers_ ? (j == 0 ? "123456789" : "0123456789") : alphabet_of(cls, v[j]);
     if (alpha == nullptr) continue;
     // The characters that follow this prefix in the values of the class,
     // drawn within this alphabet: mapped in order onto as many characters
@@ -126,7 +137,8 @@ std::string anon_names::trie_pseudonym(const std::string& v, std::uint32_t count
     if (it == nodes_.end()) {
       std::set<char> children;
       for (auto m = map_.lower_bound(prefix); m != map_.end() && m->first.compare(0, j, prefix) == 0; ++m) {
-        if (m->first.size() > j && class_of(m->first) == cls && alphabet_of(cls, m->first[j]) == alpha)
+        if (m->first.size() > j && class_of(m->first) == cls &&
+            (numbers_ || alphabet_of(cls, m->first[j]) == alpha))
           children.insert(m->first[j]);
       }
       std::string pool = alpha;
@@ -147,6 +159,22 @@ std::string anon_names::trie_pseudonym(const std::string& v, std::uint32_t count
   return out;
 }
 
+void anon_names::add_rid(volrid_t r) {
+  if (r.seqno_lo == 0) return;
+  if (!rid_trie_) rid_trie_ = std::make_unique<anon_names>(key_, true);
+  rid_trie_->add(std::to_string(r.seqno_lo));
+  rids_.emplace(std::to_string(r.seqno_hi) + "." + std::to_string(r.seqno_lo), std::string());
+}
+
+volrid_t anon_names::rid(volrid_t r) const {
+  if (r.seqno_lo == 0 || !rid_trie_) return r;
+  const std::string& p = rid_trie_->pseudonym(std::to_string(r.seqno_lo));
+  if (p.empty()) return r;
+  volrid_t out = r;
+  out.seqno_lo = static_cast<std::uint32_t>(std::stoul(p));
+  return out;
+}
+
 const std::string& anon_names::pseudonym(const std::string& value) const {
   static const std::string none;
   auto it = map_.find(value);
@@ -157,6 +185,7 @@ std::string anon_map_text(const anon_names& names, const std::string& text) {
   // Longest first, so that "vol1-01" wins over "vol1".
   std::vector<const std::pair<const std::string, std::string>*> by_len;
   for (const auto& e : names.map()) by_len.push_back(&e);
+  for (const auto& e : names.rids()) by_len.push_back(&e);
   std::stable_sort(by_len.begin(), by_len.end(),
                    [](auto* a, auto* b) { return a->first.size() > b->first.size(); });
   auto word = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; };

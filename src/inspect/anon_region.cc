@@ -5,7 +5,8 @@
 // Each structure is decoded through its own decoder, its text members are
 // replaced in the decoded form, and it is encoded again through the
 // format's encoder at the place it came from:
-//   header copies    every sector that starts with "PRIVHEAD": the version
+//   header copies    every sector that starts with "PRIVHEAD", and each of
+//                    the two header positions whose magic is damaged: the version
 //                    and body tables of its version (dbf_unfmt_tbl and
 //                    dbf_fmt_tbl), whether or not its checksum verifies;
 //   TOC blocks       every sector that starts with "TOCBLOCK": its entries
@@ -38,6 +39,7 @@
 #include <set>
 
 #include "codec/integers.h"
+#include "codec/text_forms.h"
 #include "config_db/block_store.h"
 #include "config_db/record_layouts.h"
 #include "inspect/anon.h"
@@ -57,6 +59,7 @@ struct walker {
   std::string* error = nullptr;
   bool failed = false;
   bool zero = true;  // zero the slack and unused space (else keep their bytes)
+  bool ids = false;  // --ids: ids and GUIDs are values too, record ids are moved
 
   // A NUL-terminated member of `width` bytes.
   void text(char* m, std::size_t width) {
@@ -76,6 +79,31 @@ struct walker {
     const std::string v(m, strnlen(m, width));
     const std::string& p = names->pseudonym(v);
     if (!v.empty() && p.size() == v.size()) std::memcpy(m, p.data(), p.size());
+  }
+  // An id member: a value with --ids, else kept.
+  void id(char* m, std::size_t width) {
+    if (ids) {
+      text(m, width);
+    } else {
+      kept(m, width);
+    }
+  }
+  // A GUID member (with --ids): its text form is the value.
+  void guid(voldguid_t* g) {
+    if (!ids || guid_equal(*g, zeroguid)) return;
+    char t[40] = {};  // 36 characters and the terminator
+    voldguid_to_string(t, g);
+    text(t, sizeof t);
+    voldguid_t back{};
+    if (writing() && voldguid_from_string(&back, t) == 0) *g = back;
+  }
+  void rid(volrid_t* r) {
+    if (!ids) return;
+    if (collect != nullptr) {
+      collect->add_rid(*r);
+    } else {
+      *r = names->rid(*r);
+    }
   }
   // A wide member (null or terminated): ASCII values only; others are kept.
   void wide(wchar_t* ws) {
@@ -143,9 +171,11 @@ void walk_header(std::uint8_t* buf, std::size_t sector_len, walker& w) {
   if (h.phi_version_major == 1) w.text(h.phi_dg_name_1_2, sizeof h.phi_dg_name_1_2);
   w.text(h.phi_dg_name, sizeof h.phi_dg_name);
   w.text(h.phi_hostid, sizeof h.phi_hostid);
-  w.kept(h.phi_diskid, sizeof h.phi_diskid);
-  w.kept(h.phi_dgid, sizeof h.phi_dgid);
-  w.kept(h.phi_move_dgid, sizeof h.phi_move_dgid);
+  w.id(h.phi_diskid, sizeof h.phi_diskid);
+  w.id(h.phi_dgid, sizeof h.phi_dgid);
+  w.id(h.phi_move_dgid, sizeof h.phi_move_dgid);
+  w.guid(&h.phi_nt_diskset_id);
+  w.guid(&h.phi_nt_new_diskset_id);
   if (!w.writing()) return;
   std::uint8_t* q = dbf_fmt_tbl(priv_version_fields, n_priv_version_fields, &h,
                                 buf + PRIV_VERSION_OFFSET);
@@ -210,27 +240,41 @@ void walk_toc_block(std::uint8_t* buf, std::size_t len, walker& w) {
 
 // Members of a record that are the volume manager's words or ids, not the
 // customer's text: kept (docs/anonymise.md).
+// `id`: an id (replaced with --ids); else a word of the volume manager's.
 struct kept_member {
   std::uint32_t kind;
   std::size_t offset;
+  bool id;
 };
 const kept_member kept_members[] = {
-    {REC_TYPE_VOL, offsetof(volrec, v_use_type)},   {REC_TYPE_VOL, offsetof(volrec, v_fstype)},
-    {REC_TYPE_VOL, offsetof(volrec, v_state)},      {REC_TYPE_VOL, offsetof(volrec, v_start_opts)},
-    {REC_TYPE_PLEX, offsetof(plexrec, pl_state)},   {REC_TYPE_DM, offsetof(dmrec, dm_diskid)},
-    {REC_TYPE_DM, offsetof(dmrec, dm_move_dgid)},   {REC_TYPE_DG, offsetof(dgrec, dg_dgid)},
-    {REC_TYPE_DG, offsetof(dgrec, dg_move_dgid)},   {REC_TYPE_DA, offsetof(darec, da_diskid)},
-    {REC_TYPE_DA, offsetof(darec, da_dgid)},        {REC_TYPE_DA, offsetof(darec, da_type)},
-    {REC_TYPE_RVOL, offsetof(rvolrec, rv_state)},   {REC_TYPE_REP, offsetof(reprec, rp_state)},
-    {REC_TYPE_REP, offsetof(reprec, rp_remote_dgid)}, {REC_TYPE_DCO, offsetof(dcorec, dco_state)},
-    {REC_TYPE_CACHE, offsetof(cacherec, cache_state)}, {REC_TYPE_VSET, offsetof(vsetrec, vset_state)},
-    {REC_TYPE_VSET, offsetof(vsetrec, vset_use_type)}, {REC_TYPE_STPOOL, offsetof(stpoolrec, stp_policy)},
+    {REC_TYPE_VOL, offsetof(volrec, v_use_type), false},
+    {REC_TYPE_VOL, offsetof(volrec, v_fstype), false},
+    {REC_TYPE_VOL, offsetof(volrec, v_state), false},
+    {REC_TYPE_VOL, offsetof(volrec, v_start_opts), false},
+    {REC_TYPE_PLEX, offsetof(plexrec, pl_state), false},
+    {REC_TYPE_DM, offsetof(dmrec, dm_diskid), true},
+    {REC_TYPE_DM, offsetof(dmrec, dm_move_dgid), true},
+    {REC_TYPE_DG, offsetof(dgrec, dg_dgid), true},
+    {REC_TYPE_DG, offsetof(dgrec, dg_move_dgid), true},
+    {REC_TYPE_DA, offsetof(darec, da_diskid), true},
+    {REC_TYPE_DA, offsetof(darec, da_dgid), true},
+    {REC_TYPE_DA, offsetof(darec, da_type), false},
+    {REC_TYPE_RVOL, offsetof(rvolrec, rv_state), false},
+    {REC_TYPE_REP, offsetof(reprec, rp_state), false},
+    {REC_TYPE_REP, offsetof(reprec, rp_remote_dgid), true},
+    {REC_TYPE_DCO, offsetof(dcorec, dco_state), false},
+    {REC_TYPE_CACHE, offsetof(cacherec, cache_state), false},
+    {REC_TYPE_VSET, offsetof(vsetrec, vset_state), false},
+    {REC_TYPE_VSET, offsetof(vsetrec, vset_use_type), false},
+    {REC_TYPE_STPOOL, offsetof(stpoolrec, stp_policy), false},
 };
 
-bool is_kept(std::uint32_t type, std::size_t offset) {
+const kept_member* kept_member_of(std::uint32_t type, std::size_t offset) {
   const std::uint32_t kind = type & RTYPE_KIND_MASK;
-  return std::any_of(std::begin(kept_members), std::end(kept_members),
-                     [&](const kept_member& k) { return k.kind == kind && k.offset == offset; });
+  for (const kept_member& k : kept_members) {
+    if (k.kind == kind && k.offset == offset) return &k;
+  }
+  return nullptr;
 }
 
 // Every text member of the record's applicable groups.
@@ -244,8 +288,26 @@ void walk_record_text(std::uint32_t type, void* sp, walker& w) {
       const db_field& f = g.ftbl[i];
       auto* m = static_cast<std::uint8_t*>(sp) + f.dbf_offset;
       const bool text = f.dbf_type == DBF_TYPE_STRING || f.dbf_type == DBF_TYPE_VSTRING;
-      if (is_kept(type, f.dbf_offset)) {
-        if (text) w.kept(reinterpret_cast<char*>(m), f.dbf_tagsize);
+      const kept_member* k = kept_member_of(type, f.dbf_offset);
+      if (f.dbf_type == DBF_TYPE_RID || f.dbf_type == DBF_TYPE_VRID) {
+        volrid_t r;
+        std::memcpy(&r, m, sizeof r);
+        w.rid(&r);
+        std::memcpy(m, &r, sizeof r);
+      } else if (f.dbf_type == DBF_TYPE_GUID || f.dbf_type == DBF_TYPE_VGUID ||
+                 f.dbf_type == DBF_TYPE_GUIDSTORESTRING) {
+        voldguid_t g;
+        std::memcpy(&g, m, sizeof g);
+        w.guid(&g);
+        std::memcpy(m, &g, sizeof g);
+      } else if (f.dbf_type == DBF_TYPE_GUIDMEMSTRING) {
+        w.id(reinterpret_cast<char*>(m), f.dbf_tagsize);
+      } else if (k != nullptr) {
+        if (text && k->id) {
+          w.id(reinterpret_cast<char*>(m), f.dbf_tagsize);
+        } else if (text) {
+          w.kept(reinterpret_cast<char*>(m), f.dbf_tagsize);
+        }
       } else if (text) {
         w.text(reinterpret_cast<char*>(m), f.dbf_tagsize);
       } else if (f.dbf_type == DBF_TYPE_AWSTRING) {
@@ -389,7 +451,7 @@ void walk_config_copy(std::vector<std::uint8_t>& copy, int number, walker& w) {
   }
   w.text(cl.vi.vdbi_dg_name, sizeof cl.vi.vdbi_dg_name);
   w.text(cl.vi.vdbi_dg_name_1_2, sizeof cl.vi.vdbi_dg_name_1_2);
-  w.kept(cl.vi.vdbi_dg_id, sizeof cl.vi.vdbi_dg_id);
+  w.id(cl.vi.vdbi_dg_id, sizeof cl.vi.vdbi_dg_id);
   std::vector<db_record*> recs(cl.decoded.begin(), cl.decoded.end());
   std::sort(recs.begin(), recs.end(), [](db_record* a, db_record* b) {
     return a->dbr_first_blkno < b->dbr_first_blkno;
@@ -426,12 +488,32 @@ void walk_config_copy(std::vector<std::uint8_t>& copy, int number, walker& w) {
 // ---------------------------------------------------------------------------
 // Log copies.
 
+// With --ids, the record id in words 0-1 of the entries that carry one.
+void map_log_rids(std::uint8_t* blk, walker& w) {
+  for (int n = 0; n < KLOG_NENTRIES; ++n) {
+    std::uint8_t* e = blk + klog_entry_offset(n);
+    switch (klog_entry_type(e)) {
+      case VOL_KLOG_DETACH: case VOL_KLOG_DIRTY: case VOL_KLOG_LOGDETACH:
+      case VOL_KLOG_APP_DIRTY: case VOL_KLOG_DIRTY_SEQNO: case VOL_KLOG_CACHE_SEQNO: break;
+      default: continue;
+    }
+    klog_entry_info ei{};
+    if (klog_entry_decode(e, blk + KLOG_BLKSIZE, &ei) == nullptr) continue;
+    volrid_t r = klog_entry_seqno(ei, 0);
+    w.rid(&r);
+    if (!w.writing()) continue;
+    put_be32(e + KLOG_ENTRY_OFF_WORDS, r.seqno_hi);
+    put_be32(e + KLOG_ENTRY_OFF_WORDS + 4, r.seqno_lo);
+  }
+}
+
 void walk_log_copy(std::vector<std::uint8_t>& copy, walker& w) {
-  if (!w.writing() || !w.zero) return;
   for (std::size_t off = 0; off + KLOG_BLKSIZE <= copy.size(); off += KLOG_BLKSIZE) {
     std::uint8_t* p = copy.data() + off;
     klog_block_info b{};
     if (klog_block_decode(p, p + KLOG_BLKSIZE, &b) == nullptr || !b.klb_magic_ok) continue;
+    if (w.ids) map_log_rids(p, w);
+    if (!w.writing() || !w.zero) continue;
     for (int n = 0; n < KLOG_NENTRIES; ++n) {
       std::memset(p + klog_entry_offset(n) + KLOG_ENTRY_USED, 0, KLOG_ENTRY_SIZE - KLOG_ENTRY_USED);
     }
@@ -546,13 +628,29 @@ void zero_unlisted(inspect_image& img, std::vector<std::uint8_t>& region,
   }
 }
 
+// A header whose magic is damaged (at most two of its bytes differ) at one
+// of the header positions is a header still: its names are there.
+bool damaged_header_at(inspect_image& img, const std::vector<std::uint8_t>& region,
+                       std::size_t sector) {
+  const disk_attrs& a = img.attrs();
+  if (static_cast<voff_t>(sector) != a.dka_primary_header &&
+      static_cast<voff_t>(sector) != a.dka_alternate_header)
+    return false;
+  const std::size_t off = sector * static_cast<std::size_t>(img.sector_size());
+  if (off + PRIV_HEADER_SIZE > region.size()) return false;
+  int differ = 0;
+  for (std::size_t i = 0; i < PRIV_MAGIC_LEN; ++i) differ += region[off + i] != header_magic[i];
+  return differ <= 2;
+}
+
 void walk_region(inspect_image& img, std::vector<std::uint8_t>& region, walker& w) {
   const std::size_t ss = static_cast<std::size_t>(img.sector_size());
   const std::size_t nsect = region.size() / ss;
   std::vector<bool> structure(nsect, false);
   for (std::size_t s = 0; s < nsect; ++s) {
     const std::size_t off = s * ss;
-    if (starts_with(region, off, header_magic, PRIV_MAGIC_LEN) && ss >= PRIV_HEADER_SIZE) {
+    if (ss >= PRIV_HEADER_SIZE && (starts_with(region, off, header_magic, PRIV_MAGIC_LEN) ||
+                                   damaged_header_at(img, region, s))) {
       walk_header(region.data() + off, ss, w);
       structure[s] = true;
     } else if (starts_with(region, off, toc_magic, TOC_MAGIC_LEN)) {
@@ -571,17 +669,20 @@ void walk_region(inspect_image& img, std::vector<std::uint8_t>& region, walker& 
 
 }  // namespace
 
-void anon_collect(inspect_image& img, const std::vector<std::uint8_t>& region, anon_names& names) {
+void anon_collect(inspect_image& img, const std::vector<std::uint8_t>& region, anon_names& names,
+                  bool ids) {
   std::vector<std::uint8_t> scratch = region;
   walker w;
   w.collect = &names;
+  w.ids = ids;
   walk_region(img, scratch, w);
 }
 
 bool anon_rewrite(inspect_image& img, std::vector<std::uint8_t>& region, const anon_names& names,
-                  bool zero, anon_rewrite_stats* stats, std::string* error) {
+                  bool zero, anon_rewrite_stats* stats, std::string* error, bool ids) {
   walker w;
   w.zero = zero;
+  w.ids = ids;
   w.names = &names;
   w.stats = stats;
   w.error = error;
