@@ -21,6 +21,7 @@
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <unordered_set>
 #include <cstdio>
 
 #include "inspect/anon.h"
@@ -82,10 +83,10 @@ const char* alphabet_of(anon_class cls, char c) {
 
 bool anon_names::resolve(std::string* error) {
   std::set<std::string> folded;  // every value, case folded
-  std::vector<std::string> searched;
+  std::unordered_set<std::string> searched;
   for (const auto& [v, p] : map_) {
     folded.insert(fold(v));
-    if (v.size() >= min_searched) searched.push_back(fold(v));
+    if (v.size() >= min_searched) searched.insert(fold(v));
   }
   if (rid_trie_ && !rid_trie_->resolve(error)) return false;
   for (auto& [v, p] : rids_) {
@@ -105,9 +106,12 @@ bool anon_names::resolve(std::string* error) {
     for (auto& [v, p] : map_) {
       p = trie_pseudonym(v, n);
       const std::string fp = fold(p);
-      const bool hits = std::any_of(searched.begin(), searched.end(), [&](const std::string& o) {
-        return fp.find(o) != std::string::npos;
-      });
+      // Every piece of 3 or more characters of the pseudonym, looked up.
+      bool hits = false;
+      for (std::size_t i = 0; i + min_searched <= fp.size() && !hits; ++i) {
+        for (std::size_t len = min_searched; i + len <= fp.size() && !hits; ++len)
+          hits = searched.count(fp.substr(i, len)) != 0;
+      }
       if (p == v || folded.count(fp) != 0 || !taken.insert(fp).second || hits) {
         bad = v;
         break;
