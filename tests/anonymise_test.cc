@@ -217,6 +217,7 @@ TEST(Anonymise, RefusalsWriteNothing) {
       {{"anonymise", in, out + ".there", "--key", key_file()}, "exists"},
       {{"anonymise", in, out}, "--key KEYFILE is required"},
       {{"anonymise", in, out, "--key", temp_dir() + "/none.key"}, "cannot open"},
+      {{"anonymise", in, out, "--key", key_file(), "--new-key"}, "cannot create: File exists"},
       {{"anonymise", odd, out, "--key", key_file()}, "no unique pseudonym for \"---\""},
       {{"anonymise", leak, out, "--key", key_file()}, "OUT still holds \"vol1\" at byte 828049"},
   };
