@@ -140,21 +140,86 @@ int safe_wcscpy(wchar_t* strDestination, const wchar_t* strSource) {
   return 0;
 }
 
+std::size_t pack_fields(const std::uint8_t* s, std::size_t n, std::uint8_t* out) {
+  std::size_t i = 0;
+  std::size_t o = 0;
+  while (i < n) {
+    std::size_t zeros = 0;
+    while (i < n && s[i] == 0 && zeros < 255) ++i, ++zeros;
+    const std::size_t start = i;
+    std::size_t lit = 0;
+    while (i < n && lit < 255) {
+      if (s[i] == 0) {
+        std::size_t k = 0;
+        while (i + k < n && s[i + k] == 0 && k < 4) ++k;
+        if (k == 4 || i + k == n) break;
+      }
+      ++i;
+      ++lit;
+    }
+    out[o++] = static_cast<std::uint8_t>(zeros);
+    out[o++] = static_cast<std::uint8_t>(lit);
+    std::memcpy(out + o, s + start, lit);
+    o += lit;
+  }
+  return o;
+}
+
+void unpack_bytes(const std::uint8_t* packed, std::size_t n, std::size_t off, std::size_t len,
+                  void* out) {
+  auto* dst = static_cast<std::uint8_t*>(out);
+  std::memset(dst, 0, len);
+  const std::size_t end = off + len;
+  for (std::size_t pos = 0; pos < n && pos < end;) {
+    pos += packed[0];
+    const std::size_t lit = packed[1];
+    const std::uint8_t* bytes = packed + 2;
+    // The overlap of [pos, pos + lit) with [off, end).
+    const std::size_t from = pos > off ? pos : off;
+    const std::size_t to = pos + lit < end ? pos + lit : end;
+    if (from < to) std::memcpy(dst + (from - off), bytes + (from - pos), to - from);
+    pos += lit;
+    packed = bytes + lit;
+  }
+}
+
+void record_bytes(const record* rec, std::size_t off, std::size_t len, void* out) {
+  if (rec != nullptr && rec->u != nullptr) {
+    std::memcpy(out, static_cast<const std::uint8_t*>(rec->u) + off, len);
+  } else if (rec != nullptr && rec->packed != nullptr) {
+    unpack_bytes(rec->packed, record_room(rec->type), off, len, out);
+  } else {
+    std::memset(out, 0, len);
+  }
+}
+
+const void* record_fields(const record* rec, urec& scratch) {
+  if (rec == nullptr) return nullptr;
+  if (rec->u != nullptr) return rec->u;
+  if (rec->packed == nullptr) return nullptr;
+  unpack_bytes(rec->packed, record_room(rec->type), 0, sizeof scratch, &scratch);
+  return &scratch;
+}
+
 config_report::config_report(session& sess) : s(sess) {}
+
+const std::vector<std::size_t>& config_report::heap_offsets(std::uint32_t type_word) {
+  const std::uint32_t code = type_word & RTYPE_CODE_MASK;
+  if (!heap_known_[code]) {
+    heap_offsets_[code] = heap_member_offsets(find_rec2field(type_word));
+    heap_known_[code] = true;
+  }
+  return heap_offsets_[code];
+}
 
 config_report::~config_report() {
   // Only a record whose layout has wide or byte strings, and that holds
-  // one, has heap members to release.
-  std::vector<std::size_t> heap[RTYPE_CODE_MASK + 1];
-  bool known[RTYPE_CODE_MASK + 1] = {};
+  // one, has heap members to release (packed records hold none).
   for (record* rec = rlist; rec != nullptr; rec = rec->next) {
     if (rec->u == nullptr) continue;
-    const std::uint32_t code = rec->type_word & RTYPE_CODE_MASK;
-    if (!known[code]) {
-      heap[code] = heap_member_offsets(find_rec2field(rec->type_word));
-      known[code] = true;
+    if (holds_heap_member(rec->u, heap_offsets(rec->type_word))) {
+      release_decoded(rec->type_word, rec->u);
     }
-    if (holds_heap_member(rec->u, heap[code])) release_decoded(rec->type_word, rec->u);
   }
   release_decoded(0, nullptr);
   ddb_free(db);
@@ -175,11 +240,10 @@ void config_report::release_decoded(std::uint32_t type_word, void* sp) {
   }
 }
 
-void* config_report::arena_alloc(std::size_t size) {
-  constexpr std::size_t align = alignof(std::max_align_t);
-  size = (size + align - 1) / align * align;
+void* config_report::arena_alloc(std::size_t size, std::size_t align) {
+  arena_used_ = (arena_used_ + align - 1) / align * align;
   if (size > ARENA_BLOCK) return nullptr;
-  if (ARENA_BLOCK - arena_used_ < size) {
+  if (arena_used_ > ARENA_BLOCK || ARENA_BLOCK - arena_used_ < size) {
     // Zeroed pages straight from the system: no clearing pass.
     std::unique_ptr<std::uint8_t[], arena_free> block(
         static_cast<std::uint8_t*>(std::calloc(1, ARENA_BLOCK)));
@@ -242,16 +306,42 @@ int config_report::init_record(db_record* r) {
 int config_report::unformat_record(db_record* r, const std::uint8_t* buf,
                                    std::size_t frag_offset, std::size_t frag_size) {
   const int res = voldbsup_unformat_record(db, r, buf, frag_offset, frag_size, cb_add_new_record);
+  if (to_keep_ != nullptr) {
+    keep_fields(to_keep_);
+    to_keep_ = nullptr;
+  }
   // Fields of a type without room of its own are not kept.
   release_decoded(0, nullptr);
   return res;
 }
 
+void config_report::keep_fields(record* rec) {
+  const std::size_t n = record_room(rec->type);
+  const auto* fields = reinterpret_cast<const std::uint8_t*>(scratch_.get());
+  if (holds_heap_member(fields, heap_offsets(rec->type_word))) {
+    // The structure keeps its heap members: they are released with it.
+    void* u = arena_alloc(n);
+    if (u == nullptr) die_nomem(s);
+    std::memcpy(u, fields, n);
+    rec->u = u;
+    scratch_used_ = false;
+    return;
+  }
+  std::uint8_t packed[2 * sizeof(urec) + 2];
+  const std::size_t len = pack_fields(fields, n, packed);
+  void* p = arena_alloc(len, 1);
+  if (p == nullptr) die_nomem(s);
+  std::memcpy(p, packed, len);
+  rec->packed = static_cast<const std::uint8_t*>(p);
+}
+
 int config_report::add_new_record(db_record* r, int rec_namespace, volrid_t rid,
                                   const char* rname, voldguid_t /*guid*/, void** rawpp) {
   const int type = static_cast<int>(r->dbr_type & 15);
-  const std::size_t room = record_room(type);
-  void* mem = arena_alloc(sizeof(record));
+  const bool pack = pack_records && (type == REC_TYPE_VOL || type == REC_TYPE_PLEX ||
+                                     type == REC_TYPE_SD || type == REC_TYPE_DM);
+  const std::size_t room = pack ? 0 : record_room(type);
+  void* mem = arena_alloc(sizeof(record), alignof(record));
   void* u = room != 0 ? arena_alloc(room) : nullptr;
   if (mem == nullptr || (room != 0 && u == nullptr)) die_nomem(s);
   record* rec = new (mem) record{};
@@ -272,6 +362,7 @@ int config_report::add_new_record(db_record* r, int rec_namespace, volrid_t rid,
     scratch_used_ = true;
     scratch_type_ = r->dbr_type;
     *rawpp = scratch_.get();
+    if (pack) to_keep_ = rec;
   }
   if (rlast != nullptr) {
     rlast->next = rec;
@@ -474,6 +565,7 @@ int priv_dump_config(session& s, priv_info* priv, int copy, bool print) {
 
   config_report rep(s);
   rep.print_report = print;
+  rep.pack_records = true;
   return priv_load_config(s, priv, cp, rep);
 }
 

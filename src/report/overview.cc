@@ -2,6 +2,7 @@
 // header, block map and the record details, in the report's fixed order.
 #include "report/overview.h"
 
+#include <cstddef>
 #include <cstring>
 #include <string>
 
@@ -127,10 +128,10 @@ void printsviewrecordinfo(out_buffer& ob, const db_record* r) {
   voff_t len = 0;
   bool sized = false;
   if (rec != nullptr && rec->type == REC_TYPE_VOL) {
-    len = rec->vol()->v_len;
+    len = record_member<voff_t>(rec, offsetof(volrec, v_len));
     sized = true;
   } else if (rec != nullptr && rec->type == REC_TYPE_SD) {
-    len = rec->sd()->sd_len;
+    len = record_member<voff_t>(rec, offsetof(sdrec, sd_len));
     sized = true;
   }
   if (sized) {
@@ -244,17 +245,22 @@ void tree_findings(overview_state& st, const sview* p) {
   }
 }
 
-// The update tid of a record whose long format is printed, or null.
-const volseqno_t* update_tid(const db_record* r) {
+// The update tid of a record whose long format is printed into `tid`;
+// false for the other records.
+bool update_tid(const db_record* r, volseqno_t& tid) {
   const record* rec = record_of(r);
-  if (rec == nullptr) return nullptr;
+  if (rec == nullptr) return false;
+  std::size_t off = 0;
   switch (rec->type) {
-    case REC_TYPE_VOL: return &rec->vol()->v_update_tid;
-    case REC_TYPE_PLEX: return &rec->plex()->pl_update_tid;
-    case REC_TYPE_SD: return &rec->sd()->sd_update_tid;
-    case REC_TYPE_DM: return &rec->dm()->dm_update_tid;
-    default: return nullptr;
+    case REC_TYPE_VOL: off = offsetof(volrec, v_update_tid); break;
+    case REC_TYPE_PLEX: off = offsetof(plexrec, pl_update_tid); break;
+    case REC_TYPE_SD: off = offsetof(sdrec, sd_update_tid); break;
+    case REC_TYPE_DM: off = offsetof(dmrec, dm_update_tid); break;
+    default: return false;
   }
+  if (rec->u == nullptr && rec->packed == nullptr) return false;
+  tid = record_member<volseqno_t>(rec, off);
+  return true;
 }
 
 // The later of two tids in the store's circular order: `tid` replaces
@@ -307,8 +313,10 @@ void collect_finding(overview_state& st, const db_record* r, bool extra_dg) {
 }
 
 void add_duplicate_id(overview_state& st, const db_record* a, const db_record* b) {
-  const dmrec* da = record_of(a)->dm();
-  const dmrec* db = record_of(b)->dm();
+  urec fa;
+  urec fb;
+  const auto* da = static_cast<const dmrec*>(record_fields(record_of(a), fa));
+  const auto* db = static_cast<const dmrec*>(record_fields(record_of(b), fb));
   finding f = record_finding(st, finding_code::duplicate_disk_id, a);
   f.text = finding_textf("!! Disks %s and %s have duplicate id: %s !!", da->dm_name, db->dm_name,
                          da->dm_diskid);
@@ -339,8 +347,9 @@ void overview_finish(overview_state& st, const voldb_info& hdr, int m_qzmake_for
   count_finding(st, finding_code::dm_count, st.dm_cnt, c.vs_dm_cnt, "dm");
 
   if (m_qzmake_format == 0) {
+    volseqno_t tid;
     for (const db_record* r : details_order(st)) {
-      if (const volseqno_t* tid = update_tid(r)) track_tid(st.max_tid, *tid);
+      if (update_tid(r, tid)) track_tid(st.max_tid, tid);
     }
   }
   const auto above =

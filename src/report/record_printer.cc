@@ -161,20 +161,21 @@ void record_printer::print_record(const dbase* db, const db_record* r) {
   ob_.putc('\n');
   const record* rec = record_of(r);
   if (rec == nullptr) return done();
+  const void* u = record_fields(rec, *scratch_);
   if (m_qzmake_format_ != 0) {
-    print_fields(rec->type, rec->u);
+    print_fields(rec->type, u);
     return done();
   }
   switch (rec->type) {
-    case REC_TYPE_VOL: print_volume_longformat(*rec->vol()); break;
-    case REC_TYPE_PLEX: print_plex_longformat(*rec->plex()); break;
-    case REC_TYPE_SD: print_subdisk_longformat(*rec->sd()); break;
-    case REC_TYPE_DM: print_diskmedia_longformat(*rec->dm()); break;
-    case REC_TYPE_DG: print_diskgroup_longformat(*rec->dg()); break;
-    case REC_TYPE_RVOL: print_rvol_longformat(*rec->rvol()); break;
-    case REC_TYPE_REP: print_replica_longformat(*rec->rep()); break;
-    case REC_TYPE_DCO: print_dco_longformat(*rec->dco()); break;
-    case REC_TYPE_SNAP: print_snap_longformat(*rec->snap()); break;
+    case REC_TYPE_VOL: print_volume_longformat(*static_cast<const volrec*>(u)); break;
+    case REC_TYPE_PLEX: print_plex_longformat(*static_cast<const plexrec*>(u)); break;
+    case REC_TYPE_SD: print_subdisk_longformat(*static_cast<const sdrec*>(u)); break;
+    case REC_TYPE_DM: print_diskmedia_longformat(*static_cast<const dmrec*>(u)); break;
+    case REC_TYPE_DG: print_diskgroup_longformat(*static_cast<const dgrec*>(u)); break;
+    case REC_TYPE_RVOL: print_rvol_longformat(*static_cast<const rvolrec*>(u)); break;
+    case REC_TYPE_REP: print_replica_longformat(*static_cast<const reprec*>(u)); break;
+    case REC_TYPE_DCO: print_dco_longformat(*static_cast<const dcorec*>(u)); break;
+    case REC_TYPE_SNAP: print_snap_longformat(*static_cast<const snaprec*>(u)); break;
     default: break;
   }
   done();

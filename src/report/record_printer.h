@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
 
 #include "base/types.h"
 #include "config_db/block_store.h"
@@ -62,6 +63,7 @@ class record_printer {
 
   out_buffer ob_;
   bool hold_ = false;
+  std::unique_ptr<urec> scratch_ = std::make_unique<urec>();  // packed records unpacked
   int m_qzmake_format_;
   tag_printer tags_;
 };
