@@ -29,7 +29,8 @@ db_record* predecessor(const db_record_index* ix, std::size_t b, unsigned long r
   return p;
 }
 
-// Chain `b` has grown past the walk limit: index it in order.
+// Chain `b` is past the walk limit and a record goes inside it: index it
+// in order.
 void order_chain(dbase* db, db_record_index* ix, std::size_t b) {
   auto m = std::make_unique<std::multimap<unsigned long, db_record*>>();
   for (db_record* r = db->ddb_record_buckets[b]; r != nullptr; r = r->dbr_next) {
@@ -114,6 +115,12 @@ void dbr_add(dbase* db, db_record* r) {
   db_record_index* ix = db->ddb_rindex;
   size_chains(ix);
   const std::size_t b = bucket_of(r->dbr_ref);
+  // A record that does not go behind the chain's last one, in a chain past
+  // the walk limit: the chain is indexed in order from then on.
+  if (!ix->ordered[b] && ix->length[b] > RINDEX_WALK_LIMIT && ix->tail[b] != nullptr &&
+      ix->tail[b]->dbr_ref > r->dbr_ref) {
+    order_chain(db, ix, b);
+  }
   db_record* prev = predecessor(ix, b, r->dbr_ref);
   db_record* next = prev != nullptr ? prev->dbr_next : db->ddb_record_buckets[b];
   r->dbr_prev = prev;
@@ -130,8 +137,8 @@ void dbr_add(dbase* db, db_record* r) {
   }
   if (auto& m = ix->ordered[b]) {
     m->emplace_hint(m->upper_bound(r->dbr_ref), r->dbr_ref, r);  // behind equal references
-  } else if (++ix->length[b] > RINDEX_WALK_LIMIT) {
-    order_chain(db, ix, b);
+  } else {
+    ++ix->length[b];
   }
   if (prev == nullptr || prev->dbr_ref != r->dbr_ref) ix->first.set(r->dbr_ref, r);
   if (!r->dbr_slab) ++ix->foreign;

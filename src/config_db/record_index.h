@@ -11,9 +11,11 @@
 //   ascending reference and are linked behind the last one at once;
 //   otherwise the chain is walked back from its end, at most
 //   RINDEX_WALK_LIMIT records;
-// - for a chain that grows past RINDEX_WALK_LIMIT records, an ordered map
-//   of its records, built then and kept from then on, which finds the place
-//   of a new record in logarithmic time.
+// - for a chain past RINDEX_WALK_LIMIT records when a record must go
+//   inside it rather than behind its end, an ordered map of its records,
+//   built then and kept from then on, which finds the place of a new record
+//   in logarithmic time (chains whose records arrive in ascending reference,
+//   the usual case, never need one).
 // The index also holds the records the store allocates itself, in slabs
 // that ddb_free releases whole; records an owner hands to dbr_add are
 // counted, so that ddb_free walks the chains only when there are some.
