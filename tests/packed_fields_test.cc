@@ -15,9 +15,9 @@ TEST(PackedFieldsTest, EveryRangeReadsBackAsStored) {
   std::mt19937 rng(7);
   std::vector<std::vector<std::uint8_t>> shapes;
   shapes.push_back(std::vector<std::uint8_t>(672, 0));       // nothing set
-  shapes.push_back(std::vector<std::uint8_t>(672, 0xff));    // literal runs past 255
-  std::vector<std::uint8_t> gaps(600, 0);
-  for (std::size_t i = 0; i < gaps.size(); i += 4) gaps[i] = 1;  // zero runs of three
+  shapes.push_back(std::vector<std::uint8_t>(13, 0xff));     // a partial last word
+  std::vector<std::uint8_t> gaps(601, 0);
+  for (std::size_t i = 0; i < gaps.size(); i += 9) gaps[i] = 1;  // words zero and not
   shapes.push_back(gaps);
   std::vector<std::uint8_t> ends(300, 0);
   ends[0] = 9;
@@ -31,7 +31,7 @@ TEST(PackedFieldsTest, EveryRangeReadsBackAsStored) {
     shapes.push_back(s);
   }
   for (const auto& s : shapes) {
-    std::vector<std::uint8_t> packed(2 * s.size() + 2);
+    std::vector<std::uint8_t> packed(packed_size_max(s.size()));
     const std::size_t len = pack_fields(s.data(), s.size(), packed.data());
     ASSERT_LE(len, packed.size());
     std::vector<std::uint8_t> back(s.size());

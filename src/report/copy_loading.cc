@@ -141,26 +141,17 @@ int safe_wcscpy(wchar_t* strDestination, const wchar_t* strSource) {
 }
 
 std::size_t pack_fields(const std::uint8_t* s, std::size_t n, std::uint8_t* out) {
-  std::size_t i = 0;
-  std::size_t o = 0;
-  while (i < n) {
-    std::size_t zeros = 0;
-    while (i < n && s[i] == 0 && zeros < 255) ++i, ++zeros;
-    const std::size_t start = i;
-    std::size_t lit = 0;
-    while (i < n && lit < 255) {
-      if (s[i] == 0) {
-        std::size_t k = 0;
-        while (i + k < n && s[i + k] == 0 && k < 4) ++k;
-        if (k == 4 || i + k == n) break;
-      }
-      ++i;
-      ++lit;
-    }
-    out[o++] = static_cast<std::uint8_t>(zeros);
-    out[o++] = static_cast<std::uint8_t>(lit);
-    std::memcpy(out + o, s + start, lit);
-    o += lit;
+  const std::size_t words = (n + 7) / 8;
+  const std::size_t map = (words + 7) / 8;
+  std::memset(out, 0, map);
+  std::size_t o = map;
+  for (std::size_t w = 0; w < words; ++w) {
+    std::uint64_t v = 0;
+    std::memcpy(&v, s + 8 * w, n - 8 * w < 8 ? n - 8 * w : 8);
+    if (v == 0) continue;
+    out[w / 8] = static_cast<std::uint8_t>(out[w / 8] | (1u << (w % 8)));
+    std::memcpy(out + o, &v, 8);
+    o += 8;
   }
   return o;
 }
@@ -169,17 +160,22 @@ void unpack_bytes(const std::uint8_t* packed, std::size_t n, std::size_t off, st
                   void* out) {
   auto* dst = static_cast<std::uint8_t*>(out);
   std::memset(dst, 0, len);
-  const std::size_t end = off + len;
-  for (std::size_t pos = 0; pos < n && pos < end;) {
-    pos += packed[0];
-    const std::size_t lit = packed[1];
-    const std::uint8_t* bytes = packed + 2;
-    // The overlap of [pos, pos + lit) with [off, end).
-    const std::size_t from = pos > off ? pos : off;
-    const std::size_t to = pos + lit < end ? pos + lit : end;
-    if (from < to) std::memcpy(dst + (from - off), bytes + (from - pos), to - from);
-    pos += lit;
-    packed = bytes + lit;
+  if (len == 0 || off >= n) return;
+  const std::size_t words = (n + 7) / 8;
+  const std::size_t map = (words + 7) / 8;
+  const std::size_t end = off + len < n ? off + len : n;
+  // The words kept before the first one wanted.
+  std::size_t w = off / 8;
+  std::size_t rank = 0;
+  for (std::size_t i = 0; i < w / 8; ++i) rank += static_cast<std::size_t>(__builtin_popcount(packed[i]));
+  rank += static_cast<std::size_t>(__builtin_popcount(packed[w / 8] & ((1u << (w % 8)) - 1)));
+  for (; w < words && 8 * w < end; ++w) {
+    if ((packed[w / 8] & (1u << (w % 8))) == 0) continue;
+    const std::uint8_t* word = packed + map + 8 * rank++;
+    // The overlap of [8w, 8w + 8) with [off, end).
+    const std::size_t from = 8 * w > off ? 8 * w : off;
+    const std::size_t to = 8 * w + 8 < end ? 8 * w + 8 : end;
+    std::memcpy(dst + (from - off), word + (from - 8 * w), to - from);
   }
 }
 
@@ -327,7 +323,7 @@ void config_report::keep_fields(record* rec) {
     scratch_used_ = false;
     return;
   }
-  std::uint8_t packed[2 * sizeof(urec) + 2];
+  std::uint8_t packed[packed_size_max(sizeof(urec))];
   const std::size_t len = pack_fields(fields, n, packed);
   void* p = arena_alloc(len, 1);
   if (p == nullptr) die_nomem(s);

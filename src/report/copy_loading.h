@@ -77,11 +77,11 @@ struct record {
 // The collected record of a store record, or null.
 inline record* record_of(const db_record* r) { return static_cast<record*>(r->dbr_private); }
 
-// The packed form of a decoded structure of `n` bytes (at most 65535):
-// pairs of a count of zero bytes (0-255) and a count of literal bytes
-// (0-255) followed by those bytes, until the `n` bytes are covered. A
-// literal run ends before four zero bytes. `out` has room for 2 * n + 2
-// bytes; returns the length written.
+// The packed form of a decoded structure of `n` bytes: a bit per 8-byte
+// word of the structure (set when the word is not zero), then the words
+// whose bit is set, in order. `out` has room for packed_size_max(n) bytes;
+// returns the length written.
+constexpr std::size_t packed_size_max(std::size_t n) { return (n + 7) / 8 * 8 + (n + 63) / 64; }
 std::size_t pack_fields(const std::uint8_t* s, std::size_t n, std::uint8_t* out);
 // Bytes [off, off + len) of the `n`-byte structure packed at `packed`.
 void unpack_bytes(const std::uint8_t* packed, std::size_t n, std::size_t off, std::size_t len,
