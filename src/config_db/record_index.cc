@@ -50,7 +50,7 @@ std::size_t ref_table::home(unsigned long ref) const {
   return static_cast<std::size_t>(h >> 32) & (slots_.size() - 1);
 }
 
-db_record* ref_table::find(unsigned long ref) const {
+db_record* ref_table::hashed_find(unsigned long ref) const {
   if (slots_.empty()) return nullptr;
   for (std::size_t i = home(ref);; i = (i + 1) & (slots_.size() - 1)) {
     const slot& s = slots_[i];
@@ -64,11 +64,59 @@ void ref_table::grow() {
   slots_.assign(old.empty() ? 1024 : old.size() * 2, slot{});
   used_ = 0;
   for (const slot& s : old) {
-    if (s.r != nullptr) set(s.ref, s.r);
+    if (s.r != nullptr) hashed_set(s.ref, s.r);
   }
 }
 
+bool ref_table::cover(unsigned long ref) {
+  const std::size_t bound = 2 * (count_ + 1) + DENSE_MIN;
+  if (ref >= bound) return false;
+  std::size_t size = 2 * dense_.size();
+  if (size <= ref) size = static_cast<std::size_t>(ref) + 1;
+  if (size > bound) size = bound;
+  dense_.resize(size, nullptr);
+  // Hashed references the array now covers move into it.
+  bool moves = false;
+  for (const slot& s : slots_) moves = moves || (s.r != nullptr && s.ref < size);
+  if (moves) {
+    std::vector<slot> old = std::move(slots_);
+    slots_.assign(old.size(), slot{});
+    used_ = 0;
+    for (const slot& s : old) {
+      if (s.r == nullptr) continue;
+      if (s.ref < size) {
+        dense_[s.ref] = s.r;
+      } else {
+        hashed_set(s.ref, s.r);
+      }
+    }
+  }
+  return true;
+}
+
 void ref_table::set(unsigned long ref, db_record* r) {
+  if (ref < dense_.size() || cover(ref)) {
+    if (dense_[ref] == nullptr) ++count_;
+    dense_[ref] = r;
+    return;
+  }
+  const std::size_t before = used_;
+  hashed_set(ref, r);
+  if (used_ != before) ++count_;
+}
+
+void ref_table::erase(unsigned long ref) {
+  if (ref < dense_.size()) {
+    if (dense_[ref] != nullptr) --count_;
+    dense_[ref] = nullptr;
+    return;
+  }
+  const std::size_t before = used_;
+  hashed_erase(ref);
+  if (used_ != before) --count_;
+}
+
+void ref_table::hashed_set(unsigned long ref, db_record* r) {
   if (2 * (used_ + 1) > slots_.size()) grow();
   std::size_t i = home(ref);
   while (slots_[i].r != nullptr && slots_[i].ref != ref) i = (i + 1) & (slots_.size() - 1);
@@ -76,7 +124,7 @@ void ref_table::set(unsigned long ref, db_record* r) {
   slots_[i] = slot{ref, r};
 }
 
-void ref_table::erase(unsigned long ref) {
+void ref_table::hashed_erase(unsigned long ref) {
   if (slots_.empty()) return;
   const std::size_t mask = slots_.size() - 1;
   std::size_t i = home(ref);
