@@ -211,8 +211,7 @@ const std::vector<std::size_t>& config_report::heap_offsets(std::uint32_t type_w
 config_report::~config_report() {
   // Only a record whose layout has wide or byte strings, and that holds
   // one, has heap members to release (packed records hold none).
-  for (record* rec = rlist; rec != nullptr; rec = rec->next) {
-    if (rec->u == nullptr) continue;
+  for (record* rec : own_fields_) {
     if (holds_heap_member(rec->u, heap_offsets(rec->type_word))) {
       release_decoded(rec->type_word, rec->u);
     }
@@ -320,6 +319,7 @@ void config_report::keep_fields(record* rec) {
     if (u == nullptr) die_nomem(s);
     std::memcpy(u, fields, n);
     rec->u = u;
+    own_fields_.push_back(rec);
     scratch_used_ = false;
     return;
   }
@@ -342,6 +342,7 @@ int config_report::add_new_record(db_record* r, int rec_namespace, volrid_t rid,
   if (mem == nullptr || (room != 0 && u == nullptr)) die_nomem(s);
   record* rec = new (mem) record{};
   rec->u = u;
+  if (u != nullptr) own_fields_.push_back(rec);
   rec->dbrec = r;
   rec->type = type;
   rec->rid = rid;

@@ -170,6 +170,7 @@ class config_report {
   std::vector<std::size_t> heap_offsets_[RTYPE_CODE_MASK + 1];
   bool heap_known_[RTYPE_CODE_MASK + 1] = {};
   record* to_keep_ = nullptr;  // placed during the current fragment
+  std::vector<record*> own_fields_;  // the records whose `u` is theirs
   static constexpr std::size_t ARENA_BLOCK = std::size_t{1} << 20;
   struct arena_free {
     void operator()(std::uint8_t* p) const { std::free(p); }
