@@ -111,7 +111,7 @@ std::string document(const json_invocation& inv, const inspect_target& t, const 
   w.member("argv", argv);
   w.member("command", "repair");
   w.member("image", {{"path", json_text(t.image)},
-                     {"size", plan.opened ? plan.region_offset + plan.region_bytes : 0},
+                     {"size", plan.image_bytes},
                      {"sector_size", t.sector_size}});
   ojson o = plan_json(plan);
   o["out"] = json_text(r.out);

@@ -2,6 +2,7 @@
 #include "inspect/repair.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -555,6 +556,7 @@ void planner::classify(const check_outcome& in) {
     all.push_back({repair_key(f), {f.name(), f.text, removes(f, i < in.privdiag_findings)}});
   }
   for (const std::string& m : in.messages) {
+    if (!library_message(m)) continue;  // the tool's own notes (the region chosen)
     all.push_back({repair_message_key(m), {"message", m, removes_message(m)}});
   }
   for (const pending& p : all) {
@@ -657,6 +659,8 @@ std::string repair_key(const finding& f) {
   return std::string(f.name()) + "|" + f.text.substr(copy_prefix(f.text));
 }
 
+bool library_message(const std::string& line) { return line.rfind("qztool:priv:", 0) == 0; }
+
 std::string repair_message_key(const std::string& line) {
   return "message|" + line.substr(copy_prefix(line));
 }
@@ -674,6 +678,8 @@ repair_plan plan_repair(const session& like, const inspect_target& t) {
   img.announce = false;
   if (!img.open(t)) return plan;
   plan.opened = true;
+  struct stat st {};
+  if (::stat(t.image.c_str(), &st) == 0) plan.image_bytes = static_cast<std::uint64_t>(st.st_size);
   plan.region_offset = img.window_offset();
   plan.region_bytes = img.file_size();
   planner p(plan, img, t);
@@ -703,6 +709,7 @@ repair_proof prove_repair(const session& like, const inspect_target& t, const re
     }
   }
   for (const std::string& m : c.messages) {
+    if (!library_message(m)) continue;
     proof.remaining.push_back(m);
     if (plan.allowed.count(repair_message_key(m)) == 0 && proof.reason.empty()) {
       proof.reason = "check on OUT finds what the plan did not leave: " + m;

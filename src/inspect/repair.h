@@ -43,6 +43,10 @@ inline constexpr int REPAIR_FAILED = 3;     // usage or I/O error, or a failed p
 // differ, the code and the copy.
 std::string repair_key(const finding& f);
 std::string repair_message_key(const std::string& line);
+// Whether a line of the check's error stream is the library's message
+// (labelled "qztool:priv:"), not a note of the tool's own (the region
+// chosen in a whole disk).
+bool library_message(const std::string& line);
 
 // Bytes copied from one place of the image to another (byte offsets in the
 // region).
@@ -83,6 +87,7 @@ struct repair_finding {
 struct repair_plan {
   bool opened = false;         // IN was opened
   std::string image;
+  std::uint64_t image_bytes = 0;    // IN's length
   std::uint64_t region_offset = 0;  // of the region in IN, bytes
   std::uint64_t region_bytes = 0;
   int sector_size = 512;
