@@ -172,7 +172,7 @@ int inspect_repair(session& s, const json_invocation& inv, const inspect_target&
     std::fprintf(s.err, "%s: %s: cannot be read\n", s.progname, t.image.c_str());
     return REPAIR_FAILED;
   }
-  if (!r.json) print_repair_plan(s, plan, r.dry_run);
+  if (!r.json) print_repair_plan(s, plan);
   int status;
   std::optional<repair_proof> proof;
   std::string failure;
@@ -192,7 +192,6 @@ int inspect_repair(session& s, const json_invocation& inv, const inspect_target&
   if (written && write_log(s, t, log, doc, calls) != INSPECT_OK) status = REPAIR_FAILED;
   if (r.json) {
     std::fputs(doc.c_str(), s.out);
-    std::fputc('\n', s.out);
     return status;
   }
   if (proof) print_repair_proof(s, *proof, r.out);

@@ -235,7 +235,10 @@ void load_copy(inspect_image& img, copy_state& cs) {
   }
   s.out = saved_out;
   s.err = saved_err;
-  cs.report = after_first_line(out.text()) + "\n--\n" + err.text();
+  // The heading line, and a disabled copy's note, are the copy's own.
+  std::string report = after_first_line(out.text());
+  if (!cs.enabled) report = after_first_line(report);
+  cs.report = report + "\n--\n" + err.text();
 }
 
 class planner {
@@ -452,6 +455,9 @@ void planner::copies(const session& like) {
     }
     if (!cs.enabled) {
       plan_.allowed.insert(finding_textf("copy-stale|%d", cs.number));
+      if (src == nullptr || cs.report != src->report) {
+        leave("config", name, first, count, "disabled copies are not restored");
+      }
       continue;
     }
     if (&cs == src) {
@@ -858,9 +864,8 @@ void line(session& s, const std::string& text) {
 
 }  // namespace
 
-void print_repair_plan(session& s, const repair_plan& plan, bool dry_run) {
-  std::fprintf(s.out, "repair plan%s: check on the image: status %d\n", dry_run ? " (dry run)" : "",
-               plan.check_status);
+void print_repair_plan(session& s, const repair_plan& plan) {
+  std::fprintf(s.out, "repair plan: check on the image: status %d\n", plan.check_status);
   for (const repair_finding& f : plan.findings) {
     line(s, std::string(f.removed ? "    removed  " : "    left     ") + f.text);
   }

@@ -128,7 +128,7 @@ int write_repair(session& s, const inspect_target& t, const repair_plan& plan,
                  const file_calls& calls = system_file_calls());
 
 // The plan and the proof as text on s.out.
-void print_repair_plan(session& s, const repair_plan& plan, bool dry_run);
+void print_repair_plan(session& s, const repair_plan& plan);
 void print_repair_proof(session& s, const repair_proof& proof, const std::string& out);
 
 }  // namespace pd
