@@ -13,6 +13,15 @@ namespace pd {
 
 namespace {
 
+// Whether the plan leaves a finding that counts (a warning or an error).
+bool leaves_problem(const repair_plan& plan) {
+  for (std::size_t i = 0; i < plan.findings.size(); ++i) {
+    if (plan.findings[i].removed) continue;
+    if (i >= plan.check.findings.size() || plan.check.findings[i].sev() != severity::note) return true;
+  }
+  return false;
+}
+
 const char* status_text(int status, const repair_plan& plan, bool dry_run) {
   if (dry_run && status != REPAIR_NOTHING) {
     return status == REPAIR_CLEAN ? "would repair everything found"
@@ -24,20 +33,11 @@ const char* status_text(int status, const repair_plan& plan, bool dry_run) {
     case REPAIR_PARTIAL:
       return "repaired and proven; what no sound copy covers is left";
     case REPAIR_NOTHING:
-      return plan.nothing_sound ? "nothing written: nothing sound to repair from"
-                                : "nothing written: nothing to repair";
+      return leaves_problem(plan) ? "nothing written: no sound copy covers what is found"
+                                  : "nothing written: nothing to repair";
     default:
       return "not repaired";
   }
-}
-
-// Whether the plan leaves a finding that counts (a warning or an error).
-bool leaves_problem(const repair_plan& plan) {
-  for (std::size_t i = 0; i < plan.findings.size(); ++i) {
-    if (plan.findings[i].removed) continue;
-    if (i >= plan.check.findings.size() || plan.check.findings[i].sev() != severity::note) return true;
-  }
-  return false;
 }
 
 ojson plan_json(const repair_plan& plan) {

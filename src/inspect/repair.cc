@@ -167,6 +167,26 @@ std::vector<repair_segment> lay(const std::vector<copy_part>& from, const std::v
   return out;
 }
 
+// The sectors the segments come from (or go to), runs that touch joined.
+std::string ranges_text(const std::vector<repair_segment>& segs, bool from, std::uint64_t unit) {
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> runs;  // [first, end) in bytes
+  for (const repair_segment& g : segs) {
+    const std::uint64_t at = from ? g.from : g.to;
+    if (!runs.empty() && runs.back().second == at) {
+      runs.back().second += g.length;
+    } else {
+      runs.emplace_back(at, at + g.length);
+    }
+  }
+  std::string out;
+  for (const auto& [first, end] : runs) {
+    out += (out.empty() ? "sectors " : ", ") +
+           finding_textf("%llu-%llu", static_cast<unsigned long long>(first / unit),
+                         static_cast<unsigned long long>((end + unit - 1) / unit - 1));
+  }
+  return out;
+}
+
 // One configuration copy as the plan sees it.
 struct copy_state {
   copy_info* cp = nullptr;
@@ -503,9 +523,8 @@ void planner::copies(const session& like) {
     a.segments = lay(src->parts, cs.parts, length);
     a.sector = static_cast<std::int64_t>(a.segments.front().to / unit);
     a.count = sectors(length);
-    a.source = finding_textf("copy %d (sectors %lld-%lld)", src->number,
-                             static_cast<long long>(a.segments.front().from / unit),
-                             static_cast<long long>(a.segments.front().from / unit) + a.count - 1);
+    a.source = finding_textf("copy %d (", src->number) + ranges_text(a.segments, true, unit) + ")";
+    a.places = ranges_text(a.segments, false, unit);
     a.why = why;
     a.target_copy = cs.number;
     a.source_copy = src->number;
@@ -641,17 +660,26 @@ std::vector<std::string> lines_of(const std::string& text) {
   return out;
 }
 
-// The header and TOC dumps of IN and OUT differ at most in the flags line.
+// The words of the header dump that say which header copies were read and
+// used: what a restored header copy changes.
+constexpr const char* header_use_words[] = {" invalid-primary", " invalid-alt", " altused"};
+
+std::string without_use_words(std::string line) {
+  for (const char* w : header_use_words) {
+    const std::size_t at = line.find(w);
+    if (at != std::string::npos) line.erase(at, std::strlen(w));
+  }
+  return line;
+}
+
+// The header and TOC dumps of IN and OUT differ at most in those words.
 bool heads_agree(const std::string& in, const std::string& out, std::string& note) {
   const std::vector<std::string> a = lines_of(in), b = lines_of(out);
   if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
     if (a[i] == b[i]) continue;
-    if (a[i].rfind("flags:", 0) == 0 && b[i].rfind("flags:", 0) == 0) {
-      note = "\"" + a[i] + "\" became \"" + b[i] + "\"";
-      continue;
-    }
-    return false;
+    if (without_use_words(a[i]) != without_use_words(b[i])) return false;
+    note += (note.empty() ? "" : "; ") + ("\"" + a[i] + "\" became \"" + b[i] + "\"");
   }
   return true;
 }
@@ -744,7 +772,7 @@ repair_proof prove_repair(const session& like, const inspect_target& t, const re
                        "does not restore its copy";
       }
     }
-    proof.report_note = note.empty() ? "equal" : "equal but for the flags line: " + note;
+    proof.report_note = note.empty() ? "equal" : "equal but for the header copies' words: " + note;
     if (restored_privdiag >= 0) {
       proof.report_note += finding_textf("; its configuration section is copy %d's", restored_privdiag);
     }
@@ -871,7 +899,8 @@ void print_repair_plan(session& s, const repair_plan& plan) {
   }
   std::fprintf(s.out, "actions:%s\n", plan.actions.empty() ? " none" : "");
   for (const repair_action& a : plan.actions) {
-    line(s, "    " + a.structure + " " + a.copy + ": " + sectors_text(a.sector, a.count) +
+    line(s, "    " + a.structure + " " + a.copy + ": " +
+                (a.places.empty() ? sectors_text(a.sector, a.count) : a.places) +
                 " from " + a.source + ": " + a.why);
   }
   std::fprintf(s.out, "left:%s\n", plan.left.empty() ? " none" : "");

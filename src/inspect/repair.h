@@ -61,6 +61,7 @@ struct repair_action {
   std::string copy;       // "primary", "alternate", "primary chain block 0", "copy 2"
   std::int64_t sector = 0;  // first sector written (of the region)
   std::int64_t count = 0;   // sectors written
+  std::string places;       // the sectors written, when not one run from `sector`
   std::string source;       // where the bytes come from, in words
   std::string why;          // the verdict acted on
   std::vector<repair_segment> segments;
