@@ -99,7 +99,7 @@ ojson proof_json(const repair_proof& p) {
 // The whole document, as text.
 std::string document(const json_invocation& inv, const inspect_target& t, const repair_request& r,
                      const repair_plan& plan, const repair_proof* proof, bool written,
-                     const std::string& failure, int status) {
+                     const std::string& failure, int status, const char* stage = "repair") {
   mem_stream m;
   if (m.f == nullptr) return "";
   json_writer w(m.f);
@@ -126,7 +126,7 @@ std::string document(const json_invocation& inv, const inspect_target& t, const 
   for (const std::string& line : plan.check.messages) w.element(json_text(line));
   w.close();
   if (!failure.empty()) {
-    w.member("stop", {{"stage", "repair"}, {"reason", json_text(failure)}});
+    w.member("stop", {{"stage", stage}, {"reason", json_text(failure)}});
   }
   w.member("exit_status", status);
   w.member("analysis_complete", failure.empty());
@@ -155,22 +155,30 @@ int write_log(session& s, const inspect_target& t, const std::string& path, cons
 
 int inspect_repair(session& s, const json_invocation& inv, const inspect_target& t,
                    const repair_request& r, const file_calls& calls) {
-  {
-    // The refusals of every view (a path that is not an image, a region
-    // that is not there), with their messages.
-    inspect_image img(s);
-    if (!img.open(t)) return REPAIR_FAILED;
-  }
+  // The refusals of every view (a path that is not an image, a region that
+  // is not there) and of the log, each with its message; with --json also
+  // a document that says where the run stopped.
   const std::string log = r.out + ".repair.json";
+  auto refused = [&](const char* stage, const std::string& why) {
+    if (r.json) {
+      std::fputs(document(inv, t, r, repair_plan{}, nullptr, false, why, REPAIR_FAILED, stage).c_str(),
+                 s.out);
+    }
+    return REPAIR_FAILED;
+  };
+  {
+    inspect_image img(s);
+    if (!img.open(t)) return refused("open", "the image cannot be opened");
+  }
   if (!r.dry_run && !r.force && exists(log)) {
     std::fprintf(s.err, "%s: %s: exists; not written (--force replaces it)\n", s.progname,
                  log.c_str());
-    return REPAIR_FAILED;
+    return refused("repair", log + ": exists");
   }
   const repair_plan plan = plan_repair(s, t);
   if (!plan.opened) {
     std::fprintf(s.err, "%s: %s: cannot be read\n", s.progname, t.image.c_str());
-    return REPAIR_FAILED;
+    return refused("open", "the image cannot be read");
   }
   if (!r.json) print_repair_plan(s, plan);
   int status;

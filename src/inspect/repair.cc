@@ -214,6 +214,10 @@ void load_copy(inspect_image& img, copy_state& cs) {
   FILE* const saved_err = s.err;
   {
     mem_stream out, err;
+    if (out.f == nullptr || err.f == nullptr) {
+      cs.problem = "no memory to load the copy";
+      return;
+    }
     finding_collector found;
     s.out = out.f;
     s.err = err.f;
@@ -247,6 +251,11 @@ void load_copy(inspect_image& img, copy_state& cs) {
     if (!cs.sound && cs.problem.empty()) cs.problem = "the copy cannot be loaded";
   }
   mem_stream out, err;
+  if (out.f == nullptr || err.f == nullptr) {
+    cs.sound = false;
+    cs.problem = "no memory to load the copy";
+    return;
+  }
   s.out = out.f;
   s.err = err.f;
   try {
