@@ -197,7 +197,7 @@ TEST(InspectRepair, RandomDamage) {
     }
   }
   EXPECT_GT(kept, 20);
-  EXPECT_LE(refused, 3);
+  EXPECT_EQ(refused, 0);
 }
 
 }  // namespace

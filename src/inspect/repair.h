@@ -26,6 +26,7 @@
 #include "base/session.h"
 #include "inspect/inspect.h"
 #include "inspect/inspect_image.h"
+#include "inspect/inspect_region.h"
 #include "inspect/new_image.h"
 #include "io/findings.h"
 
@@ -131,5 +132,24 @@ int write_repair(session& s, const inspect_target& t, const repair_plan& plan,
 // The plan and the proof as text on s.out.
 void print_repair_plan(session& s, const repair_plan& plan);
 void print_repair_proof(session& s, const repair_proof& proof, const std::string& out);
+
+// Shared by repair.cc and repair_proof.cc.
+namespace repair_detail {
+
+// A session whose output and messages stay in memory.
+struct quiet_session {
+  explicit quiet_session(const session& like);
+  bool ok() const { return out.f != nullptr && err.f != nullptr; }
+  mem_stream out, err;
+  session s;
+};
+
+// The text after the first line (a copy report's "#Config copy" line).
+std::string after_first_line(const std::string& text);
+
+// `text` escaped as the views escape bytes of the image, and a new line.
+void print_line(session& s, const std::string& text);
+
+}  // namespace repair_detail
 
 }  // namespace pd
