@@ -12,8 +12,9 @@
 // OUT is written by new_image (never IN), with the action segments laid
 // over a copy of IN; only the region's bytes change. Before it is kept, the
 // proof runs on OUT.tmp: the check may find nothing the plan did not list
-// as left; privdiag's report of OUT may differ from IN's only in the header
-// flags line and in the configuration section of a restored copy; each
+// as left; privdiag's report of OUT may differ from IN's only in the words
+// that say which header copy is valid or used, and in the configuration
+// section when privdiag's copy is restored; each
 // restored copy's `config --copy N` report equals its source's but for the
 // "#Config copy" line. A failed proof removes OUT.tmp.
 #pragma once
@@ -104,7 +105,9 @@ struct repair_plan {
   bool nothing_sound = false;  // a structure that no copy verifies stopped the plan
 };
 
-// The plan for `t`. Reads IN only.
+// The plan for `t`: the check on IN, then the headers, the TOC chains (with
+// the header OUT will hold) and the configuration copies, each stage only
+// when the one before found something to read through. Reads IN only.
 repair_plan plan_repair(const session& like, const inspect_target& t);
 
 // What the proof found.
