@@ -36,7 +36,7 @@ const char* status_text(int status, const repair_plan& plan, bool dry_run) {
       return leaves_problem(plan) ? "nothing written: no sound copy covers what is found"
                                   : "nothing written: nothing to repair";
     default:
-      return "not repaired";
+      return "failed";
   }
 }
 
@@ -196,8 +196,13 @@ int inspect_repair(session& s, const json_invocation& inv, const inspect_target&
     if (!written) failure = proof->reason.empty() ? "OUT could not be written" : proof->reason;
     if (proof->check_status < 0) proof.reset();  // the proof did not run
   }
-  const std::string doc = document(inv, t, r, plan, proof ? &*proof : nullptr, written, failure, status);
-  if (written && write_log(s, t, log, doc, calls) != INSPECT_OK) status = REPAIR_FAILED;
+  std::string doc = document(inv, t, r, plan, proof ? &*proof : nullptr, written, failure, status);
+  if (written && write_log(s, t, log, doc, calls) != INSPECT_OK) {
+    // OUT is in place; only its log is missing.
+    status = REPAIR_FAILED;
+    failure = log + " could not be written";
+    doc = document(inv, t, r, plan, proof ? &*proof : nullptr, written, failure, status);
+  }
   if (r.json) {
     std::fputs(doc.c_str(), s.out);
     return status;
@@ -205,7 +210,8 @@ int inspect_repair(session& s, const json_invocation& inv, const inspect_target&
   if (proof) print_repair_proof(s, *proof, r.out);
   if (written) std::fprintf(s.out, "written: %s; log %s\n", r.out.c_str(), log.c_str());
   if (r.dry_run && !plan.actions.empty()) std::fputs("dry run: nothing written\n", s.out);
-  std::fprintf(s.out, "repair: status %d: %s\n", status, status_text(status, plan, r.dry_run));
+  std::fprintf(s.out, "repair: status %d: %s%s\n", status, status_text(status, plan, r.dry_run),
+               failure.empty() ? "" : (": " + failure).c_str());
   return status;
 }
 
