@@ -305,6 +305,7 @@ class planner {
   const inspect_target& t_;
   priv_header_info hdr_;  // the header OUT will hold
   header_choice trusted_ = header_choice::primary;
+  bool toc_sound_ = false;  // every block of the chains has a copy that verifies
   std::set<int> holding_source_;  // enabled copies that hold the source's database after the plan
 };
 
@@ -439,6 +440,7 @@ bool planner::toc() {
     pos[0] = b.tbi_next;
     pos[1] = b.tbi_alt_next;
   }
+  toc_sound_ = pos[0] == 0;
   return true;
 }
 
@@ -573,8 +575,9 @@ bool planner::removes(const finding& f, bool privdiag_run) const {
 
 bool planner::removes_message(const std::string& m) const {
   if (m.find("scan operation failed") != std::string::npos) return any_action("header");
+  // The join fails again on OUT unless every TOC block has a sound copy.
   if (m.find("join operation failed") != std::string::npos) {
-    return any_action("header") || any_action("toc");
+    return toc_sound_ && (any_action("header") || any_action("toc"));
   }
   return restored_copy(plan_.privdiag_copy);
 }
