@@ -5,13 +5,17 @@
 #include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
+#include <cstring>
 #include <random>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "inspect/repair.h"
+#include "codec/integers.h"
 #include "inspect/inspect_region.h"
+#include "inspect/repair.h"
+#include "private_region/header.h"
+#include "private_region/toc.h"
 #include "inspect_support.h"
 #include "priv_test_support.h"
 
@@ -20,7 +24,8 @@ namespace {
 
 // Three copies of one database (the third disabled and older), a log with
 // one valid block: check finds nothing but the disabled copy's note.
-std::string disk(const char* tid1 = "0.200", const char* tid2 = "0.200", const std::string& extra = "") {
+std::string disk(const char* tid1 = "0.200", const char* tid2 = "0.200",
+                 const std::string& extra = "") {
   std::string d =
       "disk sector-size=512 sectors=2048\n"
       "header diskid=disk01 seqno=0.17\n"
@@ -35,7 +40,9 @@ std::string disk(const char* tid1 = "0.200", const char* tid2 = "0.200", const s
   for (int c = 0; c < 3; ++c) {
     d += "copy-content config copy=" + std::to_string(c + 1) +
          " content=config begin\n"
-         "  database version=4.17 dgname=dg1 config-tid=" + tids[c] + "\n"
+         "  database version=4.17 dgname=dg1 config-tid=" +
+         tids[c] +
+         "\n"
          "  group name=dg1 rid=0.1000 version=171\n"
          "  volume name=vol1 rid=0.1001 len=2048 pl_num=1 state=ACTIVE\n"
          "  plex name=vol1-01 rid=0.1002 vol_rid=0.1001 sd_num=1\n"
@@ -53,7 +60,8 @@ bool exists(const std::string& path) {
 
 std::vector<std::string> names(const nlohmann::json& list) {
   std::vector<std::string> out;
-  for (const auto& x : list) out.push_back(x["structure"].get<std::string>() + " " + x["copy"].get<std::string>());
+  for (const auto& x : list)
+    out.push_back(x["structure"].get<std::string>() + " " + x["copy"].get<std::string>());
   return out;
 }
 
@@ -72,26 +80,48 @@ TEST(InspectRepair, EachKindOfDamage) {
   const std::string block1 = "poke sector=18 offset=0 hex=00000000\n";
   const std::string block1_copy2 = "poke sector=418 offset=0 hex=00000000\n";
   const std::vector<repair_case> cases = {
-      {"primary-header", disk("0.200", "0.200", "hdrcopy primary damage=magic\nhdrcopy alternate\n"), 0,
-       {"header primary"}, {"config copy 3"}},
-      {"alternate-header", disk("0.200", "0.200", "hdrcopy primary\nhdrcopy alternate damage=checksum\n"),
-       0, {"header alternate"}, {"config copy 3"}},
-      {"primary-toc-chain", disk("0.200", "0.200", "tocblock damage=checksum damage-copy=primary\n"), 0,
-       {"toc primary chain block 0"}, {"config copy 3"}},
+      {"primary-header",
+       disk("0.200", "0.200", "hdrcopy primary damage=magic\nhdrcopy alternate\n"),
+       0,
+       {"header primary"},
+       {"config copy 3"}},
+      {"alternate-header",
+       disk("0.200", "0.200", "hdrcopy primary\nhdrcopy alternate damage=checksum\n"),
+       0,
+       {"header alternate"},
+       {"config copy 3"}},
+      {"primary-toc-chain",
+       disk("0.200", "0.200", "tocblock damage=checksum damage-copy=primary\n"),
+       0,
+       {"toc primary chain block 0"},
+       {"config copy 3"}},
       {"stale-copy-2", disk("0.200", "0.190"), 0, {"config copy 2"}, {"config copy 3"}},
       // The newest copy is the source, not the first one.
       {"stale-copy-1", disk("0.190", "0.200"), 0, {"config copy 1"}, {"config copy 3"}},
       {"damaged-copy-1", disk("0.200", "0.200", block1), 0, {"config copy 1"}, {"config copy 3"}},
-      {"damage-in-every-copy", disk("0.200", "0.200", block1 + block1_copy2), 2, {},
+      {"damage-in-every-copy",
+       disk("0.200", "0.200", block1 + block1_copy2),
+       2,
+       {},
        {"config copy 1", "config copy 2", "config copy 3"}},
       {"every-copy-and-header",
-       disk("0.200", "0.200", block1 + block1_copy2 + "hdrcopy primary damage=magic\nhdrcopy alternate\n"),
-       1, {"header primary"}, {"config copy 1", "config copy 2", "config copy 3"}},
-      {"both-toc-chains", disk("0.200", "0.200", "tocblock damage=checksum\n"), 2, {}, {"toc block 0"}},
+       disk("0.200", "0.200",
+            block1 + block1_copy2 + "hdrcopy primary damage=magic\nhdrcopy alternate\n"),
+       1,
+       {"header primary"},
+       {"config copy 1", "config copy 2", "config copy 3"}},
+      {"both-toc-chains",
+       disk("0.200", "0.200", "tocblock damage=checksum\n"),
+       2,
+       {},
+       {"toc block 0"}},
       // The join still fails on OUT: its message is left, not removed.
       {"both-toc-chains-and-header",
-       disk("0.200", "0.200", "tocblock damage=checksum\nhdrcopy primary\nhdrcopy alternate damage=checksum\n"),
-       1, {"header alternate"}, {"toc block 0"}},
+       disk("0.200", "0.200",
+            "tocblock damage=checksum\nhdrcopy primary\nhdrcopy alternate damage=checksum\n"),
+       1,
+       {"header alternate"},
+       {"toc block 0"}},
       {"nothing-to-repair", disk(), 2, {}, {"config copy 3"}},
   };
   for (const repair_case& c : cases) {
@@ -160,8 +190,9 @@ TEST(InspectRepair, Refusals) {
   EXPECT_EQ(inspect({"repair", in, out, "--force"}).status, REPAIR_CLEAN);
 }
 
-// Random bytes of the structures damaged: no crash, and a kept OUT holds no
-// finding that the plan did not leave (checked again on the file kept).
+// Random bytes of the structures damaged: no crash, no failed proof, and a
+// kept OUT holds no finding that the plan did not leave (checked again on
+// the file kept).
 TEST(InspectRepair, RandomDamage) {
   const std::vector<std::uint8_t> sound = build(disk());
   const std::size_t sectors[] = {2047, 1856, 1, 2046, 17, 18, 19, 417, 418, 419, 817, 818, 1617};
@@ -169,11 +200,21 @@ TEST(InspectRepair, RandomDamage) {
   session s(nullptr, nullptr);
   s.progname = "privinspect";
   int kept = 0, refused = 0;
-  for (int i = 0; i < 60; ++i) {
+  for (int i = 0; i < 80; ++i) {
     std::vector<std::uint8_t> img = sound;
     for (int n = 1 + static_cast<int>(rng() % 3); n > 0; --n) {
       const std::size_t at = sectors[rng() % std::size(sectors)] * 512 + rng() % 512;
       img[at] = static_cast<std::uint8_t>(rng());
+    }
+    // Most headers and TOC blocks sealed again, so that the damage reaches
+    // past their checksums: copies that verify but differ, or mislead.
+    for (std::size_t sector : {2047, 1856, 1, 2046}) {
+      std::uint8_t* p = img.data() + sector * 512;
+      if (rng() % 4 == 0) continue;
+      if (std::memcmp(p, header_magic, PRIV_MAGIC_LEN) == 0) priv_header_seal(p);
+      if (std::memcmp(p, toc_magic, TOC_MAGIC_LEN) == 0) {
+        put_be32(p + TOC_CHECKSUM_OFFSET, static_cast<std::uint32_t>(priv_toc_checksum(p, 512)));
+      }
     }
     const std::string in = temp_dir() + "/mutant.img", out = temp_dir() + "/mutant-out.img";
     write_file(in, img);

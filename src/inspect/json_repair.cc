@@ -17,7 +17,8 @@ namespace {
 bool leaves_problem(const repair_plan& plan) {
   for (std::size_t i = 0; i < plan.findings.size(); ++i) {
     if (plan.findings[i].removed) continue;
-    if (i >= plan.check.findings.size() || plan.check.findings[i].sev() != severity::note) return true;
+    if (i >= plan.check.findings.size() || plan.check.findings[i].sev() != severity::note)
+      return true;
   }
   return false;
 }
@@ -104,15 +105,16 @@ std::string document(const json_invocation& inv, const inspect_target& t, const 
   if (m.f == nullptr) return "";
   json_writer w(m.f);
   w.open_object();
-  w.member("schema", {{"name", JSON_SCHEMA_NAME}, {"version", {JSON_SCHEMA_MAJOR, JSON_SCHEMA_MINOR}}});
+  w.member("schema",
+           {{"name", JSON_SCHEMA_NAME}, {"version", {JSON_SCHEMA_MAJOR, JSON_SCHEMA_MINOR}}});
   w.member("tool", {{"name", "privinspect"}, {"version", inv.tool_version}});
   ojson argv = ojson::array();
   for (const std::string& a : inv.argv) argv.push_back(json_text(a));
   w.member("argv", argv);
   w.member("command", "repair");
-  w.member("image", {{"path", json_text(t.image)},
-                     {"size", plan.image_bytes},
-                     {"sector_size", t.sector_size}});
+  w.member(
+      "image",
+      {{"path", json_text(t.image)}, {"size", plan.image_bytes}, {"sector_size", t.sector_size}});
   ojson o = plan_json(plan);
   o["out"] = json_text(r.out);
   o["dry_run"] = r.dry_run;
@@ -161,8 +163,9 @@ int inspect_repair(session& s, const json_invocation& inv, const inspect_target&
   const std::string log = r.out + ".repair.json";
   auto refused = [&](const char* stage, const std::string& why) {
     if (r.json) {
-      std::fputs(document(inv, t, r, repair_plan{}, nullptr, false, why, REPAIR_FAILED, stage).c_str(),
-                 s.out);
+      std::fputs(
+          document(inv, t, r, repair_plan{}, nullptr, false, why, REPAIR_FAILED, stage).c_str(),
+          s.out);
     }
     return REPAIR_FAILED;
   };

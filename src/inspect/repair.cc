@@ -149,14 +149,13 @@ std::uint64_t bytes_of(const std::vector<copy_part>& parts) {
 }
 
 // The segments that lay the first `length` bytes of `from` over `to`.
-std::vector<repair_segment> lay(const std::vector<copy_part>& from, const std::vector<copy_part>& to,
-                                std::uint64_t length) {
+std::vector<repair_segment> lay(const std::vector<copy_part>& from,
+                                const std::vector<copy_part>& to, std::uint64_t length) {
   std::vector<repair_segment> out;
   std::size_t i = 0, j = 0;
   std::uint64_t fi = 0, tj = 0;  // bytes used of from[i], to[j]
   for (std::uint64_t done = 0; done < length && i < from.size() && j < to.size();) {
-    const std::uint64_t n =
-        std::min({from[i].length - fi, to[j].length - tj, length - done});
+    const std::uint64_t n = std::min({from[i].length - fi, to[j].length - tj, length - done});
     out.push_back({from[i].offset + fi, to[j].offset + tj, n});
     done += n;
     fi += n;
@@ -193,11 +192,11 @@ struct copy_state {
   int number = 0;
   bool enabled = true;
   std::vector<copy_part> parts;
-  bool sound = false;       // loads, and extracts without error
-  std::string problem;      // why not
+  bool sound = false;   // loads, and extracts without error
+  std::string problem;  // why not
   volseqno_t tid;
-  std::uint64_t db_bytes = 0;  // nblocks x blksize
-  std::string report;          // config --copy N: output and messages, heading line left out
+  std::uint64_t db_bytes = 0;     // nblocks x blksize
+  std::string report;             // config --copy N: output and messages, heading line left out
   std::vector<std::string> keys;  // of its findings and messages
 };
 
@@ -232,7 +231,8 @@ void load_copy(inspect_image& img, copy_state& cs) {
         res = -2;
       }
       cs.tid = rep.hdrinfo.vdbi_config_tid;
-      if (rep.db != nullptr) cs.db_bytes = static_cast<std::uint64_t>(rep.db->ddb_nblocks) * rep.db->ddb_blksize;
+      if (rep.db != nullptr)
+        cs.db_bytes = static_cast<std::uint64_t>(rep.db->ddb_nblocks) * rep.db->ddb_blksize;
     }
     s.out = saved_out;
     s.err = saved_err;
@@ -290,8 +290,8 @@ class planner {
     plan_.left.push_back({std::move(structure), std::move(copy), sector, count, std::move(reason)});
   }
   bool restored_copy(int n) const {
-    return std::any_of(plan_.actions.begin(), plan_.actions.end(),
-                       [n](const repair_action& a) { return a.target_copy == n; });
+    return n >= 0 && std::any_of(plan_.actions.begin(), plan_.actions.end(),
+                                 [n](const repair_action& a) { return a.target_copy == n; });
   }
   bool removes(const finding& f, bool privdiag_run) const;
   bool removes_message(const std::string& m) const;
@@ -305,7 +305,7 @@ class planner {
   const inspect_target& t_;
   priv_header_info hdr_;  // the header OUT will hold
   header_choice trusted_ = header_choice::primary;
-  bool toc_sound_ = false;  // every block of the chains has a copy that verifies
+  bool joined_ = false;           // the plan's join, through what OUT will hold, succeeded
   std::set<int> holding_source_;  // enabled copies that hold the source's database after the plan
 };
 
@@ -329,7 +329,8 @@ bool planner::headers() {
   std::string why = dst != nullptr ? decode_verdict(*dst) : "";
   if (pok && aok && std::memcmp(v.p.buf, v.a.buf, PRIV_HEADER_SIZE) != 0) {
     const std::uint64_t ps = seq64(v.p.hdr.phi_update_seqno), as = seq64(v.a.hdr.phi_update_seqno);
-    if (t_.header_choice == header_choice::primary || t_.header_choice == header_choice::alternate) {
+    if (t_.header_choice == header_choice::primary ||
+        t_.header_choice == header_choice::alternate) {
       src = t_.header_choice == header_choice::primary ? &v.p : &v.a;
       why = "differs from the copy --header names";
     } else if (ps == as) {
@@ -338,7 +339,8 @@ bool planner::headers() {
                 ", but differ: --header names the copy to trust");
       src = &v.p;
     } else {
-      src = ps > as ? &v.p : &v.a;
+      // Newer as the scan has it: the signed 64-bit difference.
+      src = static_cast<std::int64_t>(as - ps) > 0 ? &v.a : &v.p;
       why = "update seqno " + seq_text((src == &v.p ? v.a : v.p).hdr.phi_update_seqno) +
             " older than " + seq_text(src->hdr.phi_update_seqno);
     }
@@ -357,7 +359,8 @@ bool planner::headers() {
   a.copy = dst->name;
   a.sector = dst->sector;
   a.count = 1;
-  a.source = finding_textf("the %s copy (sector %lld)", src->name, static_cast<long long>(src->sector));
+  a.source =
+      finding_textf("the %s copy (sector %lld)", src->name, static_cast<long long>(src->sector));
   a.why = why;
   a.segments.push_back({static_cast<std::uint64_t>(src->sector) * ss, at, PRIV_HEADER_SIZE});
   plan_.actions.push_back(std::move(a));
@@ -406,10 +409,20 @@ bool planner::toc() {
       return false;
     }
     if (res[0] == VE_OK && res[1] == VE_OK && buf[0] != buf[1]) {
-      leave("toc", block, -1, 0, "both chains' copies verify but differ: nothing tells which is right");
+      leave("toc", block, -1, 0,
+            "both chains' copies verify but differ: nothing tells which is right");
     }
     const int good = res[0] == VE_OK ? 0 : 1;
     const int bad = 1 - good;
+    toc_block_info b{};
+    toc_block_decode(buf[good].data(), buf[good].data() + chunk, &b);
+    if (b.tbi_next < 0 || b.tbi_alt_next < 0 || b.tbi_next >= privlen ||
+        b.tbi_alt_next >= privlen || ((b.tbi_next == 0) != (b.tbi_alt_next == 0))) {
+      leave("toc", block, pos[good], 1,
+            "its next pointers are wrong in the copy that verifies: not a sound copy");
+      plan_.nothing_sound = true;
+      return false;
+    }
     if (res[bad] != VE_OK) {
       const std::uint64_t at = static_cast<std::uint64_t>(pos[bad]) * unit;
       if (pos[bad] <= 0 || !fits(at, chunk)) {
@@ -429,18 +442,9 @@ bool planner::toc() {
         plan_.actions.push_back(std::move(a));
       }
     }
-    toc_block_info b{};
-    toc_block_decode(buf[good].data(), buf[good].data() + chunk, &b);
-    if (b.tbi_next < 0 || b.tbi_alt_next < 0 || b.tbi_next >= privlen ||
-        b.tbi_alt_next >= privlen || ((b.tbi_next == 0) != (b.tbi_alt_next == 0))) {
-      leave("toc", block, pos[good], 1, "its next pointers are wrong in the copy that verifies");
-      plan_.nothing_sound = true;
-      return false;
-    }
     pos[0] = b.tbi_next;
     pos[1] = b.tbi_alt_next;
   }
-  toc_sound_ = pos[0] == 0;
   return true;
 }
 
@@ -456,6 +460,7 @@ void planner::copies(const session& like) {
     leave("config", "every copy", -1, 0, "the region cannot be joined through the header");
     return;
   }
+  joined_ = true;
   priv_info* priv = img.priv();
   std::vector<copy_state> all;
   for (copy_info* cp = priv->pri_config_copies; cp != nullptr; cp = cp->ci_next) {
@@ -478,7 +483,8 @@ void planner::copies(const session& like) {
   };
   for (const copy_state& cs : all) {
     const std::string name = finding_textf("copy %d", cs.number);
-    const std::int64_t first = cs.parts.empty() ? -1 : static_cast<std::int64_t>(cs.parts[0].offset / unit);
+    const std::int64_t first =
+        cs.parts.empty() ? -1 : static_cast<std::int64_t>(cs.parts[0].offset / unit);
     const std::int64_t count = sectors(bytes_of(cs.parts));
     // What the check may find in a copy left as it is.
     if (&cs == src || !cs.enabled || src == nullptr) {
@@ -498,7 +504,8 @@ void planner::copies(const session& like) {
     if (src == nullptr) {
       if (!cs.sound) {
         leave("config", name, first, count,
-              "no enabled copy extracts without error: nothing to restore it from (" + cs.problem + ")");
+              "no enabled copy extracts without error: nothing to restore it from (" + cs.problem +
+                  ")");
         plan_.nothing_sound = true;
       }
       continue;
@@ -575,9 +582,10 @@ bool planner::removes(const finding& f, bool privdiag_run) const {
 
 bool planner::removes_message(const std::string& m) const {
   if (m.find("scan operation failed") != std::string::npos) return any_action("header");
-  // The join fails again on OUT unless every TOC block has a sound copy.
+  // The join fails again on OUT unless it succeeds through the header and
+  // the TOC blocks OUT will hold (as the plan's own join did).
   if (m.find("join operation failed") != std::string::npos) {
-    return toc_sound_ && (any_action("header") || any_action("toc"));
+    return joined_ && (any_action("header") || any_action("toc"));
   }
   return restored_copy(plan_.privdiag_copy);
 }
@@ -679,14 +687,14 @@ void print_repair_plan(session& s, const repair_plan& plan) {
   std::fprintf(s.out, "actions:%s\n", plan.actions.empty() ? " none" : "");
   for (const repair_action& a : plan.actions) {
     print_line(s, "    " + a.structure + " " + a.copy + ": " +
-                (a.places.empty() ? sectors_text(a.sector, a.count) : a.places) +
-                " from " + a.source + ": " + a.why);
+                      (a.places.empty() ? sectors_text(a.sector, a.count) : a.places) + " from " +
+                      a.source + ": " + a.why);
   }
   std::fprintf(s.out, "left:%s\n", plan.left.empty() ? " none" : "");
   for (const repair_left& l : plan.left) {
     std::string where = sectors_text(l.sector, l.count);
     print_line(s, "    " + l.structure + (l.copy.empty() ? "" : " " + l.copy) +
-                (where.empty() ? "" : " (" + where + ")") + ": " + l.reason);
+                      (where.empty() ? "" : " (" + where + ")") + ": " + l.reason);
   }
 }
 

@@ -34,10 +34,10 @@
 namespace pd {
 
 // Exit statuses of repair.
-inline constexpr int REPAIR_CLEAN = 0;      // repaired and proven; check on OUT finds nothing
-inline constexpr int REPAIR_PARTIAL = 1;    // repaired and proven; findings no copy covers are left
-inline constexpr int REPAIR_NOTHING = 2;    // nothing written: nothing to repair, or nothing sound
-inline constexpr int REPAIR_FAILED = 3;     // usage or I/O error, or a failed proof (OUT removed)
+inline constexpr int REPAIR_CLEAN = 0;    // repaired and proven; check on OUT finds nothing
+inline constexpr int REPAIR_PARTIAL = 1;  // repaired and proven; findings no copy covers are left
+inline constexpr int REPAIR_NOTHING = 2;  // nothing written: nothing to repair, or nothing sound
+inline constexpr int REPAIR_FAILED = 3;   // usage or I/O error, or a failed proof (OUT removed)
 
 // The key under which the proof compares a finding of IN with one of OUT:
 // the code and the text, a "config copy N: " prefix set aside (a finding of
@@ -59,8 +59,8 @@ struct repair_segment {
 };
 
 struct repair_action {
-  std::string structure;  // "header", "toc block", "config copy"
-  std::string copy;       // "primary", "alternate", "primary chain block 0", "copy 2"
+  std::string structure;    // "header", "toc", "config"
+  std::string copy;         // "primary", "alternate", "primary chain block 0", "copy 2"
   std::int64_t sector = 0;  // first sector written (of the region)
   std::int64_t count = 0;   // sectors written
   std::string places;       // the sectors written, when not one run from `sector`
@@ -68,8 +68,8 @@ struct repair_action {
   std::string why;          // the verdict acted on
   std::vector<repair_segment> segments;
   std::int64_t toc_block = -1;  // TOC block restored (else -1)
-  int target_copy = -1;  // config copy restored (else -1)
-  int source_copy = -1;  // its source
+  int target_copy = -1;         // config copy restored (else -1)
+  int source_copy = -1;         // its source
 };
 
 struct repair_left {
@@ -88,7 +88,7 @@ struct repair_finding {
 };
 
 struct repair_plan {
-  bool opened = false;         // IN was opened
+  bool opened = false;  // IN was opened
   std::string image;
   std::uint64_t image_bytes = 0;    // IN's length
   std::uint64_t region_offset = 0;  // of the region in IN, bytes
@@ -101,7 +101,7 @@ struct repair_plan {
   std::vector<repair_left> left;
   // Keys (repair_key) of what the check may still find on OUT.
   std::set<std::string> allowed;
-  int privdiag_copy = -1;  // the first enabled copy (privdiag's), when joined
+  int privdiag_copy = -1;      // the first enabled copy (privdiag's), when joined
   bool nothing_sound = false;  // a structure that no copy verifies stopped the plan
 };
 
@@ -113,12 +113,12 @@ repair_plan plan_repair(const session& like, const inspect_target& t);
 // What the proof found.
 struct repair_proof {
   bool ok = false;
-  std::string reason;        // why it failed
-  int check_status = -1;     // check on OUT
+  std::string reason;                  // why it failed
+  int check_status = -1;               // check on OUT
   std::vector<std::string> remaining;  // the check's lines on OUT
-  bool report_compared = false;  // privdiag's reports of IN and OUT compared
-  std::string report_note;       // why not, or what differed as accounted
-  std::vector<int> copies_compared;  // restored copies whose reports equal their source's
+  bool report_compared = false;        // privdiag's reports of IN and OUT compared
+  std::string report_note;             // why not, or what differed as accounted
+  std::vector<int> copies_compared;    // restored copies whose reports equal their source's
 };
 
 // The proof on the file `out_path` (OUT.tmp) against the plan for `t`.

@@ -21,7 +21,6 @@ using namespace repair_detail;
 
 namespace {
 
-
 struct privdiag_text {
   std::string head;    // header and TOC dump
   std::string config;  // the configuration section
@@ -131,7 +130,8 @@ repair_proof prove_repair(const session& like, const inspect_target& t, const re
   const std::optional<privdiag_text> out_rep = privdiag_report(like, out_t);
   int restored_privdiag = -1;
   for (const repair_action& a : plan.actions) {
-    if (a.target_copy >= 0 && a.target_copy == plan.privdiag_copy) restored_privdiag = a.source_copy;
+    if (a.target_copy >= 0 && a.target_copy == plan.privdiag_copy)
+      restored_privdiag = a.source_copy;
   }
   if (!in_rep) {
     proof.report_note = "privdiag reports nothing of IN";
@@ -141,30 +141,32 @@ repair_proof prove_repair(const session& like, const inspect_target& t, const re
     proof.report_compared = true;
     std::string note;
     if (!heads_agree(in_rep->head, out_rep->head, note)) {
-      if (proof.reason.empty()) proof.reason = "privdiag's header and TOC dumps of IN and OUT differ";
+      if (proof.reason.empty())
+        proof.reason = "privdiag's header and TOC dumps of IN and OUT differ";
     } else if (restored_privdiag < 0 && in_rep->config != out_rep->config) {
       if (proof.reason.empty()) {
-        proof.reason = "privdiag's configuration report of OUT differs from IN's, and the plan "
-                       "does not restore its copy";
+        proof.reason =
+            "privdiag's configuration report of OUT differs from IN's, and the plan "
+            "does not restore its copy";
       }
     }
     proof.report_note = note.empty() ? "equal" : "equal but for the header copies' words: " + note;
     if (restored_privdiag >= 0) {
-      proof.report_note += finding_textf("; its configuration section is copy %d's", restored_privdiag);
+      proof.report_note +=
+          finding_textf("; its configuration section is copy %d's", restored_privdiag);
     }
   }
   // Each restored copy's report against its source's.
   for (const repair_action& a : plan.actions) {
-    if (a.target_copy < 0 ||
-        std::find(proof.copies_compared.begin(), proof.copies_compared.end(), a.target_copy) !=
-            proof.copies_compared.end()) {
+    if (a.target_copy < 0 || std::find(proof.copies_compared.begin(), proof.copies_compared.end(),
+                                       a.target_copy) != proof.copies_compared.end()) {
       continue;
     }
     const std::string got = copy_report(like, out_t, a.target_copy);
     if (got.empty() || got != copy_report(like, out_t, a.source_copy)) {
       if (proof.reason.empty()) {
-        proof.reason = finding_textf("config --copy %d of OUT differs from copy %d's", a.target_copy,
-                                     a.source_copy);
+        proof.reason = finding_textf("config --copy %d of OUT differs from copy %d's",
+                                     a.target_copy, a.source_copy);
       }
       continue;
     }
@@ -207,18 +209,21 @@ int write_repair(session& s, const inspect_target& t, const repair_plan& plan,
   if (w.open(t.image, out, force) != INSPECT_OK) return REPAIR_FAILED;
   const int in = calls.open(t.image.c_str(), O_RDONLY | O_CLOEXEC, 0);
   if (in < 0) {
-    std::fprintf(s.err, "%s: %s: cannot open: %s\n", s.progname, t.image.c_str(), std::strerror(errno));
+    std::fprintf(s.err, "%s: %s: cannot open: %s\n", s.progname, t.image.c_str(),
+                 std::strerror(errno));
     return REPAIR_FAILED;
   }
   const fd_closer closer{calls, in};
   const off_t end = ::lseek(in, 0, SEEK_END);
   if (end < 0) {
-    std::fprintf(s.err, "%s: %s: cannot read: %s\n", s.progname, t.image.c_str(), std::strerror(errno));
+    std::fprintf(s.err, "%s: %s: cannot read: %s\n", s.progname, t.image.c_str(),
+                 std::strerror(errno));
     return REPAIR_FAILED;
   }
   // Every segment, in image order, read from IN before anything is laid.
   std::vector<repair_segment> segs;
-  for (const repair_action& a : plan.actions) segs.insert(segs.end(), a.segments.begin(), a.segments.end());
+  for (const repair_action& a : plan.actions)
+    segs.insert(segs.end(), a.segments.begin(), a.segments.end());
   std::sort(segs.begin(), segs.end(),
             [](const repair_segment& a, const repair_segment& b) { return a.to < b.to; });
   std::uint64_t pos = 0;
@@ -229,7 +234,8 @@ int write_repair(session& s, const inspect_target& t, const repair_plan& plan,
     if (w.copy_from(in, pos, to - pos) != INSPECT_OK) return REPAIR_FAILED;
     buf.resize(static_cast<std::size_t>(g.length));
     if (!read_exact(calls, in, plan.region_offset + g.from, buf.data(), buf.size())) {
-      std::fprintf(s.err, "%s: %s: cannot read: %s\n", s.progname, t.image.c_str(), std::strerror(errno));
+      std::fprintf(s.err, "%s: %s: cannot read: %s\n", s.progname, t.image.c_str(),
+                   std::strerror(errno));
       return REPAIR_FAILED;
     }
     if (w.write(buf.data(), buf.size()) != INSPECT_OK) return REPAIR_FAILED;
@@ -251,13 +257,14 @@ int write_repair(session& s, const inspect_target& t, const repair_plan& plan,
 
 void print_repair_proof(session& s, const repair_proof& proof, const std::string& out) {
   std::fprintf(s.out, "proof: check on %s: status %d", out.c_str(), proof.check_status);
-  std::fputs(proof.remaining.empty() ? ", nothing found\n"
-                                     : ", only what the plan leaves:\n", s.out);
+  std::fputs(proof.remaining.empty() ? ", nothing found\n" : ", only what the plan leaves:\n",
+             s.out);
   for (const std::string& r : proof.remaining) print_line(s, "    " + r);
   print_line(s, "proof: privdiag's report of OUT against IN's: " + proof.report_note);
   for (int n : proof.copies_compared) {
     std::fprintf(s.out,
-                 "proof: config --copy %d equals its source's but for the \"#Config copy\" line\n", n);
+                 "proof: config --copy %d equals its source's but for the \"#Config copy\" line\n",
+                 n);
   }
 }
 
