@@ -122,6 +122,12 @@ TEST(InspectRepair, EachKindOfDamage) {
        1,
        {"header alternate"},
        {"toc block 0"}},
+      // A region without configuration copies: privdiag's run stops, and
+      // stays stopped whatever TOC block is restored.
+      {"no-config-copies",
+       "disk sector-size=512 sectors=2048\nregion log copy=1 offset=17 len=100\n"
+       "tocblock damage=checksum damage-copy=alternate\n",
+       1, {"toc alternate chain block 0"}, {"log copy 1"}},
       {"nothing-to-repair", disk(), 2, {}, {"config copy 3"}},
   };
   for (const repair_case& c : cases) {
