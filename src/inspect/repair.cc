@@ -349,6 +349,8 @@ bool planner::headers() {
   hdr_ = src->hdr;
   trusted_ = src == &v.p ? header_choice::primary : header_choice::alternate;
   if (dst == nullptr) return true;
+  plan_.header_replaced = pok && aok && v.chosen == (dst == &v.p ? header_chosen::primary
+                                                                  : header_chosen::alternate);
   const std::uint64_t at = static_cast<std::uint64_t>(dst->sector) * ss;
   if (dst->sector < 0 || !fits(at, PRIV_HEADER_SIZE)) {
     leave("header", dst->name, dst->sector, 1, "lies past the end of the image");

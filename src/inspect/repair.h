@@ -13,8 +13,9 @@
 // over a copy of IN; only the region's bytes change. Before it is kept, the
 // proof runs on OUT.tmp: the check may find nothing the plan did not list
 // as left; privdiag's report of OUT may differ from IN's only in the words
-// that say which header copy is valid or used, and in the configuration
-// section when privdiag's copy is restored; each
+// that say which header copy is valid or used (in the header's lines when
+// the copy privdiag read is replaced), and in the configuration section
+// when privdiag's copy is restored; each
 // restored copy's `config --copy N` report equals its source's but for the
 // "#Config copy" line. A failed proof removes OUT.tmp.
 #pragma once
@@ -103,6 +104,9 @@ struct repair_plan {
   std::set<std::string> allowed;
   int privdiag_copy = -1;      // the first enabled copy (privdiag's), when joined
   bool nothing_sound = false;  // a structure that no copy verifies stopped the plan
+  // The plan restores the header copy that privdiag's scan chose on IN from
+  // the other one (--header named it, or it is newer as a whole).
+  bool header_replaced = false;
 };
 
 // The plan for `t`: the check on IN, then the headers, the TOC chains (with
