@@ -5,10 +5,11 @@
 #
 #   bench/run.sh [BUILD_DIR]          (default: build, configured with -DPD_BENCH=ON)
 #
-# Environment: SIZES (records, default "1000 10000 100000 500000"), REPEAT
-# (rounds, default 5), WORK (where images and reports go, default
-# BUILD_DIR/bench-data; images are generated once and kept), SECTOR (512 or
-# 4096, default 4096).
+# Environment: SIZES (records, default "1000 10000 50000 500000 4000000"),
+# REPEAT (rounds, default 5), WORK (where images and reports go, default
+# BUILD_DIR/bench-data, on a disk rather than tmpfs: the largest report is
+# 1.4 GB; images are generated once and kept), SECTOR (512 or 4096, default
+# 4096).
 #
 # Each round runs the three commands one after the other, so that they
 # share the machine's load; the table gives the best wall time over the
@@ -16,7 +17,12 @@
 # from the child's own accounting (wait4), the ratio of privdiag's best
 # time to the best times of the two cats together, and the growth of
 # privdiag's best time against the previous size (the records grow about
-# tenfold, fivefold at the last step). When privinspect is built, each round
+# tenfold, then fivefold and eightfold). After the table, each
+# report's SHA-256 (docs/performance.md keeps them: the report never
+# changes) and the targets: privdiag at most 10 times the two cats, its
+# time and peak memory growing at most 10.5 times from 50,000 to 500,000
+# records and 8.5 times from 500,000 to 4,000,000, peak memory under
+# 100 MiB at 500,000 and 800 MiB at 4,000,000 records. When privinspect is built, each round
 # also runs `privinspect dump` (the whole image as one JSON document): its
 # best wall time, peak memory and the ratio of its time to privdiag's; and
 # `privinspect map --svg` (the picture of the region and its blocks): its
@@ -24,7 +30,7 @@
 set -eu
 
 BUILD=${1:-build}
-SIZES=${SIZES:-"1000 10000 100000 500000"}
+SIZES=${SIZES:-"1000 10000 50000 500000 4000000"}
 REPEAT=${REPEAT:-5}
 WORK=${WORK:-$BUILD/bench-data}
 SECTOR=${SECTOR:-4096}
@@ -52,6 +58,10 @@ printf '%-8s %9s %9s | %-26s %7s %8s | %9s %9s | %6s %7s | %-20s | %s\n' \
   cat_img_s cat_rep_s ratio growth "dump --json s/MB/x" "map --svg s/KB"
 prev_records=""
 prev_best=""
+prev_rss=""
+prev_n=""
+: > "$WORK/t.sums"
+: > "$WORK/t.targets"
 for n in $SIZES; do
   img=$WORK/img-$SECTOR-$n
   rep=$WORK/report-$SECTOR-$n
@@ -60,6 +70,7 @@ for n in $SIZES; do
   fi
   records=$(sed -n 's/^gen_image: \([0-9]*\) records.*/\1/p' "$img.log")
   "$PRIVDIAG" "$SECTOR" "$img" > "$rep"
+  echo "$(sha256sum < "$rep" | cut -d' ' -f1)  report-$SECTOR-$n ($records records)" >> "$WORK/t.sums"
   : > "$WORK/t.priv"; : > "$WORK/t.cpu"; : > "$WORK/t.rss"; : > "$WORK/t.img"; : > "$WORK/t.rep"
   : > "$WORK/t.json"; : > "$WORK/t.jrss"; : > "$WORK/t.map"
   i=0
@@ -119,8 +130,40 @@ for n in $SIZES; do
       printf "%-8d %9.1f %9.1f | %8.3f %8.3f %8.3f %7.3f %8.1f | %9.4f %9.4f | %6.1f %7s | %-20s | %s\n",
         n, is / 1048576, rs / 1048576, b, m, x, c, r / 1024, ci, cr, b / (ci + cr), growth, js, mp
     }'
+  # The targets that apply at this size (by the nominal size asked for).
+  awk -v n="$n" -v b="$best" -v ci="$cimg" -v cr="$crep" -v r="$rss" -v pn="$prev_records" \
+      -v pb="$prev_best" -v pr="$prev_rss" -v rn="$records" -v pnn="$prev_n" '
+    function line(what, ok) { printf "%-8d %-52s %s\n", n, what, ok ? "met" : "NOT MET" }
+    BEGIN {
+      if (n == 500000) {
+        line(sprintf("time %.1fx the cats (at most 10x)", b / (ci + cr)), b / (ci + cr) <= 10)
+        line(sprintf("time %.3f s (under 0.5 s on a quiet machine)", b), b < 0.5)
+        line(sprintf("peak %.1f MiB (under 100 MiB)", r / 1024), r / 1024 < 100)
+      }
+      if (n == 4000000) {
+        line(sprintf("time %.3f s (under 4 s on a quiet machine)", b), b < 4)
+        line(sprintf("peak %.1f MiB (under 800 MiB)", r / 1024), r / 1024 < 800)
+      }
+      if ((n == 500000 && pnn == 50000) || (n == 4000000 && pnn == 500000)) {
+        lim = n == 500000 ? 10.5 : 8.5
+        line(sprintf("time grows %.1fx for %.1fx records (at most %.1fx)", b / pb, rn / pn, lim),
+             b / pb <= lim)
+        line(sprintf("peak grows %.1fx (at most %.1fx)", r / pr, lim), r / pr <= lim)
+      }
+    }' >> "$WORK/t.targets"
   prev_records=$records
   prev_best=$best
+  prev_rss=$rss
+  prev_n=$n
 done
+echo
+echo "report SHA-256:"
+cat "$WORK/t.sums"
+if [ -s "$WORK/t.targets" ]; then
+  echo
+  echo "targets:"
+  cat "$WORK/t.targets"
+fi
+rm -f "$WORK/t.sums" "$WORK/t.targets"
 rm -f "$WORK/t.priv" "$WORK/t.cpu" "$WORK/t.rss" "$WORK/t.img" "$WORK/t.rep" "$WORK/t.json" "$WORK/t.jrss" \
   "$WORK/t.map" "$WORK/map.svg"

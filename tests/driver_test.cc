@@ -168,8 +168,7 @@ TEST(DriverTest, TheImageIsReadOnly) {
 // the end (192 sectors of 512 bytes, 24 of 4096) the alternate lies before
 // the start, and reading it ends the tool at the seek; a damaged primary is
 // searched for first and never gets there. A search candidate of another
-// geometry is still read one searched-size sector at a time; an offset that
-// leaves 64 bits is a failed seek.
+// geometry is still read one searched-size sector at a time.
 TEST(DriverTest, FatalPathsThroughTheBinary) {
   const std::string disk = "disk sector-size=512 sectors=2048\n";
   const std::string cfg = disk + "region config copy=1 offset=17 len=800\n";
@@ -205,7 +204,15 @@ TEST(DriverTest, FatalPathsThroughTheBinary) {
        scan + format},
       {cfg + "hdrcopy primary damage=magic\nhdrcopy 8 alternate=9 iosize=65536\nhdrcopy 64 alternate=64\n",
        "", join + invalid},
+      // the candidate's region offset stays for the next read (sector 16):
+      // a signed sum out of 64 bits fails the seek; a product past 2^64
+      // wraps (2^55 + 1 sectors of 512 bytes is byte 512) and the search
+      // goes on; a product that is negative as off_t is refused by the seek
       {cfg + "hdrcopy primary damage=magic\nhdrcopy 8 alternate=9 priv-offset=0x7fffffffffffffff\n", "",
+       seek_failed},
+      {cfg + "hdrcopy primary damage=magic\nhdrcopy 8 alternate=9 priv-offset=0x7ffffffffffff1\n", "",
+       scan + format},
+      {cfg + "hdrcopy primary damage=magic\nhdrcopy 8 alternate=9 priv-offset=0x3ffffffffffff0\n", "",
        seek_failed},
   };
   int n = 0;

@@ -253,6 +253,25 @@ for args, status, stage in ((["dump", WORK + "/absent.img"], 3, "open"),
     doc = json.loads(r.stdout)
     check(r.returncode == status and doc["exit_status"] == status and doc["stop"]["stage"] == stage
           and validator.is_valid(doc), "%s: %d %s" % (args, r.returncode, doc.get("stop")))
+# repair: the plan (dry run), the document of a real run and its log beside
+# OUT are one document; OUT being the input is refused at the repair stage.
+hdr_bad = build("repairable", image(tail="hdrcopy primary damage=checksum\nhdrcopy alternate\n"))
+out = WORK + "/repaired.img"
+for stale in (out, out + ".repair.json"):
+    if os.path.exists(stale):
+        os.unlink(stale)
+for args, status in ((["--dry-run"], 0), ([], 0), (["--force"], 0)):
+    r = subprocess.run([PRIVINSPECT, "--json", "repair", hdr_bad, out] + args, capture_output=True)
+    doc = json.loads(r.stdout)
+    check(r.returncode == status and doc["exit_status"] == status and validator.is_valid(doc)
+          and doc["repair"]["actions"][0]["copy"] == "primary" and doc["repair"]["written"] == (args != ["--dry-run"]),
+          "repair %s: %d %s" % (args, r.returncode, r.stderr))
+    if args == ["--force"]:
+        check(open(out + ".repair.json", "rb").read() == r.stdout, "repair: the log is not the document")
+r = subprocess.run([PRIVINSPECT, "--json", "repair", hdr_bad, hdr_bad, "--force"], capture_output=True)
+doc = json.loads(r.stdout)
+check(r.returncode == 3 and validator.is_valid(doc) and doc["stop"]["stage"] == "repair",
+      "repair onto its input: %d %s" % (r.returncode, doc.get("stop")))
 # extract: the region written, and OUT being the input refused at the extract stage.
 good = WORK + "/good.img"
 for out, status in ((WORK + "/extracted.img", 0), (good, 3)):

@@ -152,5 +152,37 @@ TEST(RecordIndexTest, ReferenceTableSurvivesCollidingDeletes) {
   EXPECT_EQ(t.find(1024), &recs[1]);
 }
 
+// References dense and sparse, in any order, against a map: the array
+// that takes the dense ones grows over references the hash held.
+TEST(RecordIndexTest, ReferenceTableMatchesAMapAcrossItsTwoParts) {
+  std::mt19937_64 rng(11);
+  ref_table t;
+  std::map<unsigned long, db_record*> model;
+  std::vector<db_record> recs(4);
+  for (int step = 0; step < 200000; ++step) {
+    unsigned long ref = 0;
+    switch (rng() % 3) {
+      case 0: ref = rng() % 150000; break;                            // dense, growing
+      case 1: ref = ref_table::DENSE_MIN + rng() % 400000; break;    // hashed until covered
+      default: ref = rng(); break;                                   // hostile
+    }
+    if (rng() % 4 == 0) {
+      t.erase(ref);
+      model.erase(ref);
+    } else {
+      db_record* r = &recs[rng() % recs.size()];
+      t.set(ref, r);
+      model[ref] = r;
+    }
+    if (step % 20000 == 0) {
+      for (const auto& [k, v] : model) ASSERT_EQ(t.find(k), v) << k;
+    }
+  }
+  for (const auto& [k, v] : model) ASSERT_EQ(t.find(k), v) << k;
+  EXPECT_EQ(t.find(ref_table::DENSE_MIN - 1), model.count(ref_table::DENSE_MIN - 1) != 0
+                                                  ? model[ref_table::DENSE_MIN - 1]
+                                                  : nullptr);
+}
+
 }  // namespace
 }  // namespace pd

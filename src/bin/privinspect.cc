@@ -24,6 +24,7 @@
 #include "inspect/inspect_compare.h"
 #include "io/messages.h"
 #include "inspect/inspect.h"
+#include "inspect/json_repair.h"
 #include "inspect/json_views.h"
 #include "inspect/output.h"
 #include "inspect/region_map.h"
@@ -48,6 +49,7 @@ struct cli_values {
   bool force = false;
   std::vector<std::string> images;  // compare, map
   std::string svg;                  // compare, map
+  bool dry_run = false;             // repair
   pd::anonymise_options anon;       // anonymise
   bool anon_show = false;
 };
@@ -72,6 +74,7 @@ struct subcommands {
   CLI::App* extract;
   CLI::App* compare;
   CLI::App* map;
+  CLI::App* repair;
   CLI::App* anonymise;
 };
 
@@ -164,6 +167,17 @@ subcommands define(CLI::App& app, cli_values& v) {
       ->required();
   c.map->add_option("--svg", v.svg, "write the map as SVG to FILE (never an input image)");
 
+  // A new image restored from sound copies.
+  c.repair = app.add_subcommand(
+      "repair", "write to OUT a copy of IN in which every damaged structure that a sound copy "
+                "covers is restored from it, proven by check; status 0 repaired, 1 repaired "
+                "with findings left, 2 nothing written, 3 usage or I/O error or failed proof");
+  c.repair->add_option("IN", v.target.image, "raw image of a region or whole disk (only read)")
+      ->required();
+  c.repair->add_option("OUT", v.out, "the repaired image to write (never the input)")->required();
+  c.repair->add_flag("--dry-run", v.dry_run, "print the plan, write nothing");
+  c.repair->add_flag("--force", v.force, "replace OUT (and its log OUT.repair.json) when it exists");
+
   // A copy that names nothing of the customer's (docs/anonymise.md).
   c.anonymise = app.add_subcommand(
       "anonymise", "write IN's region to OUT with every name replaced by a keyed pseudonym, its "
@@ -181,7 +195,6 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.anonymise->add_flag("--ids", v.anon.ids,
                         "replace record ids, disk ids, group ids and GUIDs too, consistently");
   c.anonymise->add_flag("--show", v.anon_show, "print IN's anonymisation marker, if it has one");
-
   return c;
 }
 
@@ -384,7 +397,7 @@ int check_leftovers(const CLI::App& app, const subcommands& c) {
   std::vector<std::string> left = app.remaining(true);
   const CLI::App* chosen = nullptr;
   for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records,
-                              c.dump, c.locate, c.extract, c.compare, c.map, c.anonymise}) {
+                              c.dump, c.locate, c.extract, c.compare, c.map, c.repair, c.anonymise}) {
     if (sub->parsed()) chosen = sub;
   }
   if (chosen == nullptr) {
@@ -464,9 +477,15 @@ int main(int argc, char** argv) {
   pd::volsetlabel(s, "qztool:priv");
   int status;
   try {
-    status = v.json || c.dump->parsed()
-                 ? dispatch_json(s, c, v, {std::vector<std::string>(argv, argv + argc), PD_VERSION})
-                 : dispatch(s, c, v);
+    if (c.repair->parsed()) {
+      const pd::repair_request req{v.out, v.dry_run, v.force, v.json};
+      status = pd::inspect_repair(s, {std::vector<std::string>(argv, argv + argc), PD_VERSION},
+                                  v.target, req);
+    } else {
+      status = v.json || c.dump->parsed()
+                   ? dispatch_json(s, c, v, {std::vector<std::string>(argv, argv + argc), PD_VERSION})
+                   : dispatch(s, c, v);
+    }
   } catch (const pd::fatal_exit& e) {
     status = e.status;
   }

@@ -8,6 +8,7 @@
 #include "codec/text_forms.h"
 
 #include <cctype>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 
@@ -43,28 +44,45 @@ bool guid_sep(const char** pp) {
 
 }  // namespace
 
+char* put_voff(char* p, voff_t num) {
+  return std::to_chars(p, p + 24, static_cast<std::int64_t>(num)).ptr;
+}
+
+char* put_seqno(char* p, volseqno_t seqno) {
+  p = std::to_chars(p, p + 10, seqno.seqno_hi).ptr;
+  *p++ = '.';
+  return std::to_chars(p, p + 10, seqno.seqno_lo).ptr;
+}
+
+char* put_guid(char* p, const voldguid_t& g) {
+  const auto hex = [&p](std::uint32_t v, int digits) {
+    for (int i = digits - 1; i >= 0; --i) p[i] = guid_digits[v & 15], v >>= 4;
+    p += digits;
+  };
+  hex(g.Data1, 8);
+  *p++ = '-';
+  hex(g.Data2, 4);
+  *p++ = '-';
+  hex(g.Data3, 4);
+  *p++ = '-';
+  hex(g.Data4[0], 2);
+  hex(g.Data4[1], 2);
+  *p++ = '-';
+  for (int i = 2; i < 8; ++i) hex(g.Data4[i], 2);
+  return p;
+}
+
 char* vofftostr(voff_t num, char* bufp) {
   static char buf[24];
-  char work[24];
-  char* p = work + sizeof work;
-  *--p = '\0';
-  // Magnitude in unsigned arithmetic, so the most negative value has one.
-  std::uint64_t mag = num < 0 ? 0 - static_cast<std::uint64_t>(num) : static_cast<std::uint64_t>(num);
-  do {
-    *--p = static_cast<char>('0' + mag % 10);
-    mag /= 10;
-  } while (mag != 0);
-  if (num < 0) *--p = '-';
-  if (bufp != nullptr) return std::strcpy(bufp, p);
-  std::strncpy(buf, p, sizeof buf - 1);
-  return buf;
+  char* out = bufp != nullptr ? bufp : buf;
+  *put_voff(out, num) = '\0';
+  return out;
 }
 
 char* volseqnotostr(volseqno_t seqno, char* bufp) {
   static char buf[24];
   char* out = bufp != nullptr ? bufp : buf;
-  std::snprintf(out, 24, "%ld.%ld", static_cast<long>(seqno.seqno_hi),
-                static_cast<long>(seqno.seqno_lo));
+  *put_seqno(out, seqno) = '\0';
   return out;
 }
 
@@ -85,10 +103,7 @@ char* volguidtostr(voldguid_t guid, char* bufp) {
 }
 
 void voldguid_to_string(char* str_out, const voldguid_t* guid) {
-  std::snprintf(str_out, 37, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x", guid->Data1,
-                guid->Data2, guid->Data3, guid->Data4[0], guid->Data4[1], guid->Data4[2],
-                guid->Data4[3], guid->Data4[4], guid->Data4[5], guid->Data4[6],
-                guid->Data4[7]);
+  *put_guid(str_out, *guid) = '\0';
 }
 
 int voldguid_from_string(voldguid_t* guid, const char* str) {

@@ -16,6 +16,13 @@
 namespace pd {
 
 char* vofftostr(voff_t num, char* bufp = nullptr);
+
+// The same text forms written at `p` without a terminator (at most 24
+// characters; 36 for a GUID); each returns the end of what it wrote.
+char* put_voff(char* p, voff_t num);
+char* put_seqno(char* p, volseqno_t seqno);  // also record ids
+char* put_guid(char* p, const voldguid_t& guid);  // unbraced, as voldguid_to_string
+
 char* volseqnotostr(volseqno_t seqno, char* bufp = nullptr);
 char* volridtostr(volrid_t rid, char* bufp = nullptr);
 char* volguidtostr(voldguid_t guid, char* bufp = nullptr);

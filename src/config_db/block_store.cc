@@ -25,16 +25,50 @@ namespace pd {
 struct db_block_table {
   static constexpr std::size_t DBT_PAGE = 256;
   std::map<std::size_t, std::unique_ptr<db_block[]>> pages;
+  // The same pages by number, for lookups in constant time: leaves of
+  // DIR_LEAF page pointers, made when a page of their range is (at most
+  // half the memory of the pages themselves, whatever the block numbers),
+  // for the pages below DIR_PAGES; the map alone finds the others.
+  static constexpr std::size_t DIR_LEAF = 512;
+  static constexpr std::size_t DIR_PAGES = (std::size_t{1} << 32) / DBT_PAGE;
+  std::vector<std::unique_ptr<db_block*[]>> dir;
   // The page met last: blocks are mostly visited in runs.
   mutable std::size_t last_page = DDB_NOBLOCK;
   mutable db_block* last_entries = nullptr;
   db_block* find_page(std::size_t page) const {
     if (page == last_page) return last_entries;
-    auto it = pages.find(page);
-    if (it == pages.end()) return nullptr;
+    db_block* entries = nullptr;
+    if (page < DIR_PAGES) {
+      if (page / DIR_LEAF >= dir.size() || !dir[page / DIR_LEAF]) return nullptr;
+      entries = dir[page / DIR_LEAF][page % DIR_LEAF];
+    } else {
+      auto it = pages.find(page);
+      if (it != pages.end()) entries = it->second.get();
+    }
+    if (entries == nullptr) return nullptr;
     last_page = page;
-    last_entries = it->second.get();
+    last_entries = entries;
     return last_entries;
+  }
+  // Makes room in the directory for `page`; false when out of memory.
+  bool dir_room(std::size_t page) {
+    if (page >= DIR_PAGES) return true;
+    const std::size_t leaf = page / DIR_LEAF;
+    try {
+      if (leaf >= dir.size()) dir.resize(leaf + 1);
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    if (!dir[leaf]) {
+      dir[leaf].reset(new (std::nothrow) db_block*[DIR_LEAF]());
+      if (!dir[leaf]) return false;
+    }
+    return true;
+  }
+  void dir_set(std::size_t page, db_block* entries) {
+    if (page < DIR_PAGES && page / DIR_LEAF < dir.size() && dir[page / DIR_LEAF]) {
+      dir[page / DIR_LEAF][page % DIR_LEAF] = entries;
+    }
   }
   std::vector<std::pair<std::size_t, std::size_t>> write_ranges;  // [from, to)
 };
@@ -72,6 +106,7 @@ db_block* block_at(dbase* db, std::size_t blkno) {
   db_block_table* t = db->ddb_blocks;
   std::size_t page = blkno / db_block_table::DBT_PAGE;
   if (db_block* entries = t->find_page(page)) return &entries[blkno % db_block_table::DBT_PAGE];
+  if (!t->dir_room(page)) return nullptr;
   std::unique_ptr<db_block[]> p(new (std::nothrow) db_block[db_block_table::DBT_PAGE]);
   if (!p) return nullptr;
   std::size_t first = page * db_block_table::DBT_PAGE;
@@ -79,6 +114,7 @@ db_block* block_at(dbase* db, std::size_t blkno) {
     p[i] = in_write_range(t, first + i) ? initial_write_block : initial_block;
   }
   db_block* entries = t->pages.emplace(page, std::move(p)).first->second.get();
+  t->dir_set(page, entries);
   return &entries[blkno % db_block_table::DBT_PAGE];
 }
 
@@ -371,6 +407,7 @@ int change_size(dbase* db, std::size_t newnblks, bool mark_added) {
       std::size_t first = it->first * db_block_table::DBT_PAGE;
       if (first >= newnblks) {
         t->last_page = DDB_NOBLOCK;
+        t->dir_set(it->first, nullptr);
         it = t->pages.erase(it);
         continue;
       }

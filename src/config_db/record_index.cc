@@ -29,7 +29,8 @@ db_record* predecessor(const db_record_index* ix, std::size_t b, unsigned long r
   return p;
 }
 
-// Chain `b` has grown past the walk limit: index it in order.
+// Chain `b` is past the walk limit and a record goes inside it: index it
+// in order.
 void order_chain(dbase* db, db_record_index* ix, std::size_t b) {
   auto m = std::make_unique<std::multimap<unsigned long, db_record*>>();
   for (db_record* r = db->ddb_record_buckets[b]; r != nullptr; r = r->dbr_next) {
@@ -49,7 +50,7 @@ std::size_t ref_table::home(unsigned long ref) const {
   return static_cast<std::size_t>(h >> 32) & (slots_.size() - 1);
 }
 
-db_record* ref_table::find(unsigned long ref) const {
+db_record* ref_table::hashed_find(unsigned long ref) const {
   if (slots_.empty()) return nullptr;
   for (std::size_t i = home(ref);; i = (i + 1) & (slots_.size() - 1)) {
     const slot& s = slots_[i];
@@ -63,11 +64,59 @@ void ref_table::grow() {
   slots_.assign(old.empty() ? 1024 : old.size() * 2, slot{});
   used_ = 0;
   for (const slot& s : old) {
-    if (s.r != nullptr) set(s.ref, s.r);
+    if (s.r != nullptr) hashed_set(s.ref, s.r);
   }
 }
 
+bool ref_table::cover(unsigned long ref) {
+  const std::size_t bound = 2 * (count_ + 1) + DENSE_MIN;
+  if (ref >= bound) return false;
+  std::size_t size = 2 * dense_.size();
+  if (size <= ref) size = static_cast<std::size_t>(ref) + 1;
+  if (size > bound) size = bound;
+  dense_.resize(size, nullptr);
+  // Hashed references the array now covers move into it.
+  bool moves = false;
+  for (const slot& s : slots_) moves = moves || (s.r != nullptr && s.ref < size);
+  if (moves) {
+    std::vector<slot> old = std::move(slots_);
+    slots_.assign(old.size(), slot{});
+    used_ = 0;
+    for (const slot& s : old) {
+      if (s.r == nullptr) continue;
+      if (s.ref < size) {
+        dense_[s.ref] = s.r;
+      } else {
+        hashed_set(s.ref, s.r);
+      }
+    }
+  }
+  return true;
+}
+
 void ref_table::set(unsigned long ref, db_record* r) {
+  if (ref < dense_.size() || cover(ref)) {
+    if (dense_[ref] == nullptr) ++count_;
+    dense_[ref] = r;
+    return;
+  }
+  const std::size_t before = used_;
+  hashed_set(ref, r);
+  if (used_ != before) ++count_;
+}
+
+void ref_table::erase(unsigned long ref) {
+  if (ref < dense_.size()) {
+    if (dense_[ref] != nullptr) --count_;
+    dense_[ref] = nullptr;
+    return;
+  }
+  const std::size_t before = used_;
+  hashed_erase(ref);
+  if (used_ != before) --count_;
+}
+
+void ref_table::hashed_set(unsigned long ref, db_record* r) {
   if (2 * (used_ + 1) > slots_.size()) grow();
   std::size_t i = home(ref);
   while (slots_[i].r != nullptr && slots_[i].ref != ref) i = (i + 1) & (slots_.size() - 1);
@@ -75,7 +124,7 @@ void ref_table::set(unsigned long ref, db_record* r) {
   slots_[i] = slot{ref, r};
 }
 
-void ref_table::erase(unsigned long ref) {
+void ref_table::hashed_erase(unsigned long ref) {
   if (slots_.empty()) return;
   const std::size_t mask = slots_.size() - 1;
   std::size_t i = home(ref);
@@ -114,6 +163,12 @@ void dbr_add(dbase* db, db_record* r) {
   db_record_index* ix = db->ddb_rindex;
   size_chains(ix);
   const std::size_t b = bucket_of(r->dbr_ref);
+  // A record that does not go behind the chain's last one, in a chain past
+  // the walk limit: the chain is indexed in order from then on.
+  if (!ix->ordered[b] && ix->length[b] > RINDEX_WALK_LIMIT && ix->tail[b] != nullptr &&
+      ix->tail[b]->dbr_ref > r->dbr_ref) {
+    order_chain(db, ix, b);
+  }
   db_record* prev = predecessor(ix, b, r->dbr_ref);
   db_record* next = prev != nullptr ? prev->dbr_next : db->ddb_record_buckets[b];
   r->dbr_prev = prev;
@@ -130,8 +185,8 @@ void dbr_add(dbase* db, db_record* r) {
   }
   if (auto& m = ix->ordered[b]) {
     m->emplace_hint(m->upper_bound(r->dbr_ref), r->dbr_ref, r);  // behind equal references
-  } else if (++ix->length[b] > RINDEX_WALK_LIMIT) {
-    order_chain(db, ix, b);
+  } else {
+    ++ix->length[b];
   }
   if (prev == nullptr || prev->dbr_ref != r->dbr_ref) ix->first.set(r->dbr_ref, r);
   if (!r->dbr_slab) ++ix->foreign;

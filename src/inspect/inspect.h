@@ -35,6 +35,20 @@ std::vector<finding> header_findings(inspect_image& img);
 
 // check [--quiet]: the whole report run silently; one line per finding.
 int inspect_check(session& s, const inspect_target& t, bool quiet);
+// The check as data: its status, every finding (privdiag's run first, the
+// first `privdiag_findings` of them, then the rest of the region's) and the
+// messages of privdiag's run (the stage that ended it among them). When
+// the image was not opened, `opened` is false and `err_text` holds why
+// (empty when memory ran out). `note` receives the fallback note, if any.
+struct check_outcome {
+  int status = INSPECT_USAGE_IO;
+  bool opened = false;
+  std::vector<finding> findings;
+  std::size_t privdiag_findings = 0;
+  std::vector<std::string> messages;
+};
+check_outcome run_check(const session& like, const inspect_target& t,
+                        std::string* err_text = nullptr, std::string* note = nullptr);
 
 // scan [--range SECTOR:COUNT]: every magic at every sector boundary, with
 // its decode status, and every place where the header and TOC put a

@@ -67,55 +67,72 @@ const char* status_text(int status) {
 
 }  // namespace
 
-int inspect_check(session& s, const inspect_target& t, bool quiet) {
+check_outcome run_check(const session& like, const inspect_target& t, std::string* err_text,
+                        std::string* note) {
+  check_outcome c;
   mem_stream out, err;
-  if (out.f == nullptr || err.f == nullptr) {
-    volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
-    return INSPECT_USAGE_IO;
-  }
+  if (out.f == nullptr || err.f == nullptr) return c;  // not opened, no message: memory
   finding_collector found;
   run_end end;
-  std::string note;
   {
     session in(out.f, err.f);
-    in.progname = s.progname;
+    in.progname = like.progname;
     volsetlabel(in, "qztool:priv");
     in.sink = &found;
-    end = run_pipeline(in, t, note);
+    std::string fallback;
+    end = run_pipeline(in, t, fallback);
+    if (note != nullptr) *note = fallback;
   }
-  if (!note.empty()) std::fprintf(s.err, "%s\n", note.c_str());
+  c.findings = std::move(found.list);
   // The rest of the region, unless the image cannot be read at all.
-  finding_collector region;
-  if (end != run_end::unreadable && end != run_end::unopened) {
-    for (finding& f : region_findings(s, t)) region.raise(f);
+  const bool readable = end != run_end::unreadable && end != run_end::unopened;
+  const std::size_t privdiag_found = c.findings.size();
+  if (readable) {
+    for (finding& f : region_findings(like, t)) c.findings.push_back(std::move(f));
   }
-  int status = INSPECT_OK;
-  if (end == run_end::unreadable || end == run_end::unopened) {
-    status = INSPECT_USAGE_IO;
+  const std::string text = err.text();
+  if (err_text != nullptr) *err_text = text;
+  c.opened = end != run_end::unopened;
+  if (c.opened) c.messages = message_lines(text);
+  if (!readable) {
+    c.status = INSPECT_USAGE_IO;
   } else if (end == run_end::unusable) {
-    status = INSPECT_UNUSABLE;
-  } else if (found.any_problem() || region.any_problem()) {
-    status = INSPECT_FINDINGS;
+    c.status = INSPECT_UNUSABLE;
+  } else {
+    c.status = INSPECT_OK;
+    for (const finding& f : c.findings) {
+      if (f.sev() != severity::note) c.status = INSPECT_FINDINGS;
+    }
   }
-  const std::string err_text = err.text();
-  if (end == run_end::unopened) {
+  c.privdiag_findings = privdiag_found;
+  return c;
+}
+
+int inspect_check(session& s, const inspect_target& t, bool quiet) {
+  std::string err_text, note;
+  const check_outcome c = run_check(s, t, &err_text, &note);
+  if (!note.empty()) std::fprintf(s.err, "%s\n", note.c_str());
+  if (!c.opened) {
     std::fputs(err_text.c_str(), s.err);
-    return status;
+    if (err_text.empty()) volpfmt(s, s.err, 1, ":733:Memory allocation failed\n");
+    return c.status;
   }
   if (!quiet) {
     // What privdiag writes on the error stream first (the loader's
-    // findings, then the message that ended the run), then the report's.
-    for (const finding& f : found.list) {
-      if (kind_of(f.code).stream == finding_stream::err) print_line(s, f.text);
+    // findings, then the message that ended the run), then the report's,
+    // then those of the rest of the region.
+    const auto privdiag_end = c.findings.begin() + static_cast<std::ptrdiff_t>(c.privdiag_findings);
+    for (auto f = c.findings.begin(); f != privdiag_end; ++f) {
+      if (kind_of(f->code).stream == finding_stream::err) print_line(s, f->text);
     }
-    for (const std::string& m : message_lines(err_text)) print_line(s, m);
-    for (const finding& f : found.list) {
-      if (kind_of(f.code).stream == finding_stream::out) print_line(s, f.text);
+    for (const std::string& m : c.messages) print_line(s, m);
+    for (auto f = c.findings.begin(); f != privdiag_end; ++f) {
+      if (kind_of(f->code).stream == finding_stream::out) print_line(s, f->text);
     }
-    for (const finding& f : region.list) print_line(s, f.text);
-    std::fprintf(s.out, "check: status %d: %s\n", status, status_text(status));
+    for (auto f = privdiag_end; f != c.findings.end(); ++f) print_line(s, f->text);
+    std::fprintf(s.out, "check: status %d: %s\n", c.status, status_text(c.status));
   }
-  return status;
+  return c.status;
 }
 
 }  // namespace pd

@@ -34,7 +34,7 @@ using ojson = nlohmann::ordered_json;
 // The schema the documents follow: its name and [major, minor] version.
 inline constexpr const char* JSON_SCHEMA_NAME = "privinspect";
 inline constexpr int JSON_SCHEMA_MAJOR = 1;
-inline constexpr int JSON_SCHEMA_MINOR = 0;
+inline constexpr int JSON_SCHEMA_MINOR = 1;
 
 // `bytes` as valid UTF-8: every well-formed UTF-8 sequence (no overlong
 // forms, no surrogates, nothing above U+10FFFF) is kept; every other byte

@@ -29,8 +29,8 @@ constexpr const char* nt_alloc_name = "nt_alloc";
 }
 
 // The stream and absolute sector of a request, or null when the request
-// names the public region, which is never open. A region offset that moves
-// the sector out of 64 bits is a position no seek can reach.
+// names the public region, which is never open. A signed sum of the sector
+// and the region offset that overflows has no value: a failed seek.
 FILE* priv_io_target(session& s, const priv_header_info& hdr, voff_t* offset,
                      unsigned long flag) {
   if ((flag & PRI_IO_PRIVATE) == 0) return nullptr;
@@ -39,13 +39,16 @@ FILE* priv_io_target(session& s, const priv_header_info& hdr, voff_t* offset,
   return s.priv_fd;
 }
 
-// Byte position and size of a request; false when either does not fit.
+// Byte position and size of a request. The position is the sector times the
+// sector size in unsigned 64-bit arithmetic, wrapped as the format's own
+// arithmetic wraps it: a position that is negative as off_t is the seek's to
+// refuse. False when the size does not fit (no caller asks for one).
 bool priv_io_extent(voff_t offset, std::size_t len, std::size_t iosize, voff_t* pos,
                     std::size_t* bufsize) {
-  if (iosize > static_cast<std::size_t>(std::numeric_limits<voff_t>::max())) return false;
   if (iosize != 0 && len > std::numeric_limits<std::size_t>::max() / iosize) return false;
   *bufsize = len * iosize;
-  return !__builtin_mul_overflow(offset, static_cast<voff_t>(iosize), pos);
+  *pos = static_cast<voff_t>(static_cast<std::uint64_t>(offset) * static_cast<std::uint64_t>(iosize));
+  return true;
 }
 
 }  // namespace

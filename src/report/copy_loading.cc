@@ -140,21 +140,81 @@ int safe_wcscpy(wchar_t* strDestination, const wchar_t* strSource) {
   return 0;
 }
 
+std::size_t pack_fields(const std::uint8_t* s, std::size_t n, std::uint8_t* out) {
+  const std::size_t words = (n + 7) / 8;
+  const std::size_t map = (words + 7) / 8;
+  std::memset(out, 0, map);
+  std::size_t o = map;
+  for (std::size_t w = 0; w < words; ++w) {
+    std::uint64_t v = 0;
+    std::memcpy(&v, s + 8 * w, n - 8 * w < 8 ? n - 8 * w : 8);
+    if (v == 0) continue;
+    out[w / 8] = static_cast<std::uint8_t>(out[w / 8] | (1u << (w % 8)));
+    std::memcpy(out + o, &v, 8);
+    o += 8;
+  }
+  return o;
+}
+
+void unpack_bytes(const std::uint8_t* packed, std::size_t n, std::size_t off, std::size_t len,
+                  void* out) {
+  auto* dst = static_cast<std::uint8_t*>(out);
+  std::memset(dst, 0, len);
+  if (len == 0 || off >= n) return;
+  const std::size_t words = (n + 7) / 8;
+  const std::size_t map = (words + 7) / 8;
+  const std::size_t end = off + len < n ? off + len : n;
+  // The words kept before the first one wanted.
+  std::size_t w = off / 8;
+  std::size_t rank = 0;
+  for (std::size_t i = 0; i < w / 8; ++i) rank += static_cast<std::size_t>(__builtin_popcount(packed[i]));
+  rank += static_cast<std::size_t>(__builtin_popcount(packed[w / 8] & ((1u << (w % 8)) - 1)));
+  for (; w < words && 8 * w < end; ++w) {
+    if ((packed[w / 8] & (1u << (w % 8))) == 0) continue;
+    const std::uint8_t* word = packed + map + 8 * rank++;
+    // The overlap of [8w, 8w + 8) with [off, end).
+    const std::size_t from = 8 * w > off ? 8 * w : off;
+    const std::size_t to = 8 * w + 8 < end ? 8 * w + 8 : end;
+    std::memcpy(dst + (from - off), word + (from - 8 * w), to - from);
+  }
+}
+
+void record_bytes(const record* rec, std::size_t off, std::size_t len, void* out) {
+  if (rec != nullptr && rec->u != nullptr) {
+    std::memcpy(out, static_cast<const std::uint8_t*>(rec->u) + off, len);
+  } else if (rec != nullptr && rec->packed != nullptr) {
+    unpack_bytes(rec->packed, record_room(rec->type), off, len, out);
+  } else {
+    std::memset(out, 0, len);
+  }
+}
+
+const void* record_fields(const record* rec, urec& scratch) {
+  if (rec == nullptr) return nullptr;
+  if (rec->u != nullptr) return rec->u;
+  if (rec->packed == nullptr) return nullptr;
+  unpack_bytes(rec->packed, record_room(rec->type), 0, sizeof scratch, &scratch);
+  return &scratch;
+}
+
 config_report::config_report(session& sess) : s(sess) {}
+
+const std::vector<std::size_t>& config_report::heap_offsets(std::uint32_t type_word) {
+  const std::uint32_t code = type_word & RTYPE_CODE_MASK;
+  if (!heap_known_[code]) {
+    heap_offsets_[code] = heap_member_offsets(find_rec2field(type_word));
+    heap_known_[code] = true;
+  }
+  return heap_offsets_[code];
+}
 
 config_report::~config_report() {
   // Only a record whose layout has wide or byte strings, and that holds
-  // one, has heap members to release.
-  std::vector<std::size_t> heap[RTYPE_CODE_MASK + 1];
-  bool known[RTYPE_CODE_MASK + 1] = {};
-  for (record* rec = rlist; rec != nullptr; rec = rec->next) {
-    if (rec->u == nullptr) continue;
-    const std::uint32_t code = rec->type_word & RTYPE_CODE_MASK;
-    if (!known[code]) {
-      heap[code] = heap_member_offsets(find_rec2field(rec->type_word));
-      known[code] = true;
+  // one, has heap members to release (packed records hold none).
+  for (record* rec : own_fields_) {
+    if (holds_heap_member(rec->u, heap_offsets(rec->type_word))) {
+      release_decoded(rec->type_word, rec->u);
     }
-    if (holds_heap_member(rec->u, heap[code])) release_decoded(rec->type_word, rec->u);
   }
   release_decoded(0, nullptr);
   ddb_free(db);
@@ -175,11 +235,10 @@ void config_report::release_decoded(std::uint32_t type_word, void* sp) {
   }
 }
 
-void* config_report::arena_alloc(std::size_t size) {
-  constexpr std::size_t align = alignof(std::max_align_t);
-  size = (size + align - 1) / align * align;
+void* config_report::arena_alloc(std::size_t size, std::size_t align) {
+  arena_used_ = (arena_used_ + align - 1) / align * align;
   if (size > ARENA_BLOCK) return nullptr;
-  if (ARENA_BLOCK - arena_used_ < size) {
+  if (arena_used_ > ARENA_BLOCK || ARENA_BLOCK - arena_used_ < size) {
     // Zeroed pages straight from the system: no clearing pass.
     std::unique_ptr<std::uint8_t[], arena_free> block(
         static_cast<std::uint8_t*>(std::calloc(1, ARENA_BLOCK)));
@@ -242,20 +301,48 @@ int config_report::init_record(db_record* r) {
 int config_report::unformat_record(db_record* r, const std::uint8_t* buf,
                                    std::size_t frag_offset, std::size_t frag_size) {
   const int res = voldbsup_unformat_record(db, r, buf, frag_offset, frag_size, cb_add_new_record);
+  if (to_keep_ != nullptr) {
+    keep_fields(to_keep_);
+    to_keep_ = nullptr;
+  }
   // Fields of a type without room of its own are not kept.
   release_decoded(0, nullptr);
   return res;
 }
 
+void config_report::keep_fields(record* rec) {
+  const std::size_t n = record_room(rec->type);
+  const auto* fields = reinterpret_cast<const std::uint8_t*>(scratch_.get());
+  if (holds_heap_member(fields, heap_offsets(rec->type_word))) {
+    // The structure keeps its heap members: they are released with it.
+    void* u = arena_alloc(n);
+    if (u == nullptr) die_nomem(s);
+    std::memcpy(u, fields, n);
+    rec->u = u;
+    own_fields_.push_back(rec);
+    scratch_used_ = false;
+    return;
+  }
+  std::uint8_t packed[packed_size_max(sizeof(urec))];
+  const std::size_t len = pack_fields(fields, n, packed);
+  void* p = arena_alloc(len, 1);
+  if (p == nullptr) die_nomem(s);
+  std::memcpy(p, packed, len);
+  rec->packed = static_cast<const std::uint8_t*>(p);
+}
+
 int config_report::add_new_record(db_record* r, int rec_namespace, volrid_t rid,
                                   const char* rname, voldguid_t /*guid*/, void** rawpp) {
   const int type = static_cast<int>(r->dbr_type & 15);
-  const std::size_t room = record_room(type);
-  void* mem = arena_alloc(sizeof(record));
+  const bool pack = pack_records && (type == REC_TYPE_VOL || type == REC_TYPE_PLEX ||
+                                     type == REC_TYPE_SD || type == REC_TYPE_DM);
+  const std::size_t room = pack ? 0 : record_room(type);
+  void* mem = arena_alloc(sizeof(record), alignof(record));
   void* u = room != 0 ? arena_alloc(room) : nullptr;
   if (mem == nullptr || (room != 0 && u == nullptr)) die_nomem(s);
   record* rec = new (mem) record{};
   rec->u = u;
+  if (u != nullptr) own_fields_.push_back(rec);
   rec->dbrec = r;
   rec->type = type;
   rec->rid = rid;
@@ -272,6 +359,7 @@ int config_report::add_new_record(db_record* r, int rec_namespace, volrid_t rid,
     scratch_used_ = true;
     scratch_type_ = r->dbr_type;
     *rawpp = scratch_.get();
+    if (pack) to_keep_ = rec;
   }
   if (rlast != nullptr) {
     rlast->next = rec;
@@ -474,6 +562,7 @@ int priv_dump_config(session& s, priv_info* priv, int copy, bool print) {
 
   config_report rep(s);
   rep.print_report = print;
+  rep.pack_records = true;
   return priv_load_config(s, priv, cp, rep);
 }
 

@@ -32,6 +32,7 @@
 #include "base/session.h"
 #include "base/types.h"
 #include "config_db/block_store.h"
+#include "config_db/record_layouts.h"
 #include "config_db/records.h"
 #include "base/priv_info.h"
 #include "report/overview.h"
@@ -54,6 +55,9 @@ struct record {
   char name[32] = {};     // NUL-terminated
   void* u = nullptr;      // decoded fields: record_room(type) bytes, or null
   std::uint32_t type_word = 0;  // the store type word when the record was placed
+  // The decoded fields packed (pack_fields), when the load keeps them so
+  // (config_report::pack_records) and `u` is null.
+  const std::uint8_t* packed = nullptr;
 
   // The decoded fields in the structure of the record's type. REQUIRES: the
   // record's type is the one named.
@@ -72,6 +76,29 @@ struct record {
 
 // The collected record of a store record, or null.
 inline record* record_of(const db_record* r) { return static_cast<record*>(r->dbr_private); }
+
+// The packed form of a decoded structure of `n` bytes: a bit per 8-byte
+// word of the structure (set when the word is not zero), then the words
+// whose bit is set, in order. `out` has room for packed_size_max(n) bytes;
+// returns the length written.
+constexpr std::size_t packed_size_max(std::size_t n) { return (n + 7) / 8 * 8 + (n + 63) / 64; }
+std::size_t pack_fields(const std::uint8_t* s, std::size_t n, std::uint8_t* out);
+// Bytes [off, off + len) of the `n`-byte structure packed at `packed`.
+void unpack_bytes(const std::uint8_t* packed, std::size_t n, std::size_t off, std::size_t len,
+                  void* out);
+
+// Bytes [off, off + len) of the decoded fields of `rec` (its structure or
+// its packed form); zeros when it has none.
+void record_bytes(const record* rec, std::size_t off, std::size_t len, void* out);
+template <class T>
+T record_member(const record* rec, std::size_t off) {
+  T v;
+  record_bytes(rec, off, sizeof v, &v);
+  return v;
+}
+// The decoded fields of `rec`: its structure, or its packed form unpacked
+// into `scratch`; null when it has none.
+const void* record_fields(const record* rec, urec& scratch);
 
 // The state of one configuration load and its report.
 class config_report {
@@ -92,6 +119,12 @@ class config_report {
   overview_state view;  // the report's model
   // Print the report (else only raise its findings).
   bool print_report = true;
+  // Keep the fields of volumes, plexes, subdisks and disk media packed
+  // (record::packed) instead of in structures of their own; set before the
+  // load by loads that read fields only through record_bytes and
+  // record_fields (the report). A record whose fields hold heap members
+  // keeps its structure.
+  bool pack_records = false;
   // The copy being loaded, for the places of findings; null when unknown.
   const priv_info* priv = nullptr;
   const copy_info* copy = nullptr;
@@ -130,7 +163,14 @@ class config_report {
 
   // Zeroed memory for records and their fields, in blocks of ARENA_BLOCK
   // bytes; null when memory is exhausted.
-  void* arena_alloc(std::size_t size);
+  void* arena_alloc(std::size_t size, std::size_t align = alignof(std::max_align_t));
+  // Keeps the scratch structure's fields for `rec` (packed when it can).
+  void keep_fields(record* rec);
+  const std::vector<std::size_t>& heap_offsets(std::uint32_t type_word);
+  std::vector<std::size_t> heap_offsets_[RTYPE_CODE_MASK + 1];
+  bool heap_known_[RTYPE_CODE_MASK + 1] = {};
+  record* to_keep_ = nullptr;  // placed during the current fragment
+  std::vector<record*> own_fields_;  // the records whose `u` is theirs
   static constexpr std::size_t ARENA_BLOCK = std::size_t{1} << 20;
   struct arena_free {
     void operator()(std::uint8_t* p) const { std::free(p); }

@@ -2,12 +2,14 @@
 // header, block map and the record details, in the report's fixed order.
 #include "report/overview.h"
 
+#include <cstddef>
 #include <cstring>
 #include <string>
 
 #include <algorithm>
 
 #include "codec/text_forms.h"
+#include "io/out_buffer.h"
 #include "report/copy_loading.h"
 #include "report/overview_index.h"
 #include "report/record_printer.h"
@@ -33,16 +35,17 @@ namespace {
 constexpr int TREE_LEVEL = 4;
 
 void print_block_map(FILE* out, const dbase* db, int showfree) {
+  out_buffer ob(out, std::size_t{1} << 18);
   if (showfree != 0) {
     for (std::size_t b = 0; b < db->ddb_nblocks; ++b) {
-      print_block(out, db, b, &ddb_block(db, b), showfree);
+      print_block(ob, db, b, &ddb_block(db, b), showfree);
     }
     return;
   }
   // Blocks the store never touched are free and print nothing.
   for (std::size_t b = ddb_block_next(db, 0); b != DDB_NOBLOCK && b < db->ddb_nblocks;
        b = ddb_block_next(db, b + 1)) {
-    print_block(out, db, b, &ddb_block(db, b), showfree);
+    print_block(ob, db, b, &ddb_block(db, b), showfree);
   }
 }
 
@@ -67,20 +70,32 @@ sview* node_pool::new_sview(db_record* r, int diff) {
 }
 
 void listprint(FILE* out, const reclist* head) {
-  for (; head != nullptr; head = head->next) std::fprintf(out, "    %s\n", rec_name(head->r));
+  out_buffer ob(out);
+  for (; head != nullptr; head = head->next) {
+    ob.lit("    ");
+    ob.puts(rec_name(head->r));
+    ob.putc('\n');
+  }
 }
 
 void tree_printer::printsview(const sview* p, int ilen) {
+  walk(p, ilen);
+  ob_.flush();
+}
+
+void tree_printer::walk(const sview* p, int ilen) {
   for (;;) {
     // The root of a copy without a disk-group record has no line.
     if (p->r != nullptr) {
       const char* name = rec_name(p->r);
       if (p->diff == 0) {
-        std::fprintf(s_.out, "%s%s", indent_, name);
-        printsviewrecordinfo(s_.out, p->r);
+        ob_.puts(indent_);
+        ob_.puts(name);
+        printsviewrecordinfo(ob_, p->r);
       } else if (next_ != last_) {
         // The node's finding: its name and mark, after the tree's drawing.
-        std::fputs(indent_, s_.out);
+        ob_.puts(indent_);
+        ob_.flush();
         raise_finding(s_, next_->f);
         ++next_;
       }
@@ -89,35 +104,46 @@ void tree_printer::printsview(const sview* p, int ilen) {
     if (p->dlink != nullptr) {
       if (ilen != 0) std::memset(indent_ + ilen - 3, ' ', 3);
       std::strcat(indent_, "|---");
-      printsview(p->dlink, ilen + TREE_LEVEL);
+      walk(p->dlink, ilen + TREE_LEVEL);
       indent_[ilen] = '\0';
       if (ilen != 0) std::memcpy(indent_ + ilen - 3, "---", 3);
     }
     if (p->rlink == nullptr || ilen == 0) return;
     // A line of the vertical bars down to this level's "|".
     indent_[ilen - 3] = '\0';
-    std::fprintf(s_.out, "%s\n", indent_);
+    ob_.puts(indent_);
+    ob_.putc('\n');
     indent_[ilen - 3] = '-';
     p = p->rlink;
   }
 }
 
 void printsviewrecordinfo(FILE* out, const db_record* r) {
+  out_buffer ob(out, out_buffer::MAX_RESERVE);
+  printsviewrecordinfo(ob, r);
+}
+
+void printsviewrecordinfo(out_buffer& ob, const db_record* r) {
   const record* rec = record_of(r);
   voff_t len = 0;
   bool sized = false;
   if (rec != nullptr && rec->type == REC_TYPE_VOL) {
-    len = rec->vol()->v_len;
+    len = record_member<voff_t>(rec, offsetof(volrec, v_len));
     sized = true;
   } else if (rec != nullptr && rec->type == REC_TYPE_SD) {
-    len = rec->sd()->sd_len;
+    len = record_member<voff_t>(rec, offsetof(sdrec, sd_len));
     sized = true;
   }
   if (sized) {
-    char lenbuf[24];
-    std::fprintf(out, "   (%s/%sMB)", vofftostr(len, lenbuf), vofftostr(len / 2048));
+    char* p = ob.reserve(64);
+    p = std::copy_n("   (", 4, p);
+    p = put_voff(p, len);
+    *p++ = '/';
+    p = put_voff(p, len / 2048);
+    p = std::copy_n("MB)", 3, p);
+    ob.commit(p);
   }
-  std::fputs("\n", out);
+  ob.putc('\n');
 }
 
 void print_header(FILE* out, const dbase* db, const voldb_info* hdr) {
@@ -154,21 +180,34 @@ void print_header(FILE* out, const dbase* db, const voldb_info* hdr) {
 }
 
 void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* b, int showfree) {
+  out_buffer ob(out, out_buffer::MAX_RESERVE);
+  print_block(ob, db, blkno, b, showfree);
+}
+
+void print_block(out_buffer& ob, const dbase* db, std::size_t blkno, const db_block* b,
+                 int showfree) {
   if (blkno < db->ddb_hdrsize / db->ddb_blksize) return;
-  if (b->dbb_record == nullptr && b->dbb_flag == 0) {
-    if (showfree != 0) std::fprintf(out, "#Block %4lu: free\n", static_cast<unsigned long>(blkno));
-    return;
+  const bool is_free = b->dbb_record == nullptr && b->dbb_flag == 0;
+  if (is_free && showfree == 0) return;
+  char* p = ob.reserve(160);
+  p = std::copy_n("#Block ", 7, p);
+  p = out_buffer::udec(p, static_cast<unsigned long>(blkno), 4);
+  if (is_free) {
+    p = std::copy_n(": free\n", 7, p);
+    return ob.commit(p);
   }
-  // "#Block %4lu: " and the rest of the line, in one call.
+  p = std::copy_n(": flag=0x", 9, p);
+  p = out_buffer::hex(p, static_cast<unsigned>(b->dbb_flag), 4);
   if (b->dbb_record != nullptr) {
-    std::fprintf(out, "#Block %4lu: flag=0x%04x ref=%-4lu offset=%-4lu frag_size=%-4lu\n",
-                 static_cast<unsigned long>(blkno), static_cast<unsigned>(b->dbb_flag),
-                 b->dbb_record->dbr_ref, static_cast<unsigned long>(b->dbb_offset),
-                 static_cast<unsigned long>(b->dbb_frag_size));
-  } else {
-    std::fprintf(out, "#Block %4lu: flag=0x%04x\n", static_cast<unsigned long>(blkno),
-                 static_cast<unsigned>(b->dbb_flag));
+    p = std::copy_n(" ref=", 5, p);
+    p = out_buffer::udec_left(p, b->dbb_record->dbr_ref, 4);
+    p = std::copy_n(" offset=", 8, p);
+    p = out_buffer::udec_left(p, static_cast<unsigned long>(b->dbb_offset), 4);
+    p = std::copy_n(" frag_size=", 11, p);
+    p = out_buffer::udec_left(p, static_cast<unsigned long>(b->dbb_frag_size), 4);
   }
+  *p++ = '\n';
+  ob.commit(p);
 }
 
 namespace {
@@ -206,17 +245,22 @@ void tree_findings(overview_state& st, const sview* p) {
   }
 }
 
-// The update tid of a record whose long format is printed, or null.
-const volseqno_t* update_tid(const db_record* r) {
+// The update tid of a record whose long format is printed into `tid`;
+// false for the other records.
+bool update_tid(const db_record* r, volseqno_t& tid) {
   const record* rec = record_of(r);
-  if (rec == nullptr) return nullptr;
+  if (rec == nullptr) return false;
+  std::size_t off = 0;
   switch (rec->type) {
-    case REC_TYPE_VOL: return &rec->vol()->v_update_tid;
-    case REC_TYPE_PLEX: return &rec->plex()->pl_update_tid;
-    case REC_TYPE_SD: return &rec->sd()->sd_update_tid;
-    case REC_TYPE_DM: return &rec->dm()->dm_update_tid;
-    default: return nullptr;
+    case REC_TYPE_VOL: off = offsetof(volrec, v_update_tid); break;
+    case REC_TYPE_PLEX: off = offsetof(plexrec, pl_update_tid); break;
+    case REC_TYPE_SD: off = offsetof(sdrec, sd_update_tid); break;
+    case REC_TYPE_DM: off = offsetof(dmrec, dm_update_tid); break;
+    default: return false;
   }
+  if (rec->u == nullptr && rec->packed == nullptr) return false;
+  tid = record_member<volseqno_t>(rec, off);
+  return true;
 }
 
 // The later of two tids in the store's circular order: `tid` replaces
@@ -269,8 +313,10 @@ void collect_finding(overview_state& st, const db_record* r, bool extra_dg) {
 }
 
 void add_duplicate_id(overview_state& st, const db_record* a, const db_record* b) {
-  const dmrec* da = record_of(a)->dm();
-  const dmrec* db = record_of(b)->dm();
+  urec fa;
+  urec fb;
+  const auto* da = static_cast<const dmrec*>(record_fields(record_of(a), fa));
+  const auto* db = static_cast<const dmrec*>(record_fields(record_of(b), fb));
   finding f = record_finding(st, finding_code::duplicate_disk_id, a);
   f.text = finding_textf("!! Disks %s and %s have duplicate id: %s !!", da->dm_name, db->dm_name,
                          da->dm_diskid);
@@ -301,8 +347,9 @@ void overview_finish(overview_state& st, const voldb_info& hdr, int m_qzmake_for
   count_finding(st, finding_code::dm_count, st.dm_cnt, c.vs_dm_cnt, "dm");
 
   if (m_qzmake_format == 0) {
+    volseqno_t tid;
     for (const db_record* r : details_order(st)) {
-      if (const volseqno_t* tid = update_tid(r)) track_tid(st.max_tid, *tid);
+      if (update_tid(r, tid)) track_tid(st.max_tid, tid);
     }
   }
   const auto above =
@@ -355,7 +402,9 @@ void print_overview(session& s, dbase* db, const voldb_info& hdr, const overview
   std::fputs("#\n", out);
 
   record_printer pr(out, s.m_qzmake_format);
+  pr.hold();
   print_details_indexed(pr, db, details_order(st));
+  pr.release();
   raise_at(s, next, end, report_place::end);
 }
 

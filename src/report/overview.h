@@ -28,6 +28,7 @@
 #include "config_db/block_store.h"
 #include "config_db/records.h"
 #include "io/findings.h"
+#include "io/out_buffer.h"
 
 namespace pd {
 
@@ -101,12 +102,15 @@ struct placed_finding {
 class tree_printer {
  public:
   tree_printer(session& s, const placed_finding* first, const placed_finding* last)
-      : s_(s), next_(first), last_(last) {}
+      : s_(s), ob_(s.out), next_(first), last_(last) {}
   void printsview(const sview* p, int ilen);
   const char* indent() const { return indent_; }
 
  private:
+  void walk(const sview* p, int ilen);
+
   session& s_;
+  out_buffer ob_;  // flushed before each finding and at the end
   const placed_finding* next_;
   const placed_finding* last_;
   char indent_[80] = {};
@@ -115,9 +119,12 @@ class tree_printer {
 // The size suffix of a tree line ("   (len/NMB)" for volumes and subdisks)
 // and the newline.
 void printsviewrecordinfo(FILE* out, const db_record* r);
+void printsviewrecordinfo(out_buffer& ob, const db_record* r);
 void print_header(FILE* out, const dbase* db, const voldb_info* hdr);
 // `blkno` is the index of `b` in the store's block array.
 void print_block(FILE* out, const dbase* db, std::size_t blkno, const db_block* b, int showfree);
+void print_block(out_buffer& ob, const dbase* db, std::size_t blkno, const db_block* b,
+                 int showfree);
 
 // The record counters start from the header's claims, any 32-bit value, and
 // wrap as 32-bit two's complement integers.

@@ -179,6 +179,7 @@ struct gathered {
 // Asks for the memory gather() reads of a record, ahead of time: the
 // records lie scattered, and waiting for each in turn dominates.
 void prefetch_facts(const record* rec) {
+  if (rec != nullptr && rec->packed != nullptr) __builtin_prefetch(rec->packed);
   if (rec == nullptr || rec->u == nullptr) return;
   const auto* u = static_cast<const char*>(rec->u);
   switch (rec->type) {
@@ -217,21 +218,27 @@ void gather(dbase* db, overview_state& st, gathered& g) {
     switch (rec->type) {
       case REC_TYPE_VOL: {
         st.v_cnt = wrapping_sub(st.v_cnt, 1);
-        const volrec* v = rec->vol();
-        g.vol.add(rec->name, {r, seqno_value(v->v_rid), 0, static_cast<int>(v->v_pl_num)});
+        const auto rid = record_member<volrid_t>(rec, offsetof(volrec, v_rid));
+        const auto pl_num = record_member<decltype(volrec::v_pl_num)>(rec, offsetof(volrec, v_pl_num));
+        g.vol.add(rec->name, {r, seqno_value(rid), 0, static_cast<int>(pl_num)});
         break;
       }
       case REC_TYPE_PLEX: {
         st.pl_cnt = wrapping_sub(st.pl_cnt, 1);
-        const plexrec* pl = rec->plex();
+        const auto rid = record_member<volrid_t>(rec, offsetof(plexrec, pl_rid));
+        const auto vol_rid = record_member<volrid_t>(rec, offsetof(plexrec, pl_vol_rid));
+        const auto sd_num =
+            record_member<decltype(plexrec::pl_sd_num)>(rec, offsetof(plexrec, pl_sd_num));
         // A plex is always expected to have at least one subdisk.
-        const int expected = pl->pl_sd_num == 0 ? 1 : static_cast<int>(pl->pl_sd_num);
-        g.plex.add(rec->name, {r, seqno_value(pl->pl_rid), seqno_value(pl->pl_vol_rid), expected});
+        const int expected = sd_num == 0 ? 1 : static_cast<int>(sd_num);
+        g.plex.add(rec->name, {r, seqno_value(rid), seqno_value(vol_rid), expected});
         break;
       }
       case REC_TYPE_SD:
         st.sd_cnt = wrapping_sub(st.sd_cnt, 1);
-        g.sd.add(rec->name, {r, 0, seqno_value(rec->sd()->sd_plex_rid), 0});
+        g.sd.add(rec->name,
+                 {r, 0, seqno_value(record_member<volrid_t>(rec, offsetof(sdrec, sd_plex_rid))),
+                  0});
         break;
       case REC_TYPE_DM:
         st.dm_cnt = wrapping_sub(st.dm_cnt, 1);
@@ -333,16 +340,19 @@ void overview_build_indexed(dbase* db, overview_state& st) {
 }
 
 void find_duplicate_ids(overview_state& st) {
-  std::vector<const dmrec*> dms;
   std::vector<const db_record*> recs;
+  for (const reclist* l = st.dmlist; l != nullptr; l = l->next) recs.push_back(l->r);
+  const std::size_t n = recs.size();
+  // Each disk id with a terminator of its own after its member.
+  constexpr std::size_t ID = sizeof(dmrec::dm_diskid) + 1;
+  std::vector<char> ids(n * ID);
   std::vector<sort_key> keys;
-  for (const reclist* l = st.dmlist; l != nullptr; l = l->next) {
-    recs.push_back(l->r);
-    dms.push_back(record_of(l->r)->dm());
-    keys.emplace_back(dms.back()->dm_diskid, keys.size());
+  keys.reserve(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    record_bytes(record_of(recs[i]), offsetof(dmrec, dm_diskid), ID - 1, &ids[i * ID]);
+    keys.emplace_back(&ids[i * ID], i);
   }
   sort_keys(keys);
-  const std::size_t n = dms.size();
   std::vector<index_t> where(n);      // position of each disk in keys
   std::vector<index_t> group_end(n);  // end of the group of keys[p]
   for (std::size_t g = 0, e = 0; g < n; g = e) {
@@ -381,6 +391,11 @@ void prefetch_record(const db_record* r, int stage) {
   if (rec == nullptr) return;
   if (stage == 1) {
     __builtin_prefetch(rec);
+    return;
+  }
+  if (rec->packed != nullptr) {
+    __builtin_prefetch(rec->packed);
+    __builtin_prefetch(rec->packed + 64);
     return;
   }
   if (rec->u == nullptr) return;

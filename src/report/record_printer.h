@@ -8,14 +8,18 @@
 // labelled lines built from the decoded fields. Volume flag words wrap so
 // that no line passes column 78; continuation lines start with nine blanks.
 //
-// Wide strings go through the C library's "%ls" under the current locale.
+// Wide strings go through the C library's "%ls" under the current locale;
+// the frequent lines are formatted by hand into the printer's buffer
+// (io/out_buffer.h), which is written out at the end of each print call.
 #pragma once
 
 #include <cstdio>
+#include <memory>
 
 #include "base/types.h"
 #include "config_db/block_store.h"
 #include "config_db/records.h"
+#include "io/out_buffer.h"
 #include "report/tag_printer.h"
 
 namespace pd {
@@ -26,7 +30,16 @@ inline constexpr int FLAG_WRAP_COLUMN = 78;
 class record_printer {
  public:
   explicit record_printer(FILE* out, int m_qzmake_format = 0)
-      : out_(out), m_qzmake_format_(m_qzmake_format) {}
+      : ob_(out, std::size_t{1} << 18), m_qzmake_format_(m_qzmake_format) {}
+
+  // While held, what is printed stays in the printer's buffer until it
+  // fills (for a run of records); release() writes it out. Unheld, every
+  // print call leaves its text in the stream.
+  void hold() { hold_ = true; }
+  void release() {
+    hold_ = false;
+    ob_.flush();
+  }
 
   void print_record(const dbase* db, const db_record* r);
 
@@ -44,8 +57,13 @@ class record_printer {
 
  private:
   void print_fields(int type, const void* u);
+  void done() {
+    if (!hold_) ob_.flush();
+  }
 
-  FILE* out_;
+  out_buffer ob_;
+  bool hold_ = false;
+  std::unique_ptr<urec> scratch_ = std::make_unique<urec>();  // packed records unpacked
   int m_qzmake_format_;
   tag_printer tags_;
 };
@@ -59,6 +77,8 @@ struct flag_word {
   const char* word;
 };
 int print_flag_words(FILE* out, unsigned long flags, const flag_word* words, std::size_t n,
+                     int col);
+int print_flag_words(out_buffer& ob, unsigned long flags, const flag_word* words, std::size_t n,
                      int col);
 
 }  // namespace pd
