@@ -6,7 +6,7 @@
 
 _privinspect() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-  local subcommands="logs config headers check scan hexdump records dump locate extract compare map repair"
+  local subcommands="logs config headers check scan hexdump records dump locate extract compare map repair anonymise"
   local global_options="--sector-size --header --json --region --offset --help --version"
   local record_types="volume vol plex subdisk sd disk dm diskgroup dg da rvol
     replica rlink dco snapshot snap stpool info cache vset"
@@ -15,7 +15,7 @@ _privinspect() {
   local sub="" i
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      logs | config | headers | check | scan | hexdump | records | dump | locate | extract | compare | map | repair)
+      logs | config | headers | check | scan | hexdump | records | dump | locate | extract | compare | map | repair | anonymise)
         sub=${COMP_WORDS[i]}
         break
         ;;
@@ -56,6 +56,7 @@ _privinspect() {
     extract) options+=" --force" ;;
     compare | map) options+=" --svg" ;;
     repair) options+=" --dry-run --force" ;;
+    anonymise) options+=" --key --new-key --map --force --with --ids --show" ;;
   esac
   if [[ $cur == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

@@ -16,6 +16,7 @@
 #include "config_db/block_store.h"
 #include "config_db/record_layouts.h"
 #include "driver/driver.h"
+#include "inspect/anon.h"
 #include "inspect/disk_locate.h"
 #include "inspect/inspect.h"
 #include "inspect/json_views.h"
@@ -116,6 +117,26 @@ void scan_image(const std::string& path, int sector_size) {
   }
 }
 
+// anonymise's walk in memory (collect, draw under a fixed key, rewrite):
+// every structure's decoder and encoder on the region's bytes.
+void anonymise_region(const std::string& path, int sector_size) {
+  session s(null_sink(), null_sink());
+  try {
+    inspect_image img(s);
+    img.announce = false;
+    if (!img.open(inspect_target{path, sector_size})) return;
+    std::vector<std::uint8_t> region(img.file_size());
+    region.resize(img.read_at(0, region.data(), region.size()));
+    if (img.holds_header_positions()) img.locate();
+    anon_names names(std::vector<std::uint8_t>(ANON_KEY_BYTES, 0x5a));
+    anon_collect(img, region, names);
+    std::string error;
+    anon_rewrite_stats stats;
+    if (names.resolve(&error)) anon_rewrite(img, region, names, true, &stats, &error);
+  } catch (const fatal_exit&) {
+  }
+}
+
 // privinspect's check: privdiag's path, then the whole region.
 void check_image(const std::string& path, int sector_size) {
   session s(null_sink(), null_sink());
@@ -123,6 +144,7 @@ void check_image(const std::string& path, int sector_size) {
     inspect_check(s, inspect_target{path, sector_size}, true);
   } catch (const fatal_exit&) {
   }
+  anonymise_region(path, sector_size);
 }
 
 // privinspect's locate, then a view through the region it finds.

@@ -15,7 +15,8 @@
 //   flag bit 5  also privinspect's check (privdiag's path, then the
 //               whole-region check: both headers, both TOC chains, every
 //               configuration and log copy), reading through the copy that
-//               decodes when the scan fails
+//               decodes when the scan fails, then anonymise's walk over the
+//               region in memory (collect, draw, rewrite)
 //   flag bit 6  also privinspect's dump as a JSON document, into memory: it
 //               must parse, with an exit_status of 0 to 3 (else abort)
 //   flag bit 7  also privinspect's locate (the partition tables and every

@@ -228,7 +228,7 @@ poke sector=26 offset=0 hex=58
 TEST(InspectArguments, RefusedCommandLinesSayWhy) {
   const std::string& image = good_image();
   const std::string subs =
-      "subcommands: logs config headers check scan hexdump records dump locate extract compare map repair\n";
+      "subcommands: logs config headers check scan hexdump records dump locate extract compare map repair anonymise\n";
   expect_runs({
       {{"bogus", image}, 3, "", "privinspect: unknown subcommand 'bogus'; " + subs},
       {{"--sector-size", "4096"}, 3, "", "privinspect: a subcommand is required; " + subs},

@@ -11,6 +11,8 @@ packages=(
   cmake g++ make pkg-config
   # privinspect's command line and its JSON documents
   libcli11-dev nlohmann-json3-dev
+  # privinspect anonymise's keyed pseudonyms (HMAC-SHA-256 of libcrypto)
+  libssl-dev
   # the tests (python3-jsonschema validates the JSON documents)
   libgtest-dev libgmock-dev python3 python3-jsonschema
   # the map's SVG: well-formed (xmllint) and rendered (rsvg-convert)

@@ -19,6 +19,7 @@
 
 #include "base/errors.h"
 #include "base/session.h"
+#include "inspect/anon.h"
 #include "inspect/extract.h"
 #include "inspect/inspect_compare.h"
 #include "io/messages.h"
@@ -49,6 +50,8 @@ struct cli_values {
   std::vector<std::string> images;  // compare, map
   std::string svg;                  // compare, map
   bool dry_run = false;             // repair
+  pd::anonymise_options anon;       // anonymise
+  bool anon_show = false;
 };
 
 void add_image(CLI::App* sub, cli_values& v) {
@@ -72,6 +75,7 @@ struct subcommands {
   CLI::App* compare;
   CLI::App* map;
   CLI::App* repair;
+  CLI::App* anonymise;
 };
 
 subcommands define(CLI::App& app, cli_values& v) {
@@ -173,6 +177,24 @@ subcommands define(CLI::App& app, cli_values& v) {
   c.repair->add_option("OUT", v.out, "the repaired image to write (never the input)")->required();
   c.repair->add_flag("--dry-run", v.dry_run, "print the plan, write nothing");
   c.repair->add_flag("--force", v.force, "replace OUT (and its log OUT.repair.json) when it exists");
+
+  // A copy that names nothing of the customer's (docs/anonymise.md).
+  c.anonymise = app.add_subcommand(
+      "anonymise", "write IN's region to OUT with every name replaced by a keyed pseudonym, its "
+                   "damage kept; OUT is kept only when check agrees and no original is left");
+  c.anonymise->add_option("IN", v.target.image, "raw image of a region or whole disk")->required();
+  c.anonymise->add_option("OUT", v.anon.out, "the region image to write (never the input)");
+  c.anonymise->add_option("--key", v.anon.key_path, "key file: 64 hex digits (see --new-key)");
+  c.anonymise->add_flag("--new-key", v.anon.new_key, "create the key file first (never over one)");
+  c.anonymise->add_option("--map", v.anon.map_path,
+                          "write the map (pseudonym -> original, JSON) to MAP; never into OUT");
+  c.anonymise->add_flag("--force", v.anon.force, "replace OUT and MAP when they exist");
+  c.anonymise->add_option("--with", v.anon.with,
+                          "another disk of the group (repeatable): its names join the draw, so "
+                          "that every disk anonymised with the same --with list agrees");
+  c.anonymise->add_flag("--ids", v.anon.ids,
+                        "replace record ids, disk ids, group ids and GUIDs too, consistently");
+  c.anonymise->add_flag("--show", v.anon_show, "print IN's anonymisation marker, if it has one");
   return c;
 }
 
@@ -296,6 +318,20 @@ std::vector<inspect_target> compare_targets(const cli_values& v) {
   return out;
 }
 
+// anonymise: --show reads IN only; otherwise OUT and --key are required.
+int run_anonymise(pd::session& s, const cli_values& v) {
+  if (v.anon_show) {
+    if (!v.anon.out.empty() || !v.anon.key_path.empty() || !v.anon.map_path.empty())
+      return usage("anonymise --show takes IN only");
+    return pd::inspect_anonymise_show(s, v.target);
+  }
+  if (v.anon.out.empty()) return usage("anonymise: OUT is required");
+  if (v.anon.key_path.empty()) return usage("anonymise: --key KEYFILE is required");
+  pd::anonymise_options o = v.anon;
+  o.tool_version = PD_VERSION;
+  return pd::inspect_anonymise(s, v.target, o);
+}
+
 int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
   if (c.compare->parsed()) return pd::inspect_compare(s, compare_targets(v), v.svg);
   if (c.map->parsed()) {
@@ -309,6 +345,7 @@ int dispatch(pd::session& s, const subcommands& c, const cli_values& v) {
   if (c.scan->parsed()) return run_scan(s, v);
   if (c.locate->parsed()) return pd::inspect_locate(s, v.target);
   if (c.extract->parsed()) return pd::inspect_extract(s, v.target, v.out, v.force);
+  if (c.anonymise->parsed()) return run_anonymise(s, v);
   int copy = -1;
   if (!copy_number(v, copy)) return pd::INSPECT_USAGE_IO;
   if (c.logs->parsed()) return pd::inspect_logs(s, v.target, copy, v.long_listing);
@@ -336,6 +373,7 @@ int dispatch_json(pd::session& s, const subcommands& c, const cli_values& v,
   }
   if (c.locate->parsed()) return pd::json_locate(s, inv, t);
   if (c.extract->parsed()) return pd::json_extract(s, inv, t, v.out, v.force);
+  if (c.anonymise->parsed()) return usage("anonymise has no JSON form; without --json");
   if (c.headers->parsed()) return pd::json_headers(s, inv, t);
   if (c.check->parsed()) return pd::json_check(s, inv, t);
   if (c.scan->parsed()) return run_scan(s, v, &inv);
@@ -359,7 +397,7 @@ int check_leftovers(const CLI::App& app, const subcommands& c) {
   std::vector<std::string> left = app.remaining(true);
   const CLI::App* chosen = nullptr;
   for (const CLI::App* sub : {c.logs, c.config, c.headers, c.check, c.scan, c.hexdump, c.records,
-                              c.dump, c.locate, c.extract, c.compare, c.map, c.repair}) {
+                              c.dump, c.locate, c.extract, c.compare, c.map, c.repair, c.anonymise}) {
     if (sub->parsed()) chosen = sub;
   }
   if (chosen == nullptr) {

@@ -156,6 +156,13 @@ const std::uint8_t* voldb_prefix_decode(const std::uint8_t* p, const std::uint8_
 int voldbsup_format_header(dbase* db, std::uint8_t* buf, std::size_t len, const voldb_info* vi);
 int voldbsup_unformat_header(dbase* db, const std::uint8_t* buf, std::size_t len,
                              voldb_info* vi);
+// Writes the header again with the groups voldbsup_unformat_header reads
+// for its version (not every major-4 group, as format does), so that a
+// decoded header encodes to the bytes it came from; the bytes after the
+// groups, up to min(len, ddb_hdrsize), are cleared. 0, 139 (major) or 138
+// (does not fit in `len`).
+int voldbsup_reformat_header(const dbase* db, std::uint8_t* buf, std::size_t len,
+                             const voldb_info* vi);
 
 // The placement callback of voldbsup_unformat_record: returns 0 and in
 // *rawpp the structure to decode into (room for voldbsup_struct_size of the

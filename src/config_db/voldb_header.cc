@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <vector>
 
 #include "base/errors.h"
 #include "codec/integers.h"
@@ -176,6 +177,39 @@ int voldbsup_format_header(dbase* db, std::uint8_t* buf, std::size_t len, const 
   std::uint8_t* p = dbf_fmt_tbl(ddb_fields, std::size(ddb_fields), db, buf + VOLDB_MAGIC_LEN);
   p = dbf_fmt_tbl(voldb_info_base_fields, std::size(voldb_info_base_fields), vi, p);
   for (std::size_t i = 0; i < ngroups; ++i) p = dbf_fmt_tbl(groups[i].ftbl, groups[i].nflds, vi, p);
+  return 0;
+}
+
+int voldbsup_reformat_header(const dbase* db, std::uint8_t* buf, std::size_t len,
+                             const voldb_info* vi) {
+  // The groups voldbsup_unformat_header reads for this version, in its order.
+  std::vector<table_ref> groups;
+  const std::uint16_t minor = vi->vdbi_version_minor;
+  switch (vi->vdbi_version_major) {
+    case 3: groups.push_back(major3_groups[0]); break;
+    case 4:
+      groups.push_back({voldb_info_more_fields, std::size(voldb_info_more_fields)});
+      if (minor > 10)
+        groups.push_back({voldb_info_netmirror_fields, std::size(voldb_info_netmirror_fields)});
+      if (minor > 9)
+        groups.push_back({voldb_info_more_fields_nt_minor_1,
+                          std::size(voldb_info_more_fields_nt_minor_1)});
+      if (minor > 16) {
+        for (const table_ref& t : minor17_groups) groups.push_back(t);
+      }
+      break;
+    default: return VE_DB_VERSION;
+  }
+  std::size_t need = VOLDB_MAGIC_LEN + dbf_tblsize(ddb_fields, std::size(ddb_fields), db) +
+                     dbf_tblsize(voldb_info_base_fields, std::size(voldb_info_base_fields), vi);
+  for (const table_ref& t : groups) need += dbf_tblsize(t.ftbl, t.nflds, vi);
+  if (need > len) return VE_DB_FORMAT;
+  std::memcpy(buf, voldb_magic, VOLDB_MAGIC_LEN);
+  std::uint8_t* p = dbf_fmt_tbl(ddb_fields, std::size(ddb_fields), db, buf + VOLDB_MAGIC_LEN);
+  p = dbf_fmt_tbl(voldb_info_base_fields, std::size(voldb_info_base_fields), vi, p);
+  for (const table_ref& t : groups) p = dbf_fmt_tbl(t.ftbl, t.nflds, vi, p);
+  const std::size_t end = std::min(len, std::max(need, db->ddb_hdrsize));
+  std::memset(p, 0, end - need);
   return 0;
 }
 
