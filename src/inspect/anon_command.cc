@@ -14,6 +14,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <string_view>
 #include <unordered_map>
 
 #include "inspect/anon.h"
@@ -86,14 +87,28 @@ std::string find_original(const std::vector<std::uint8_t>& bytes, const anon_nam
            static_cast<std::uint32_t>(static_cast<unsigned char>(p[1])) << 8 |
            static_cast<unsigned char>(p[2]);
   };
-  std::unordered_map<std::uint32_t, std::vector<const needle*>> index;
-  for (const needle& n : needles) index[key(n.text.data())].push_back(&n);
+  // Names often share their first bytes (vol01, vol02, ...): each first
+  // three bytes lead to the lengths of the needles that start with them,
+  // and a needle is found by its whole text, so that a position costs a
+  // lookup per length, not a comparison per needle.
+  std::unordered_map<std::uint32_t, std::vector<std::size_t>> lengths;
+  std::unordered_map<std::string_view, const needle*> by_text;
+  for (const needle& n : needles) {
+    if (!by_text.emplace(n.text, &n).second) continue;
+    std::vector<std::size_t>& l = lengths[key(n.text.data())];
+    if (std::find(l.begin(), l.end(), n.text.size()) == l.end()) l.push_back(n.text.size());
+  }
+  for (auto& [k, l] : lengths) std::sort(l.begin(), l.end());
   const std::string hay = fold(std::string(bytes.begin(), bytes.end()));
-  for (std::size_t i = 0; i + min_searched <= hay.size(); ++i) {
-    auto it = index.find(key(hay.data() + i));
-    if (it == index.end()) continue;
-    for (const needle* n : it->second) {
-      if (hay.compare(i, n->text.size(), n->text) == 0) {
+  const std::string_view h(hay);
+  for (std::size_t i = 0; i + min_searched <= h.size(); ++i) {
+    auto it = lengths.find(key(h.data() + i));
+    if (it == lengths.end()) continue;
+    for (std::size_t len : it->second) {
+      if (len > h.size() - i) break;
+      auto found = by_text.find(h.substr(i, len));
+      if (found != by_text.end()) {
+        const needle* n = found->second;
         return "\"" + *n->value + "\"" + n->form + " at byte " + std::to_string(i);
       }
     }

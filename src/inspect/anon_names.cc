@@ -15,12 +15,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <cstdio>
 
@@ -83,11 +86,15 @@ const char* alphabet_of(anon_class cls, char c) {
 
 bool anon_names::resolve(std::string* error) {
   std::set<std::string> folded;  // every value, case folded
-  std::unordered_set<std::string> searched;
+  std::unordered_set<std::string_view> searched;  // into `folded`
+  std::vector<std::size_t> searched_lengths;      // their lengths, ascending
   for (const auto& [v, p] : map_) {
-    folded.insert(fold(v));
-    if (v.size() >= min_searched) searched.insert(fold(v));
+    const std::string& f = *folded.insert(fold(v)).first;
+    if (f.size() < min_searched || !searched.insert(f).second) continue;
+    if (std::find(searched_lengths.begin(), searched_lengths.end(), f.size()) == searched_lengths.end())
+      searched_lengths.push_back(f.size());
   }
+  std::sort(searched_lengths.begin(), searched_lengths.end());
   if (rid_trie_ && !rid_trie_->resolve(error)) return false;
   for (auto& [v, p] : rids_) {
     const auto dot = v.find('.');
@@ -106,11 +113,14 @@ bool anon_names::resolve(std::string* error) {
     for (auto& [v, p] : map_) {
       p = trie_pseudonym(v, n);
       const std::string fp = fold(p);
-      // Every piece of 3 or more characters of the pseudonym, looked up.
+      // Every piece of the pseudonym as long as a searched value, looked up.
+      const std::string_view fv(fp);
       bool hits = false;
-      for (std::size_t i = 0; i + min_searched <= fp.size() && !hits; ++i) {
-        for (std::size_t len = min_searched; i + len <= fp.size() && !hits; ++len)
-          hits = searched.count(fp.substr(i, len)) != 0;
+      for (std::size_t i = 0; i + min_searched <= fv.size() && !hits; ++i) {
+        for (std::size_t len : searched_lengths) {
+          if (i + len > fv.size() || hits) break;
+          hits = searched.count(fv.substr(i, len)) != 0;
+        }
       }
       if (p == v || folded.count(fp) != 0 || !taken.insert(fp).second || hits) {
         bad = v;
@@ -186,29 +196,40 @@ const std::string& anon_names::pseudonym(const std::string& value) const {
 }
 
 std::string anon_map_text(const anon_names& names, const std::string& text) {
-  // Longest first, so that "vol1-01" wins over "vol1".
-  std::vector<const std::pair<const std::string, std::string>*> by_len;
-  for (const auto& e : names.map()) by_len.push_back(&e);
-  for (const auto& e : names.rids()) by_len.push_back(&e);
-  std::stable_sort(by_len.begin(), by_len.end(),
-                   [](auto* a, auto* b) { return a->first.size() > b->first.size(); });
+  // Longest first, so that "vol1-01" wins over "vol1": the values by their
+  // text, and for each first byte the lengths of the values that start
+  // with it, longest first (a position costs a lookup per length).
+  std::unordered_map<std::string_view, const std::string*> by_text;
+  std::array<std::vector<std::size_t>, 256> lengths;
+  auto index = [&](const auto& list) {
+    for (const auto& [v, p] : list) {
+      if (!by_text.emplace(v, &p).second) continue;
+      std::vector<std::size_t>& l = lengths[static_cast<unsigned char>(v[0])];
+      if (std::find(l.begin(), l.end(), v.size()) == l.end()) l.push_back(v.size());
+    }
+  };
+  index(names.map());
+  index(names.rids());
+  for (auto& l : lengths) std::sort(l.rbegin(), l.rend());
   auto word = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; };
+  const std::string_view t(text);
   std::string out;
-  for (std::size_t i = 0; i < text.size();) {
+  for (std::size_t i = 0; i < t.size();) {
     bool hit = false;
-    if (i == 0 || !word(text[i - 1]) || !word(text[i])) {
-      for (const auto* e : by_len) {
-        const std::string& v = e->first;
-        if (text.compare(i, v.size(), v) != 0) continue;
-        const std::size_t end = i + v.size();
-        if (end < text.size() && word(text[end]) && word(v.back())) continue;
-        out += e->second;
+    if (i == 0 || !word(t[i - 1]) || !word(t[i])) {
+      for (std::size_t len : lengths[static_cast<unsigned char>(t[i])]) {
+        if (len > t.size() - i) continue;
+        auto found = by_text.find(t.substr(i, len));
+        if (found == by_text.end()) continue;
+        const std::size_t end = i + len;
+        if (end < t.size() && word(t[end]) && word(t[end - 1])) continue;
+        out += *found->second;
         i = end;
         hit = true;
         break;
       }
     }
-    if (!hit) out.push_back(text[i++]);
+    if (!hit) out.push_back(t[i++]);
   }
   return out;
 }
