@@ -174,7 +174,7 @@ std::vector<std::string> message_lines(const std::string& err) {
     if (end == std::string::npos) end = err.size();
     const std::string line = err.substr(start, end - start);
     if (!line.empty() && line[0] == '\t' && !lines.empty()) {
-      lines.back() += " " + line.substr(1);
+      lines.back().append(" ").append(line, 1, std::string::npos);
     } else if (!line.empty()) {
       lines.push_back(line);
     }

@@ -165,7 +165,9 @@ void scan_printer::damaged(const scan_entry& e) {
   if (e.truncated) {
     out_.text("only " + std::to_string(e.bytes) + " bytes before the end of the image");
   } else {
-    out_.text("\"" + escape_text(e.found) + "\"");
+    out_.text("\"");
+    out_.text(escape_text(e.found));
+    out_.text("\"");
   }
   if (e.count == 1) {
     out_.text(e.where);
