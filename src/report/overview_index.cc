@@ -415,13 +415,17 @@ std::vector<const db_record*> details_order(const overview_state& st) {
   return order;
 }
 
+void prefetch_details(const std::vector<const db_record*>& order, std::size_t i) {
+  constexpr std::size_t AHEAD = 3;
+  if (i + 3 * AHEAD < order.size()) prefetch_record(order[i + 3 * AHEAD], 0);
+  if (i + 2 * AHEAD < order.size()) prefetch_record(order[i + 2 * AHEAD], 1);
+  if (i + AHEAD < order.size()) prefetch_record(order[i + AHEAD], 2);
+}
+
 void print_details_indexed(record_printer& pr, dbase* db,
                            const std::vector<const db_record*>& order) {
-  constexpr std::size_t AHEAD = 3;
   for (std::size_t i = 0; i < order.size(); ++i) {
-    if (i + 3 * AHEAD < order.size()) prefetch_record(order[i + 3 * AHEAD], 0);
-    if (i + 2 * AHEAD < order.size()) prefetch_record(order[i + 2 * AHEAD], 1);
-    if (i + AHEAD < order.size()) prefetch_record(order[i + AHEAD], 2);
+    prefetch_details(order, i);
     pr.print_record(db, order[i]);
   }
 }
