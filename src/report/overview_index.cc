@@ -106,12 +106,11 @@ struct rec_facts {
   int expected = 0;          // children announced
 };
 
-// One list: its records as they were met, then in list order with nodes.
+// One list: its records as they were met, then in list order.
 struct fact_list {
   std::vector<sort_key> keys;
   key_tails tails;
   std::vector<rec_facts> facts;
-  std::vector<reclist*> nodes;
 
   void reserve(std::size_t n) {
     keys.reserve(n);
@@ -121,33 +120,47 @@ struct fact_list {
     keys.emplace_back(name, keys.size(), tails);
     facts.push_back(f);
   }
-  // Puts the facts in list order and links the list's nodes.
-  reclist* build(node_pool& pool) {
+  // Puts the facts in list order, in place (a copy of a long list would
+  // be the load's peak): each cycle of the permutation followed once.
+  void sort() {
     const std::vector<index_t> order = listadd_order(std::move(keys), tails);
-    std::vector<rec_facts> sorted;
-    sorted.reserve(order.size());
-    reclist* head = nullptr;
-    reclist** link = &head;
-    for (index_t i : order) {
-      sorted.push_back(facts[i]);
-      reclist* node = pool.new_reclist(facts[i].r);
-      nodes.push_back(node);
-      *link = node;
-      link = &node->next;
+    keys = {};
+    tails = {};
+    std::vector<bool> done(order.size(), false);
+    for (std::size_t k = 0; k < order.size(); ++k) {
+      if (done[k]) continue;
+      const rec_facts first = facts[k];
+      for (std::size_t j = k;;) {
+        done[j] = true;
+        const std::size_t from = order[j];
+        if (from == k) {
+          facts[j] = first;
+          break;
+        }
+        facts[j] = facts[from];
+        j = from;
+      }
     }
-    facts = std::move(sorted);
+  }
+  // The list's nodes, in list order; with `taken`, only the records not
+  // taken into the tree have one.
+  reclist* link(node_pool& pool, const std::vector<bool>* taken = nullptr) const {
+    reclist* head = nullptr;
+    reclist** next = &head;
+    for (std::size_t i = 0; i < facts.size(); ++i) {
+      if (taken != nullptr && (*taken)[i]) continue;
+      reclist* node = pool.new_reclist(facts[i].r);
+      *next = node;
+      next = &node->next;
+    }
     return head;
   }
-  // Relinks the list to the nodes not taken into the tree.
-  reclist* rest(const std::vector<bool>& taken) const {
-    reclist* head = nullptr;
-    reclist** link = &head;
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-      if (taken[i]) continue;
-      *link = nodes[i];
-      link = &nodes[i]->next;
-    }
-    *link = nullptr;
+  // A list that the tree takes nothing from: its facts are not needed once
+  // it is linked.
+  reclist* build(node_pool& pool) {
+    sort();
+    reclist* head = link(pool);
+    facts = {};
     return head;
   }
 };
@@ -304,7 +317,7 @@ std::vector<std::pair<sview*, index_t>> attach_plexes(overview_state& st, const 
     children.append(vols[v], v, node_of[i]);
     ++count[v + 1];
   }
-  st.plexlist = g.plex.rest(taken);
+  st.plexlist = g.plex.link(st.pool, &taken);
   // Grouped by volume, list order kept inside each group.
   for (std::size_t v = 0; v < vols.size(); ++v) count[v + 1] += count[v];
   std::vector<std::pair<sview*, index_t>> met(count[vols.size()]);
@@ -331,7 +344,7 @@ void attach_subdisks(overview_state& st, const gathered& g,
     pn->diff = wrapping_sub(pn->diff, 1);
     children.append(pn, p, st.pool.new_sview(f.r, 0));
   }
-  st.sdlist = g.sd.rest(taken);
+  st.sdlist = g.sd.link(st.pool, &taken);
 }
 
 }  // namespace
@@ -345,10 +358,11 @@ reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs) 
 void overview_build_indexed(dbase* db, overview_state& st) {
   gathered g;
   gather(db, st, g);
+  // The volume, plex and subdisk lists keep only what the tree leaves.
   st.dglist = g.dg.build(st.pool);
-  st.vollist = g.vol.build(st.pool);
-  st.plexlist = g.plex.build(st.pool);
-  st.sdlist = g.sd.build(st.pool);
+  g.vol.sort();
+  g.plex.sort();
+  g.sd.sort();
   st.dmlist = g.dm.build(st.pool);
   st.otherlist = g.other.build(st.pool);
 
