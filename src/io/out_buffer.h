@@ -15,6 +15,7 @@
 // snprintf.
 #pragma once
 
+#include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstdio>
@@ -113,10 +114,12 @@ class out_buffer {
   static std::size_t room(int width) {
     return width > 0 && width < 1024 ? static_cast<std::size_t>(width) + 24 : 24;
   }
+  // [t, e) is a conversion of at most 24 characters (the bound also tells
+  // the compiler so).
   static char* pad_left(char* p, const char* t, const char* e, int width, char fill) {
-    const auto n = static_cast<int>(e - t);
-    for (int i = n; i < width; ++i) *p++ = fill;
-    std::memcpy(p, t, static_cast<std::size_t>(n));
+    const std::size_t n = std::min(static_cast<std::size_t>(e - t), std::size_t{24});
+    for (auto i = static_cast<int>(n); i < width; ++i) *p++ = fill;
+    std::memcpy(p, t, n);
     return p + n;
   }
 

@@ -228,7 +228,10 @@ void config_report::release_decoded(std::uint32_t type_word, void* sp) {
     sp = scratch_.get();
     type_word = scratch_type_;
   }
-  if (const rec2field* r2f = find_rec2field(type_word)) voldbf_free_tbl(r2f, sp);
+  // Most records hold no wide or byte string: nothing to walk the layout for.
+  if (holds_heap_member(sp, heap_offsets(type_word))) {
+    if (const rec2field* r2f = find_rec2field(type_word)) voldbf_free_tbl(r2f, sp);
+  }
   if (sp == scratch_.get()) {
     std::memset(static_cast<void*>(scratch_.get()), 0, sizeof(urec));
     scratch_used_ = false;
@@ -320,6 +323,8 @@ void config_report::keep_fields(record* rec) {
     std::memcpy(u, fields, n);
     rec->u = u;
     own_fields_.push_back(rec);
+    // The heap members are the record's now: the scratch starts clear again.
+    std::memset(static_cast<void*>(scratch_.get()), 0, sizeof(urec));
     scratch_used_ = false;
     return;
   }
@@ -349,13 +354,18 @@ int config_report::add_new_record(db_record* r, int rec_namespace, volrid_t rid,
   rec->rec_namespace = rec_namespace;
   rec->type_word = r->dbr_type;
   // At most 31 characters of the name are kept.
-  if (rname != nullptr) std::snprintf(rec->name, sizeof rec->name, "%s", rname);
+  if (rname != nullptr) {
+    const std::size_t n = strnlen(rname, sizeof rec->name - 1);
+    std::memcpy(rec->name, rname, n);
+    rec->name[n] = '\0';
+  }
   r->dbr_private = rec;
   if (rec->u != nullptr) {
     *rawpp = rec->u;
   } else {
+    // The scratch is clear unless a decoding left it in use.
     if (!scratch_) scratch_ = std::make_unique<urec>();
-    std::memset(static_cast<void*>(scratch_.get()), 0, sizeof(urec));
+    if (scratch_used_) std::memset(static_cast<void*>(scratch_.get()), 0, sizeof(urec));
     scratch_used_ = true;
     scratch_type_ = r->dbr_type;
     *rawpp = scratch_.get();

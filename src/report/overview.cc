@@ -348,8 +348,10 @@ void overview_finish(overview_state& st, const voldb_info& hdr, int m_qzmake_for
 
   if (m_qzmake_format == 0) {
     volseqno_t tid;
-    for (const db_record* r : details_order(st)) {
-      if (update_tid(r, tid)) track_tid(st.max_tid, tid);
+    const std::vector<const db_record*> order = details_order(st);
+    for (std::size_t i = 0; i < order.size(); ++i) {
+      prefetch_details(order, i);
+      if (update_tid(order[i], tid)) track_tid(st.max_tid, tid);
     }
   }
   const auto above =

@@ -23,21 +23,28 @@ namespace {
 using index_t = std::uint32_t;
 constexpr index_t NO_INDEX = std::numeric_limits<index_t>::max();
 
+// The rest of the strings longer than their sort key (rare: record names
+// are shorter), which decides ties between keys.
+using key_tails = std::vector<const char*>;
+
 // A string's sort key: its first 32 bytes, zero-padded, as four big-endian
-// words (so comparing keys compares the bytes as strcmp does), the string
-// itself for longer strings, and its position as the last tie-break.
+// words (so comparing keys compares the bytes as strcmp does), the rest of
+// a longer string, and its position as the last tie-break (40 bytes).
 struct sort_key {
   static constexpr std::size_t KEY_BYTES = 32;
   std::uint64_t w[4];
-  const char* s;
   index_t pos;
-  bool longer;  // more than 32 characters: the rest decides ties
+  index_t tail;  // the rest of a longer string in key_tails, else NO_INDEX
 
-  sort_key(const char* str, std::size_t p) : s(str), pos(static_cast<index_t>(p)) {
+  sort_key(const char* str, std::size_t p, key_tails& tails)
+      : pos(static_cast<index_t>(p)), tail(NO_INDEX) {
     unsigned char b[KEY_BYTES] = {};
     const std::size_t n = strnlen(str, KEY_BYTES);
     std::memcpy(b, str, n);
-    longer = n == KEY_BYTES && str[KEY_BYTES] != '\0';
+    if (n == KEY_BYTES && str[KEY_BYTES] != '\0') {
+      tail = static_cast<index_t>(tails.size());
+      tails.push_back(str + KEY_BYTES);
+    }
     for (int i = 0; i < 4; ++i) {
       std::uint64_t v = 0;
       for (int k = 0; k < 8; ++k) v = (v << 8) | b[8 * i + k];
@@ -47,27 +54,29 @@ struct sort_key {
 };
 
 // strcmp's order of the two strings (-1, 0, 1).
-int key_compare(const sort_key& a, const sort_key& b) {
+int key_compare(const sort_key& a, const sort_key& b, const key_tails& tails) {
   for (int i = 0; i < 4; ++i) {
     if (a.w[i] != b.w[i]) return a.w[i] < b.w[i] ? -1 : 1;
   }
-  if (!a.longer && !b.longer) return 0;
-  const int c = std::strcmp(a.s + sort_key::KEY_BYTES, b.s + sort_key::KEY_BYTES);
+  if (a.tail == NO_INDEX && b.tail == NO_INDEX) return 0;
+  // Equal first 32 bytes: a string that is not longer ends right there.
+  const int c = std::strcmp(a.tail == NO_INDEX ? "" : tails[a.tail],
+                            b.tail == NO_INDEX ? "" : tails[b.tail]);
   return (c > 0) - (c < 0);
 }
 
 // strcmp order, equal strings in position order.
-void sort_keys(std::vector<sort_key>& keys) {
-  std::sort(keys.begin(), keys.end(), [](const sort_key& a, const sort_key& b) {
-    const int c = key_compare(a, b);
+void sort_keys(std::vector<sort_key>& keys, const key_tails& tails) {
+  std::sort(keys.begin(), keys.end(), [&tails](const sort_key& a, const sort_key& b) {
+    const int c = key_compare(a, b, tails);
     return c != 0 ? c < 0 : a.pos < b.pos;
   });
 }
 
 // The positions (in adding order) of the names in the order listadd leaves
 // them: see overview_index.h for the rule inside a run of equal names.
-std::vector<index_t> listadd_order(std::vector<sort_key> keys) {
-  sort_keys(keys);
+std::vector<index_t> listadd_order(std::vector<sort_key> keys, const key_tails& tails) {
+  sort_keys(keys, tails);
   const std::size_t n = keys.size();
   std::vector<index_t> order;
   order.reserve(n);
@@ -75,7 +84,7 @@ std::vector<index_t> listadd_order(std::vector<sort_key> keys) {
   index_t first_smaller = NO_INDEX;
   for (std::size_t g = 0, e = 0; g < n; g = e) {
     e = g + 1;
-    while (e < n && key_compare(keys[e], keys[g]) == 0) ++e;
+    while (e < n && key_compare(keys[e], keys[g], tails) == 0) ++e;
     const index_t e1 = keys[g].pos;  // the run's first added
     std::size_t h = g + 1;           // end of the names added while e1 was the head
     if (e1 < first_smaller) {
@@ -97,43 +106,61 @@ struct rec_facts {
   int expected = 0;          // children announced
 };
 
-// One list: its records as they were met, then in list order with nodes.
+// One list: its records as they were met, then in list order.
 struct fact_list {
   std::vector<sort_key> keys;
+  key_tails tails;
   std::vector<rec_facts> facts;
-  std::vector<reclist*> nodes;
 
+  void reserve(std::size_t n) {
+    keys.reserve(n);
+    facts.reserve(n);
+  }
   void add(const char* name, const rec_facts& f) {
-    keys.emplace_back(name, keys.size());
+    keys.emplace_back(name, keys.size(), tails);
     facts.push_back(f);
   }
-  // Puts the facts in list order and links the list's nodes.
-  reclist* build(node_pool& pool) {
-    const std::vector<index_t> order = listadd_order(std::move(keys));
-    std::vector<rec_facts> sorted;
-    sorted.reserve(order.size());
-    reclist* head = nullptr;
-    reclist** link = &head;
-    for (index_t i : order) {
-      sorted.push_back(facts[i]);
-      reclist* node = pool.new_reclist(facts[i].r);
-      nodes.push_back(node);
-      *link = node;
-      link = &node->next;
+  // Puts the facts in list order, in place (a copy of a long list would
+  // be the load's peak): each cycle of the permutation followed once.
+  void sort() {
+    const std::vector<index_t> order = listadd_order(std::move(keys), tails);
+    keys = {};
+    tails = {};
+    std::vector<bool> done(order.size(), false);
+    for (std::size_t k = 0; k < order.size(); ++k) {
+      if (done[k]) continue;
+      const rec_facts first = facts[k];
+      for (std::size_t j = k;;) {
+        done[j] = true;
+        const std::size_t from = order[j];
+        if (from == k) {
+          facts[j] = first;
+          break;
+        }
+        facts[j] = facts[from];
+        j = from;
+      }
     }
-    facts = std::move(sorted);
+  }
+  // The list's nodes, in list order; with `taken`, only the records not
+  // taken into the tree have one.
+  reclist* link(node_pool& pool, const std::vector<bool>* taken = nullptr) const {
+    reclist* head = nullptr;
+    reclist** next = &head;
+    for (std::size_t i = 0; i < facts.size(); ++i) {
+      if (taken != nullptr && (*taken)[i]) continue;
+      reclist* node = pool.new_reclist(facts[i].r);
+      *next = node;
+      next = &node->next;
+    }
     return head;
   }
-  // Relinks the list to the nodes not taken into the tree.
-  reclist* rest(const std::vector<bool>& taken) const {
-    reclist* head = nullptr;
-    reclist** link = &head;
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-      if (taken[i]) continue;
-      *link = nodes[i];
-      link = &nodes[i]->next;
-    }
-    *link = nullptr;
+  // A list that the tree takes nothing from: its facts are not needed once
+  // it is linked.
+  reclist* build(node_pool& pool) {
+    sort();
+    reclist* head = link(pool);
+    facts = {};
     return head;
   }
 };
@@ -199,9 +226,21 @@ void prefetch_facts(const record* rec) {
 
 void gather(dbase* db, overview_state& st, gathered& g) {
   std::vector<db_record*> all;
+  // The records of each type, for lists that take no more room than they
+  // need (the type word lies beside the record's links).
+  std::size_t count[16] = {};
   dbrec_iter it;
   dbrlist_iter(&it, db);
-  while (db_record* r = dbrlist_next(&it)) all.push_back(r);
+  while (db_record* r = dbrlist_next(&it)) {
+    all.push_back(r);
+    ++count[r->dbr_type & 15];
+  }
+  g.vol.reserve(count[REC_TYPE_VOL]);
+  g.plex.reserve(count[REC_TYPE_PLEX]);
+  g.sd.reserve(count[REC_TYPE_SD]);
+  g.dm.reserve(count[REC_TYPE_DM]);
+  g.other.reserve(all.size() - count[REC_TYPE_VOL] - count[REC_TYPE_PLEX] - count[REC_TYPE_SD] -
+                  count[REC_TYPE_DM] - count[REC_TYPE_DG]);
   // Three stages ahead: the store record, its collected record, the fields.
   constexpr std::size_t AHEAD = 4;
   for (std::size_t i = 0; i < all.size(); ++i) {
@@ -278,7 +317,7 @@ std::vector<std::pair<sview*, index_t>> attach_plexes(overview_state& st, const 
     children.append(vols[v], v, node_of[i]);
     ++count[v + 1];
   }
-  st.plexlist = g.plex.rest(taken);
+  st.plexlist = g.plex.link(st.pool, &taken);
   // Grouped by volume, list order kept inside each group.
   for (std::size_t v = 0; v < vols.size(); ++v) count[v + 1] += count[v];
   std::vector<std::pair<sview*, index_t>> met(count[vols.size()]);
@@ -305,7 +344,7 @@ void attach_subdisks(overview_state& st, const gathered& g,
     pn->diff = wrapping_sub(pn->diff, 1);
     children.append(pn, p, st.pool.new_sview(f.r, 0));
   }
-  st.sdlist = g.sd.rest(taken);
+  st.sdlist = g.sd.link(st.pool, &taken);
 }
 
 }  // namespace
@@ -319,10 +358,11 @@ reclist* name_sorted_list(node_pool& pool, const std::vector<db_record*>& recs) 
 void overview_build_indexed(dbase* db, overview_state& st) {
   gathered g;
   gather(db, st, g);
+  // The volume, plex and subdisk lists keep only what the tree leaves.
   st.dglist = g.dg.build(st.pool);
-  st.vollist = g.vol.build(st.pool);
-  st.plexlist = g.plex.build(st.pool);
-  st.sdlist = g.sd.build(st.pool);
+  g.vol.sort();
+  g.plex.sort();
+  g.sd.sort();
   st.dmlist = g.dm.build(st.pool);
   st.otherlist = g.other.build(st.pool);
 
@@ -347,17 +387,18 @@ void find_duplicate_ids(overview_state& st) {
   constexpr std::size_t ID = sizeof(dmrec::dm_diskid) + 1;
   std::vector<char> ids(n * ID);
   std::vector<sort_key> keys;
+  key_tails tails;
   keys.reserve(n);
   for (std::size_t i = 0; i < n; ++i) {
     record_bytes(record_of(recs[i]), offsetof(dmrec, dm_diskid), ID - 1, &ids[i * ID]);
-    keys.emplace_back(&ids[i * ID], i);
+    keys.emplace_back(&ids[i * ID], i, tails);
   }
-  sort_keys(keys);
+  sort_keys(keys, tails);
   std::vector<index_t> where(n);      // position of each disk in keys
   std::vector<index_t> group_end(n);  // end of the group of keys[p]
   for (std::size_t g = 0, e = 0; g < n; g = e) {
     e = g + 1;
-    while (e < n && key_compare(keys[e], keys[g]) == 0) ++e;
+    while (e < n && key_compare(keys[e], keys[g], tails) == 0) ++e;
     for (std::size_t p = g; p < e; ++p) {
       where[keys[p].pos] = static_cast<index_t>(p);
       group_end[p] = static_cast<index_t>(e);
@@ -415,13 +456,17 @@ std::vector<const db_record*> details_order(const overview_state& st) {
   return order;
 }
 
+void prefetch_details(const std::vector<const db_record*>& order, std::size_t i) {
+  constexpr std::size_t AHEAD = 3;
+  if (i + 3 * AHEAD < order.size()) prefetch_record(order[i + 3 * AHEAD], 0);
+  if (i + 2 * AHEAD < order.size()) prefetch_record(order[i + 2 * AHEAD], 1);
+  if (i + AHEAD < order.size()) prefetch_record(order[i + AHEAD], 2);
+}
+
 void print_details_indexed(record_printer& pr, dbase* db,
                            const std::vector<const db_record*>& order) {
-  constexpr std::size_t AHEAD = 3;
   for (std::size_t i = 0; i < order.size(); ++i) {
-    if (i + 3 * AHEAD < order.size()) prefetch_record(order[i + 3 * AHEAD], 0);
-    if (i + 2 * AHEAD < order.size()) prefetch_record(order[i + 2 * AHEAD], 1);
-    if (i + AHEAD < order.size()) prefetch_record(order[i + AHEAD], 2);
+    prefetch_details(order, i);
     pr.print_record(db, order[i]);
   }
 }

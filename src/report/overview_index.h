@@ -51,6 +51,10 @@ void find_duplicate_ids(overview_state& st);
 // The records in the order of the details: the tree in pre-order, then the
 // disk, volume, plex, subdisk and other lists.
 std::vector<const db_record*> details_order(const overview_state& st);
+// Asks for the memory of the records a few places after position `i` of
+// `order` (the store record, the collected record, its fields), for a walk
+// that reads each record of `order` in turn.
+void prefetch_details(const std::vector<const db_record*>& order, std::size_t i);
 // Each record of `order` in the long format; each record's memory is asked
 // for a few records ahead.
 void print_details_indexed(record_printer& pr, dbase* db,
