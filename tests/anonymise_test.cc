@@ -107,6 +107,9 @@ struct anon_case {
 TEST(Anonymise, ReportIsTheInputsWithNamesMapped) {
   const std::vector<anon_case> cases = {
       {"sample", sample(), 512},
+      // check names the image when the primary fails; this one is named
+      // after the group, a name the map replaces
+      {"sampledg", sample() + "hdrcopy primary damage=magic\nhdrcopy alternate\n", 512},
       {"small", small_image(), 512},
       {"header-checksum", small_image("", "1", "b0000002-1234-0002-4041-424344454647", "",
                                       "hdrcopy primary damage=checksum\n"), 512},

@@ -44,13 +44,21 @@ std::string hex_of(const std::string& v) {
 }
 
 // check's whole output and status on `t`.
+// check's text on `t`, with the image's own name in its messages
+// ("privinspect: PATH: ...") written as IMAGE: IN and OUT.tmp have names of
+// their own, and IN's may hold a name that the map replaces.
 std::pair<int, std::string> check_text(const session& like, const inspect_target& t) {
   mem_stream out, err;
   session s(out.f, err.f);
   s.progname = like.progname;
   volsetlabel(s, "qztool:priv");
   const int status = inspect_check(s, t, false);
-  return {status, out.text() + err.text()};
+  std::string text = out.text() + err.text();
+  const std::string named = std::string(like.progname) + ": " + t.image + ": ";
+  const std::string unnamed = std::string(like.progname) + ": IMAGE: ";
+  for (std::size_t at = 0; (at = text.find(named, at)) != std::string::npos; at += unnamed.size())
+    text.replace(at, named.size(), unnamed);
+  return {status, text};
 }
 
 std::string fold(std::string v) {
@@ -211,7 +219,7 @@ int inspect_anonymise(session& s, const inspect_target& t, const anonymise_optio
   // chosen, since OUT is that region.
   auto [in_status, in_text] = check_text(s, t);
   if (img.window_offset() != 0 || t.region != 0 || t.offset_sector >= 0) {
-    const std::string note = std::string(s.progname) + ": " + t.image + ": the private region at";
+    const std::string note = std::string(s.progname) + ": IMAGE: the private region at";
     std::istringstream lines(in_text);
     std::string kept, line;
     while (std::getline(lines, line)) {
