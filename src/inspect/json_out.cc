@@ -207,4 +207,14 @@ void json_writer::close_to(std::size_t depth) {
   while (levels_.size() > depth) close();
 }
 
+void json_envelope_head(json_writer& w, const json_invocation& inv, const char* command) {
+  w.member("schema",
+           {{"name", JSON_SCHEMA_NAME}, {"version", {JSON_SCHEMA_MAJOR, JSON_SCHEMA_MINOR}}});
+  w.member("tool", {{"name", "privinspect"}, {"version", inv.tool_version}});
+  ojson argv = ojson::array();
+  for (const std::string& a : inv.argv) argv.push_back(json_text(a));
+  w.member("argv", argv);
+  w.member("command", command);
+}
+
 }  // namespace pd

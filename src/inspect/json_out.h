@@ -99,4 +99,8 @@ struct json_invocation {
   std::string tool_version;
 };
 
+// The envelope's head, in an object `w` has just opened: schema, tool,
+// argv and command.
+void json_envelope_head(json_writer& w, const json_invocation& inv, const char* command);
+
 }  // namespace pd

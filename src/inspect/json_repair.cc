@@ -105,13 +105,7 @@ std::string document(const json_invocation& inv, const inspect_target& t, const 
   if (m.f == nullptr) return "";
   json_writer w(m.f);
   w.open_object();
-  w.member("schema",
-           {{"name", JSON_SCHEMA_NAME}, {"version", {JSON_SCHEMA_MAJOR, JSON_SCHEMA_MINOR}}});
-  w.member("tool", {{"name", "privinspect"}, {"version", inv.tool_version}});
-  ojson argv = ojson::array();
-  for (const std::string& a : inv.argv) argv.push_back(json_text(a));
-  w.member("argv", argv);
-  w.member("command", "repair");
+  json_envelope_head(w, inv, "repair");
   w.member(
       "image",
       {{"path", json_text(t.image)}, {"size", plan.image_bytes}, {"sector_size", t.sector_size}});

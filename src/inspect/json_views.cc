@@ -57,18 +57,7 @@ class json_run {
     volsetlabel(in, "qztool:priv");
     in.sink = &found;
     w.open_object();
-    ojson schema = ojson::object();
-    schema["name"] = JSON_SCHEMA_NAME;
-    schema["version"] = {JSON_SCHEMA_MAJOR, JSON_SCHEMA_MINOR};
-    w.member("schema", schema);
-    ojson tool = ojson::object();
-    tool["name"] = "privinspect";
-    tool["version"] = inv.tool_version;
-    w.member("tool", tool);
-    ojson argv = ojson::array();
-    for (const std::string& a : inv.argv) argv.push_back(json_text(a));
-    w.member("argv", argv);
-    w.member("command", command);
+    json_envelope_head(w, inv, command);
   }
   json_run(const json_run&) = delete;
   json_run& operator=(const json_run&) = delete;
